@@ -1,0 +1,60 @@
+// Archive: the host-side toolbox behind packing and inspection. It digests staged files, writes a
+// staged directory as an IMX container, and still reads and writes the legacy zip form through the
+// system's /usr/bin/zip and /usr/bin/unzip. Failures that are not file-system errors are thrown as
+// Err; reader errors pass through with the prefix "IMX: ".
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "container/progress.h"
+
+namespace lumora2::Archive {
+
+// Switch values of UNIFIED_CONTAINER that select the legacy zip form; anything else selects IMX.
+inline const std::set<std::string> unifiedFalse{"0", "false", "no", "off"};
+
+// Reads UNIFIED_CONTAINER (trimmed, lower-cased): false exactly when it is in unifiedFalse.
+bool unifiedContainerEnabled();
+
+// SHA-256 as 64 lower-case hex digits, and the number of content bytes hashed.
+struct Digest {
+  std::string sha256;
+  std::uint64_t bytes = 0;
+};
+
+// A file: its bytes, memory-mapped. A directory (a model package): for each regular file below it
+// in ascending relative-name order, the UTF-8 relative name then the file's bytes, no separator;
+// the byte count is the sum of the files' lengths.
+Digest digest(const std::filesystem::path& url, const ProgressFn& progress = {});
+
+// Every regular file below `contentsOf` becomes a member, sorted by NFC name, with a root
+// "manifest.json" moved last. Symbolic links, devices and directories are not members.
+void writeImxContainer(const std::filesystem::path& contentsOf, const std::filesystem::path& to,
+                       const ProgressFn& progress = {});
+
+// The legacy form: /usr/bin/zip -rXq <to> . run inside `contentsOf`.
+void zip(const std::filesystem::path& contentsOf, const std::filesystem::path& to);
+
+// manifest.json of an IMX container, with reader errors rethrown as Err("IMX: " + description).
+std::string readImxManifest(const std::filesystem::path& container);
+// manifest.json of an artifact in either form (IMX by the built-in reader, zip by unzip -p).
+std::string readManifest(const std::filesystem::path& artifact);
+// Lumora2Container::unpack with reader errors rethrown as Err("IMX: " + description).
+std::vector<std::string> unpackImx(const std::filesystem::path& container,
+                                   const std::filesystem::path& to,
+                                   const ProgressFn& progress = {});
+// Unpacks an artifact of either form into `to`; an IMX file never reaches the zip tool.
+void unzip(const std::filesystem::path& artifact, const std::filesystem::path& to,
+           const ProgressFn& progress = {});
+
+// Runs a child with standard output and error on one pipe; returns that output when it exits 0,
+// else throws Err("`exe args…` exited N:\n" + output).
+std::string run(const std::string& executable, const std::vector<std::string>& arguments,
+                const std::optional<std::filesystem::path>& cwd = std::nullopt);
+
+}  // namespace lumora2::Archive
