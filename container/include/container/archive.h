@@ -32,8 +32,32 @@ struct Digest {
 // the byte count is the sum of the files' lengths.
 Digest digest(const std::filesystem::path& url, const ProgressFn& progress = {});
 
+// One member as the writer collects it: its name inside the container (relative, "/"
+// separators), the file its bytes come from, and the size recorded in the table of contents.
+struct StagedMember {
+  std::string name;
+  std::filesystem::path url;
+  std::uint64_t size = 0;
+};
+
+// The members a staging directory yields: every regular file below `dir` (hidden ones included;
+// symbolic links, devices and directories skipped), stable-sorted by NFC name, with a root
+// "manifest.json" moved last. Throws Err("cannot enumerate staging dir …") when `dir` cannot be
+// listed.
+std::vector<StagedMember> stage(const std::filesystem::path& dir);
+
+// Writes `members` in the given order as an IMX container at `to` (replacing it), followed, when
+// `manifest` is given, by a last member "manifest.json" holding those bytes. Throws Err before
+// writing anything when there would be more than 65535 members. The header and table are built in
+// memory; member data is streamed in pieces of at most 1 MiB. A failed write leaves a partial
+// file.
+void writeImxMembers(const std::vector<StagedMember>& members,
+                     const std::optional<std::string>& manifest, const std::filesystem::path& to,
+                     const ProgressFn& progress = {});
+
 // Every regular file below `contentsOf` becomes a member, sorted by NFC name, with a root
 // "manifest.json" moved last. Symbolic links, devices and directories are not members.
+// Equivalent to writeImxMembers(stage(contentsOf), std::nullopt, to).
 void writeImxContainer(const std::filesystem::path& contentsOf, const std::filesystem::path& to,
                        const ProgressFn& progress = {});
 

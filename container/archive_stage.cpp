@@ -1,0 +1,52 @@
+#include <algorithm>
+#include <string>
+#include <system_error>
+
+#include "container/archive.h"
+#include "container/command.h"
+#include "member_names.h"
+#include "staging.h"
+
+namespace lumora2::Archive {
+
+namespace fs = std::filesystem;
+
+std::vector<StagedMember> regularFilesBelow(const fs::path& root) {
+  std::error_code ec;
+  fs::recursive_directory_iterator it(root, fs::directory_options::none, ec);
+  if (ec) throw Err("cannot enumerate staging dir " + root.string());
+
+  const std::string& prefix = root.native();
+  std::vector<StagedMember> found;
+  while (it != fs::recursive_directory_iterator()) {
+    const fs::directory_entry& entry = *it;
+    // symlink_status: a link is never a member, whatever it points at.
+    if (entry.symlink_status().type() == fs::file_type::regular) {
+      std::string name = entry.path().native();
+      if (name.starts_with(prefix)) name.erase(0, prefix.size());
+      name.erase(0, std::min(name.size(), name.find_first_not_of('/')));
+      if (!name.empty()) found.push_back({std::move(name), entry.path(), entry.file_size()});
+    }
+    it.increment(ec);
+    if (ec) throw fs::filesystem_error("cannot enumerate", root, ec);
+  }
+  return found;
+}
+
+void sortByMemberName(std::vector<StagedMember>& files) {
+  std::stable_sort(files.begin(), files.end(), [](const StagedMember& a, const StagedMember& b) {
+    return memberNameLess(a.name, b.name);
+  });
+}
+
+std::vector<StagedMember> stage(const fs::path& dir) {
+  std::vector<StagedMember> members = regularFilesBelow(dir);
+  sortByMemberName(members);
+  // Only the root manifest moves: a nested ".../manifest.json" is ordinary data.
+  auto manifest = std::find_if(members.begin(), members.end(),
+                               [](const StagedMember& m) { return m.name == "manifest.json"; });
+  if (manifest != members.end()) std::rotate(manifest, manifest + 1, members.end());
+  return members;
+}
+
+}  // namespace lumora2::Archive

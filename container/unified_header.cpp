@@ -1,0 +1,33 @@
+#include <ctime>
+#include <string>
+
+#include "container/command.h"
+#include "container/manifest.h"
+#include "json_text.h"
+
+namespace lumora2 {
+
+namespace UnifiedHeader {
+
+std::string stamp(std::string_view manifest, std::string_view engine, std::int64_t engineAbi) {
+  nlohmann::json value = parseJsonText(manifest, "unified-header");
+  if (!value.is_object()) throw Err("unified-header: manifest is not a JSON object");
+  value["engine"] = std::string(engine);
+  value["engine_abi"] = engineAbi;
+  value["unified_format_version"] = 2;
+  value["decoder"] = "decp2v3";
+  return manifestText(value);
+}
+
+}  // namespace UnifiedHeader
+
+std::string isoNowUTC() {
+  std::time_t now = std::time(nullptr);
+  std::tm utc{};
+  gmtime_r(&now, &utc);
+  char text[32];
+  std::size_t n = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
+  return std::string(text, n);
+}
+
+}  // namespace lumora2
