@@ -24,8 +24,11 @@ inline constexpr std::array<std::string_view, 15> kMeasurementKnobNames{
 
 // The process-wide set, built once on first use (thread-safe static initialisation).
 inline const std::unordered_set<std::string>& measurementKnobs() {
-  static const std::unordered_set<std::string> knobs(kMeasurementKnobNames.begin(),
-                                                     kMeasurementKnobNames.end());
+  static const std::unordered_set<std::string> knobs = [] {
+    std::unordered_set<std::string> names;
+    for (std::string_view name : kMeasurementKnobNames) names.emplace(name);
+    return names;
+  }();
   return knobs;
 }
 
