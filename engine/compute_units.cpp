@@ -1,0 +1,70 @@
+// Which compute unit each graph runs on: fixed defaults, overridden per graph by the
+// environment knobs, the four unit names matched exactly.
+#include "engine/compute_units.h"
+
+#include <array>
+#include <utility>
+
+#include "engine/lumora2_engine.h"
+#include "protocol/dev_env.h"
+
+namespace lumora2 {
+
+namespace {
+constexpr std::array<std::pair<std::string_view, ComputeUnits>, 4> kUnitNames{{
+    {"cpuOnly", ComputeUnits::cpuOnly},
+    {"cpuAndGPU", ComputeUnits::cpuAndGPU},
+    {"all", ComputeUnits::all},
+    {"cpuAndNE", ComputeUnits::cpuAndNeuralEngine},
+}};
+}  // namespace
+
+std::optional<ComputeUnits> computeUnitsNamed(std::string_view name) {
+  for (const auto& [unitName, units] : kUnitNames) {
+    if (unitName == name) return units;
+  }
+  return std::nullopt;
+}
+
+std::string_view computeUnitsName(ComputeUnits units) {
+  for (const auto& [unitName, u] : kUnitNames) {
+    if (u == units) return unitName;
+  }
+  return "cpuAndNE";
+}
+
+ComputeUnits Lumora2Engine::cuFromEnv(std::string_view envName, ComputeUnits fallback) {
+  auto value = DevEnv::knob(envName);
+  if (!value) return fallback;
+  return computeUnitsNamed(*value).value_or(fallback);
+}
+
+std::string Lumora2Engine::cuNameFromEnv(std::string_view envName, std::string_view defaultName) {
+  auto value = DevEnv::knob(envName);
+  if (value && computeUnitsNamed(*value)) return *value;
+  return std::string(defaultName);
+}
+
+ComputeUnits Lumora2Engine::cuForModel(std::string_view name) {
+  // First match wins: a name holding both "student" and "w2v" follows the student's knob.
+  static constexpr std::array<std::pair<std::string_view, std::string_view>, 3> kByName{{
+      {"student", "LUMORA2_STUDENT_CU"},
+      {"w2v", "LUMORA2_W2V_CU"},
+      {"audiotokenizer", "LUMORA2_ATOK_CU"},
+  }};
+  for (const auto& [part, knob] : kByName) {
+    if (name.find(part) != std::string_view::npos) {
+      return cuFromEnv(knob, ComputeUnits::cpuAndNeuralEngine);
+    }
+  }
+  return ComputeUnits::cpuAndNeuralEngine;
+}
+
+ComputeUnits Lumora2Engine::cuFromName(std::string_view name) {
+  if (name == "cpuAndGPU") return ComputeUnits::cpuAndGPU;
+  if (name == "all") return ComputeUnits::all;
+  if (name == "cpuOnly") return ComputeUnits::cpuOnly;
+  return ComputeUnits::cpuAndNeuralEngine;
+}
+
+}  // namespace lumora2

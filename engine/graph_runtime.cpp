@@ -1,0 +1,293 @@
+// The one place where the engine meets LibTorch: loading compiled graphs on a device, running
+// them with named arrays, and compiling packages (freeze + save). Every LibTorch error is caught
+// here and turned into the engine's own failure: nothing plus a reason for loading and
+// compiling, PredictionError for prediction.
+#include <sched.h>
+#include <stdlib.h>
+
+#include <ATen/Parallel.h>
+#include <torch/cuda.h>
+#include <torch/script.h>
+
+#include <atomic>
+#include <mutex>
+#include <system_error>
+#include <thread>
+
+#include "container/platform.h"
+#include "engine/graph_model.h"
+
+namespace lumora2 {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::atomic<std::size_t> gCompileCount{0};
+
+// LibTorch's thread pools, set once per process before the first graph is touched. The engine's
+// processing queue runs one prediction at a time, so there is never a second graph to overlap
+// with: inter-op parallelism gets one thread and every core the process may use goes to the
+// intra-op work of the running graph.
+void configureThreadsOnce() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    int cores = 0;
+    cpu_set_t set;
+    if (sched_getaffinity(0, sizeof set, &set) == 0) cores = CPU_COUNT(&set);
+    if (cores <= 0) cores = static_cast<int>(std::thread::hardware_concurrency());
+    if (cores <= 0) cores = 1;
+    try {
+      at::set_num_interop_threads(1);
+    } catch (const std::exception&) {
+      // The inter-op pool already started (the embedder used LibTorch first): keep its size.
+    }
+    at::set_num_threads(cores);
+  });
+}
+
+c10::Device deviceFor(ComputeUnits units) {
+  if (units != ComputeUnits::cpuOnly && torch::cuda::is_available()) {
+    return c10::Device(c10::kCUDA, 0);
+  }
+  return c10::Device(c10::kCPU);
+}
+
+std::string torchText(const c10::Error& e) { return e.what_without_backtrace(); }
+
+std::optional<at::ScalarType> scalarTypeOf(ArrayDataType type) {
+  switch (type) {
+    case ArrayDataType::float32:
+      return at::kFloat;
+    case ArrayDataType::float16:
+      return at::kHalf;
+    case ArrayDataType::int32:
+      return at::kInt;
+    case ArrayDataType::float64:
+      return at::kDouble;
+    case ArrayDataType::int64:
+      return at::kLong;
+  }
+  return std::nullopt;
+}
+
+std::optional<ArrayDataType> arrayTypeOf(at::ScalarType type) {
+  switch (type) {
+    case at::kFloat:
+      return ArrayDataType::float32;
+    case at::kHalf:
+      return ArrayDataType::float16;
+    case at::kInt:
+      return ArrayDataType::int32;
+    case at::kDouble:
+      return ArrayDataType::float64;
+    case at::kLong:
+      return ArrayDataType::int64;
+    default:
+      return std::nullopt;
+  }
+}
+
+std::string shapeText(const std::vector<std::int64_t>& shape) {
+  std::string s = "[";
+  for (std::size_t i = 0; i < shape.size(); ++i) {
+    if (i != 0) s += ",";
+    s += std::to_string(shape[i]);
+  }
+  return s + "]";
+}
+
+// A fresh private directory under the system temporary directory.
+std::optional<fs::path> makeTempDir(std::string* error) {
+  std::string pattern = (systemTempDir() / "lumora2-mlmodelc-XXXXXX").string();
+  if (::mkdtemp(pattern.data()) == nullptr) {
+    if (error != nullptr) {
+      *error = "cannot create a temporary directory in " + systemTempDir().string() + ": " +
+               std::generic_category().message(errno);
+    }
+    return std::nullopt;
+  }
+  return fs::path(pattern);
+}
+
+}  // namespace
+
+struct GraphModel::Impl {
+  torch::jit::Module module;
+  ModelDescription description;
+  ComputeUnits units = ComputeUnits::cpuOnly;
+  c10::Device device{c10::kCPU};
+  std::string label;  // the compiled directory's name, for error texts
+};
+
+GraphModel::GraphModel(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+GraphModel::~GraphModel() = default;
+
+const ModelDescription& GraphModel::description() const { return impl_->description; }
+ComputeUnits GraphModel::computeUnits() const { return impl_->units; }
+std::string GraphModel::deviceName() const { return impl_->device.str(); }
+
+std::shared_ptr<GraphModel> GraphModel::load(const fs::path& compiled, ComputeUnits units,
+                                             std::string* error) {
+  std::string why;
+  try {
+    configureThreadsOnce();
+    auto impl = std::make_unique<Impl>();
+    impl->units = units;
+    impl->label = compiled.filename().string();
+    auto description = ModelDescription::read(compiled / "io.json", &why);
+    if (!description) throw std::runtime_error(why);
+    impl->description = std::move(*description);
+    impl->device = deviceFor(units);
+    impl->module = torch::jit::load((compiled / "model.pt").string(), impl->device);
+    impl->module.eval();
+    // forward must take exactly the described inputs: a mismatch would only surface as a
+    // confusing failure at the first prediction.
+    auto method = impl->module.find_method("forward");
+    if (!method) throw std::runtime_error("the module has no forward method");
+    std::size_t arity = method->function().getSchema().arguments().size() - 1;  // minus self
+    if (arity != impl->description.inputs.size()) {
+      throw std::runtime_error("forward takes " + std::to_string(arity) +
+                               " inputs, io.json describes " +
+                               std::to_string(impl->description.inputs.size()));
+    }
+    return std::shared_ptr<GraphModel>(new GraphModel(std::move(impl)));
+  } catch (const c10::Error& e) {
+    why = torchText(e);
+  } catch (const std::exception& e) {
+    why = e.what();
+  }
+  if (error != nullptr) *error = why;
+  return nullptr;
+}
+
+namespace {
+
+at::Tensor inputTensor(const FeatureDescription& feature, const MultiArray& array,
+                       const std::string& label) {
+  if (array.isNull()) {
+    throw PredictionError("graph " + label + ": input \"" + feature.name + "\" has no storage");
+  }
+  if (feature.multiArray) {
+    const auto& want = *feature.multiArray;
+    if (array.dataType() != want.dataType) {
+      throw PredictionError("graph " + label + ": input \"" + feature.name + "\" is " +
+                            std::string(dataTypeName(array.dataType())) + ", the graph takes " +
+                            std::string(dataTypeName(want.dataType)));
+    }
+    bool fits = want.shape.empty() || want.shape.size() == array.shape().size();
+    for (std::size_t i = 0; fits && i < want.shape.size(); ++i) {
+      fits = want.shape[i] <= 0 || want.shape[i] == array.shape()[i];
+    }
+    if (!fits) {
+      throw PredictionError("graph " + label + ": input \"" + feature.name + "\" has shape " +
+                            shapeText(array.shape()) + ", the graph takes " +
+                            shapeText(want.shape));
+    }
+  }
+  // The tensor reads the caller's elements in place and holds their owner, so that an output
+  // that aliases an input outlives the caller's array safely.
+  auto options = at::TensorOptions().dtype(*scalarTypeOf(array.dataType()));
+  return torch::from_blob(
+      array.data(), array.shape(), [owner = array.storage()](void*) {}, options);
+}
+
+MultiArray outputArray(at::Tensor t, const std::string& name, const std::string& label) {
+  auto type = arrayTypeOf(t.scalar_type());
+  if (!type) {
+    throw PredictionError("graph " + label + ": output \"" + name + "\" has the unsupported type " +
+                          std::string(c10::toString(t.scalar_type())));
+  }
+  t = t.to(at::kCPU).contiguous();
+  // An output that shares its elements with anything else (a frozen constant, another output)
+  // is copied, so that writing into the result can never reach the graph.
+  if (t.storage().use_count() > 1) t = t.clone();
+  auto holder = std::make_shared<at::Tensor>(t);
+  std::shared_ptr<void> storage(holder, t.data_ptr());
+  return MultiArray::wrap(*type, t.sizes().vec(), std::move(storage));
+}
+
+}  // namespace
+
+FeatureSet GraphModel::predict(const FeatureSet& inputs) const {
+  const Impl& g = *impl_;
+  c10::InferenceMode inferenceMode;  // per-prediction tensors live only in this scope
+  std::vector<c10::IValue> args;
+  args.reserve(g.description.inputs.size());
+  for (const auto& feature : g.description.inputs) {
+    const MultiArray* array = inputs.find(feature.name);
+    if (array == nullptr) {
+      throw PredictionError("graph " + g.label + ": missing input \"" + feature.name + "\"");
+    }
+    at::Tensor t = inputTensor(feature, *array, g.label);
+    args.emplace_back(g.device.is_cpu() ? t : t.to(g.device));
+  }
+  std::vector<at::Tensor> results;
+  try {
+    c10::IValue out = const_cast<torch::jit::Module&>(g.module).forward(std::move(args));
+    args.clear();
+    if (out.isTensor()) {
+      results.push_back(out.toTensor());
+    } else if (out.isTuple()) {
+      for (const auto& element : out.toTupleRef().elements()) {
+        if (!element.isTensor()) {
+          throw PredictionError("graph " + g.label + ": forward returned a non-tensor output");
+        }
+        results.push_back(element.toTensor());
+      }
+    } else {
+      throw PredictionError("graph " + g.label + ": forward returned " + out.tagKind() +
+                            ", not a tensor or a tuple of tensors");
+    }
+  } catch (const c10::Error& e) {
+    throw PredictionError("graph " + g.label + ": prediction failed: " + torchText(e));
+  }
+  if (results.size() != g.description.outputs.size()) {
+    throw PredictionError("graph " + g.label + ": forward returned " +
+                          std::to_string(results.size()) + " outputs, io.json describes " +
+                          std::to_string(g.description.outputs.size()));
+  }
+  FeatureSet named;
+  for (std::size_t i = 0; i < results.size(); ++i) {
+    const std::string& name = g.description.outputs[i].name;
+    at::Tensor t = std::move(results[i]);
+    results[i] = at::Tensor();
+    named.set(name, outputArray(std::move(t), name, g.label));
+  }
+  return named;
+}
+
+MultiArray GraphModel::predictFirst(const FeatureSet& inputs) const {
+  FeatureSet all = predict(inputs);
+  const FeatureDescription* first = impl_->description.firstOutput();
+  return all.at(first->name);  // predict guarantees one result per described output
+}
+
+std::optional<fs::path> compileModelPackage(const fs::path& package, std::string* error) {
+  ++gCompileCount;
+  std::string why;
+  std::optional<fs::path> dir;
+  try {
+    configureThreadsOnce();
+    if (!ModelDescription::read(package / "io.json", &why)) throw std::runtime_error(why);
+    torch::jit::Module module = torch::jit::load((package / "model.pt").string(), torch::kCPU);
+    module.eval();
+    torch::jit::Module frozen = torch::jit::freeze(module);
+    dir = makeTempDir(&why);
+    if (!dir) throw std::runtime_error(why);
+    frozen.save((*dir / "model.pt").string());
+    fs::copy_file(package / "io.json", *dir / "io.json");
+    return dir;
+  } catch (const c10::Error& e) {
+    why = torchText(e);
+  } catch (const std::exception& e) {
+    why = e.what();
+  }
+  if (dir) removeTreeQuietly(*dir);
+  if (error != nullptr) *error = why;
+  return std::nullopt;
+}
+
+std::size_t compileCount() { return gCompileCount.load(); }
+
+}  // namespace lumora2
