@@ -33,6 +33,14 @@ std::int64_t ArtifactManifest::engineAbi() const {
 }
 
 ArtifactManifest readArtifactManifest(const fs::path& artifact) {
+  // Neither magic: let the IMX reader say what the file is, rather than the zip tool's complaint.
+  if (!Lumora2Container::isContainer(artifact) && !Lumora2Container::isLegacyZip(artifact)) {
+    try {
+      Lumora2Container::members(artifact);
+    } catch (const Lumora2ContainerError& e) {
+      throw Err(std::string("IMX: ") + e.what());
+    }
+  }
   ArtifactManifest manifest;
   manifest.bytes = Archive::readManifest(artifact);
   try {

@@ -26,16 +26,15 @@ void cmdFold(const Positionals& positionals, const Options& options) {
   if (positionals.empty()) throw Err("usage: fold <in.model|in.avatar> -o <out.imx> [--abi N]");
   const std::string* out = option(options, "o");
   if (out == nullptr) throw Err("fold requires -o <out>");
-  const fs::path in = positionals[0];
-  if (!fs::exists(in)) throw Err("no such archive: " + positionals[0]);
-  refuseOutputPath("fold", *out, std::nullopt);
-  if (samePath(in, *out)) throw Err("fold: output " + *out + " would replace the input");
-
   std::optional<std::int64_t> abiGiven;
   if (const std::string* raw = option(options, "abi")) {
     abiGiven = parseInteger(*raw);
     if (!abiGiven) throw Err("fold: --abi must be an integer, not '" + *raw + "'");
   }
+  const fs::path in = positionals[0];
+  if (!fs::exists(in)) throw Err("no such archive: " + positionals[0]);
+  refuseOutputPath("fold", *out, std::nullopt);
+  if (samePath(in, *out)) throw Err("fold: output " + *out + " would replace the input");
 
   const ArtifactForm inputForm = formOf(in);
   ArtifactManifest manifest = readArtifactManifest(in);

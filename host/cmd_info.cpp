@@ -47,6 +47,16 @@ std::vector<MemberRow> imxMembers(const fs::path& file) {
   return rows;
 }
 
+bool isDigits(std::string_view text) {
+  return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
+// "hh:mm", the last field before the name in the zip tool's short listing.
+bool isClockTime(std::string_view text) {
+  return text.size() == 5 && text[2] == ':' && isDigits(text.substr(0, 2)) &&
+         isDigits(text.substr(3));
+}
+
 // The zip tool's short listing: "perms version os size type method date time name". Header,
 // footer and directory entries are not members.
 std::vector<MemberRow> zipMembers(const fs::path& file) {
@@ -59,10 +69,7 @@ std::vector<MemberRow> zipMembers(const fs::path& file) {
     std::string token[8];
     bool complete = true;
     for (std::string& t : token) complete = complete && static_cast<bool>(fields >> t);
-    if (!complete || token[3].find_first_not_of("0123456789") != std::string::npos ||
-        token[7].find(':') == std::string::npos) {
-      continue;
-    }
+    if (!complete || !isDigits(token[3]) || !isClockTime(token[7])) continue;
     std::string name;
     if (fields.get() == ' ') std::getline(fields, name);
     if (name.empty() || name.ends_with('/')) continue;
