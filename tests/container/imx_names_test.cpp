@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 
 #include "container/imx.h"
-#include "container/support/imx_builder.h"
-#include "container/support/scratch_dir.h"
+#include "support/imx_builder.h"
+#include "support/scratch_dir.h"
 
 namespace lumora2 {
 namespace {

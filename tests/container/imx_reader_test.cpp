@@ -8,8 +8,8 @@
 #include <random>
 
 #include "container/imx.h"
-#include "container/support/imx_builder.h"
-#include "container/support/scratch_dir.h"
+#include "support/imx_builder.h"
+#include "support/scratch_dir.h"
 
 namespace lumora2 {
 namespace {

@@ -1,6 +1,6 @@
-#include "container/support/imx_builder.h"
+#include "imx_builder.h"
 
-#include "container/support/scratch_dir.h"
+#include "scratch_dir.h"
 
 namespace lumora2::test {
 

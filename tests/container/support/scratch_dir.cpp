@@ -1,4 +1,4 @@
-#include "container/support/scratch_dir.h"
+#include "scratch_dir.h"
 
 #include <fcntl.h>
 #include <stdlib.h>
