@@ -67,6 +67,11 @@ void refuseOutputPath(std::string_view command, const fs::path& output,
     throw Err(prefix + ": output " + output.string() + " lies inside the staging directory " +
               stagingDir->string() + "; write it elsewhere");
   }
+  fs::path parent = output.parent_path();
+  if (!parent.empty() && !fs::is_directory(parent)) {
+    throw Err(prefix + ": no directory " + parent.string() + " to write " + output.string() +
+              " in");
+  }
 }
 
 bool samePath(const fs::path& a, const fs::path& b) {

@@ -46,8 +46,9 @@ class ScratchDir {
   std::filesystem::path path_;
 };
 
-// Refuses (Err, prefixed with `command`) an output path that names an existing directory, or
-// that lies inside `stagingDir`: a pack must never write into what it is reading.
+// Refuses (Err, prefixed with `command`) an output path that is empty, names an existing
+// directory, has no directory to be written in, or lies inside `stagingDir`: a pack must never
+// write into what it is reading.
 void refuseOutputPath(std::string_view command, const std::filesystem::path& output,
                       const std::optional<std::filesystem::path>& stagingDir);
 
