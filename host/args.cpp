@@ -1,7 +1,7 @@
 #include "host/args.h"
 
+#include <algorithm>
 #include <cerrno>
-#include <cmath>
 #include <cstdlib>
 #include <limits>
 
@@ -80,12 +80,9 @@ ParsedArgs parseArgs(const std::vector<std::string>& arguments) {
 std::optional<double> parseDecimal(std::string_view text) {
   if (!isDecimalSyntax(text)) return std::nullopt;
   std::string copy(text);  // strtod needs a terminator; the syntax check already fixed the extent
-  errno = 0;
-  char* end = nullptr;
-  double value = std::strtod(copy.c_str(), &end);
   // Overflow gives ±HUGE_VAL, which is what a decimal too large for a double means; underflow
   // gives a value near zero, likewise. Both are kept.
-  return value;
+  return std::strtod(copy.c_str(), nullptr);
 }
 
 std::optional<std::int64_t> parseInteger(std::string_view text) {
@@ -94,8 +91,7 @@ std::optional<std::int64_t> parseInteger(std::string_view text) {
   if (i == text.size() || digitsAt(text, i) != text.size() - i) return std::nullopt;
   std::string copy(text);
   errno = 0;
-  char* end = nullptr;
-  long long value = std::strtoll(copy.c_str(), &end, 10);
+  long long value = std::strtoll(copy.c_str(), nullptr, 10);
   if (errno == ERANGE) return std::nullopt;
   return static_cast<std::int64_t>(value);
 }
