@@ -84,6 +84,9 @@ std::uint64_t hashFile(const fs::path& path, Sha256& sha, std::uint64_t& done, s
   for (std::size_t at = 0; at < map.size; at += kWindow) {
     std::size_t n = std::min(kWindow, map.size - at);
     sha.update(bytes + at, n);
+    // Hashed pages leave this process's resident set (they stay in the page cache), so hashing
+    // a multi-gigabyte member keeps the footprint of one window.
+    ::madvise(const_cast<unsigned char*>(bytes) + at, n, MADV_DONTNEED);
     done += n;
     if (progress) progress(done, total);
   }
