@@ -60,7 +60,9 @@ class Lumora2ContainerError : public std::exception {
 
   Kind kind() const { return kind_; }
   const std::string& path() const { return path_; }
-  // The member or name the error is about ("" where the case has none).
+  // The member or name the error is about: the refused or missing name, the truncated or
+  // unwritable member, and for wrongContainerFamily the magic as text ("KIMX"); "" where the case
+  // has none.
   const std::string& name() const { return name_; }
   const std::optional<std::string>& member() const { return member_; }
   std::uint64_t atOffset() const { return atOffset_; }
@@ -125,10 +127,16 @@ void checkMemberName(std::string_view name, const std::string& containerPath);
 bool landsInsideDestination(std::string_view name);
 
 // Writes every member below `to` (created if needed) and returns the names written, in table
-// order. Members before a refused one stay written. Beyond the name rules, nothing is ever written
-// outside `to` even when it already holds symbolic links: a member whose path passes through a
-// symbolic link fails as if a regular file stood there, and a link at the target itself is
-// replaced, never followed.
+// order. The table is parsed before `to` is touched; members before a refused or failing one stay
+// written, a member whose data runs out stays as far as it was copied. Whatever stands at a
+// member's place is removed first (a directory with its contents), so a later entry replaces an
+// earlier one of the same name, also when the two are spelled differently but are canonically
+// equivalent. A name that ends in a directory ("d/", "d/.") has no file to write: cannotWrite.
+// Beyond the name rules, nothing is ever written outside `to` even when it already holds symbolic
+// links: a member whose path passes through a symbolic link fails with ENOTDIR as if a regular
+// file stood there, and a link at the target itself is replaced, never followed. Names holding a
+// NUL byte are refused as unsafe. `progress` gets (bytes copied, total of all sizes) after each
+// piece of at most copyChunk bytes.
 std::vector<std::string> unpack(const std::filesystem::path& container,
                                 const std::filesystem::path& to, const ProgressFn& progress = {});
 
