@@ -141,6 +141,10 @@ struct SwitchCase {
   bool imx;
 };
 
+void PrintTo(const SwitchCase& c, std::ostream* os) {
+  *os << (c.value ? "\"" + std::string(c.value) + "\"" : std::string("unset"));
+}
+
 class UnifiedContainerSwitchTest : public ::testing::TestWithParam<SwitchCase> {
  protected:
   void TearDown() override { ::unsetenv("UNIFIED_CONTAINER"); }

@@ -18,6 +18,8 @@ struct ShellCase {
   std::string output;
 };
 
+void PrintTo(const ShellCase& c, std::ostream* os) { *os << c.script; }
+
 class RunOutputTest : public ::testing::TestWithParam<ShellCase> {};
 
 TEST_P(RunOutputTest, ReturnsCombinedOutputOfASuccessfulChild) {

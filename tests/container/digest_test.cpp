@@ -15,6 +15,8 @@ struct Vector {
   const char* sha256;
 };
 
+void PrintTo(const Vector& v, std::ostream* os) { *os << v.content.size() << " bytes"; }
+
 class DigestVectorTest : public test::ScratchTest, public ::testing::WithParamInterface<Vector> {};
 
 TEST_P(DigestVectorTest, FileDigestMatchesTheStandardVector) {

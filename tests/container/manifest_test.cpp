@@ -102,6 +102,8 @@ struct Refusal {
   const char* message;  // a part of the Err text
 };
 
+void PrintTo(const Refusal& r, std::ostream* os) { *os << r.message; }
+
 class ManifestDecodeRefusalTest : public ::testing::TestWithParam<Refusal> {};
 
 TEST_P(ManifestDecodeRefusalTest, NamesWhatIsWrong) {

@@ -170,6 +170,8 @@ struct Failure {
   std::string error;
 };
 
+void PrintTo(const Failure& f, std::ostream* os) { *os << f.error; }
+
 class UnpackFailureTest : public UnpackCommandTest,
                           public ::testing::WithParamInterface<Failure> {};
 
