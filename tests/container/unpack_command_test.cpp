@@ -165,12 +165,13 @@ TEST_F(UnpackCommandTest, AcceptsTheLegacyAvatarTag) {
 }
 
 struct Failure {
+  const char* label;
   std::string manifest;  // "" when the artifact is not to exist
   Positionals positionals;
   std::string error;
 };
 
-void PrintTo(const Failure& f, std::ostream* os) { *os << f.error; }
+void PrintTo(const Failure& f, std::ostream* os) { *os << f.label; }
 
 class UnpackFailureTest : public UnpackCommandTest,
                           public ::testing::WithParamInterface<Failure> {};
@@ -189,13 +190,17 @@ TEST_P(UnpackFailureTest, PrintsOneErrorLineAndNothingOnStandardOutput) {
 INSTANTIATE_TEST_SUITE_P(
     Cases, UnpackFailureTest,
     ::testing::Values(
-        Failure{"", {"only-one"}, "usage: unpack <file.model|file.avatar> <dir> [--no-verify]"},
-        Failure{"", {"no/such.model", "out"}, "no such archive: no/such.model"},
-        Failure{R"({"format": "vivra-engine/2", "abi": 3, "runtime": {"input_rate": 1,
+        Failure{"one positional",
+                "",
+                {"only-one"},
+                "usage: unpack <file.model|file.avatar> <dir> [--no-verify]"},
+        Failure{"no such archive", "", {"no/such.model", "out"}, "no such archive: no/such.model"},
+        Failure{"refused tag",
+                R"({"format": "vivra-engine/2", "abi": 3, "runtime": {"input_rate": 1,
                     "frame": [], "fps": 1}, "created": "c", "files": {}})",
                 {"out"},
                 "unrecognized manifest format in e.model"},
-        Failure{"not json", {"out"}, "unrecognized manifest format in e.model"}));
+        Failure{"bad JSON", "not json", {"out"}, "unrecognized manifest format in e.model"}));
 
 TEST_F(UnpackCommandTest, VerifyChecksumsReportsProblemsAndLeavesNoScratchBehind) {
   fs::create_directories(scratch_ / "tmp");
