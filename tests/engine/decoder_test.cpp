@@ -108,6 +108,12 @@ TEST_F(Decoder, AnActiveIdentityHidesDecodersElsewhere) {
   EXPECT_TRUE(cacheEntry::belongsTo(scratch.cacheEntries().at(0), "dec_p2_v3_all-dev"));
 }
 
+std::string contractCaseName(const ::testing::TestParamInfo<std::pair<std::string, bool>>& info) {
+  static const char* const kNames[] = {"exact",      "unspecified_output", "no_x",
+                                       "flexible_x", "wrong_output_shape", "float32_output"};
+  return kNames[info.index];
+}
+
 class Contract : public Decoder,
                  public ::testing::WithParamInterface<std::pair<std::string, bool>> {};
 
@@ -125,11 +131,13 @@ TEST_P(Contract, RefusesADecoderOfAnotherShape) {
 
 INSTANTIATE_TEST_SUITE_P(
     Shapes, Contract,
-    ::testing::Values(
-        std::pair{decoderIo(), true}, std::pair{decoderIo("x", "[1,36,90,52]", "[]"), true},
-        std::pair{decoderIo("z"), false}, std::pair{decoderIo("x", "[1,36,90,-1]"), false},
-        std::pair{decoderIo("x", "[1,36,90,52]", "[1,3,720,400]"), false},
-        std::pair{decoderIo("x", "[1,36,90,52]", "[1,3,720,416]", "float32"), false}));
+    ::testing::Values(std::pair{decoderIo(), true},
+                      std::pair{decoderIo("x", "[1,36,90,52]", "[]"), true},
+                      std::pair{decoderIo("z"), false},
+                      std::pair{decoderIo("x", "[1,36,90,-1]"), false},
+                      std::pair{decoderIo("x", "[1,36,90,52]", "[1,3,720,400]"), false},
+                      std::pair{decoderIo("x", "[1,36,90,52]", "[1,3,720,416]", "float32"), false}),
+    contractCaseName);
 
 TEST_F(Decoder, AnUncompilableMemberIsReported) {
   fs::create_directories(identity / "dec_p2_v3_all.mlpackage");
@@ -175,7 +183,10 @@ INSTANTIATE_TEST_SUITE_P(Units, Ladder,
                          ::testing::Values(LadderCase{std::nullopt, "all", {"cpuAndNE", "cpuOnly"}},
                                            LadderCase{"cpuAndNE", "cpuAndNE", {"cpuOnly"}},
                                            LadderCase{"cpuOnly", "cpuOnly", {"cpuAndNE"}},
-                                           LadderCase{"gpu", "all", {"cpuAndNE", "cpuOnly"}}));
+                                           LadderCase{"gpu", "all", {"cpuAndNE", "cpuOnly"}}),
+                         [](const auto& param) {
+                           return "declared_" + param.param.declaredEnv.value_or("unset");
+                         });
 
 TEST_F(Decoder, WithLivenessOffADeadDecoderIsAcceptedOnItsDeclaredUnit) {
   writeDecoder(identity, kDead);

@@ -135,7 +135,17 @@ TEST_P(Eviction, OneChangedByteMakesANewEntryAndOldOnesArePrunedToKeep) {
 INSTANTIATE_TEST_SUITE_P(Keep, Eviction,
                          ::testing::Values(KeepCase{"0", 1}, KeepCase{"-5", 1}, KeepCase{"1", 1},
                                            KeepCase{"+2", 2}, KeepCase{"abc", 3}, KeepCase{"", 3},
-                                           KeepCase{std::nullopt, 3}));
+                                           KeepCase{std::nullopt, 3}),
+                         [](const auto& param) {
+                           const auto& keep = param.param.keep;
+                           if (!keep) return std::string("unset");
+                           if (keep->empty()) return std::string("empty");
+                           std::string name;
+                           for (char ch : *keep) {
+                             name += ch == '-' ? "minus" : ch == '+' ? "plus" : std::string(1, ch);
+                           }
+                           return name;
+                         });
 
 TEST(CacheEntryNames, RecogniseCurrentAndLegacyShapesOfOneKey) {
   struct Case {
