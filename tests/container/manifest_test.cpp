@@ -43,34 +43,31 @@ EngineManifest sampleEngine() {
   m.format = std::string(EngineManifest::kWrittenFormat);
   m.abi = 3;
   m.created = "2025-03-01T09:30:00Z";
-  m.files["warm"] = {"warm.wav", std::string(64, 'a'), 12};
+  m.files["warm"] = {"warm.wav", "0f3e", 12};
   return m;
 }
 
 TEST(ManifestEncodeTest, EngineManifestHasExactBytes) {
-  EXPECT_EQ(ManifestJSON::encode(sampleEngine()),
-            "{\n"
-            "  \"abi\": 3,\n"
-            "  \"created\": \"2025-03-01T09:30:00Z\",\n"
-            "  \"files\": {\n"
-            "    \"warm\": {\n"
-            "      \"bytes\": 12,\n"
-            "      \"path\": \"warm.wav\",\n"
-            "      \"sha256\": \"" +
-                std::string(64, 'a') +
-                "\"\n"
-                "    }\n"
-                "  },\n"
-                "  \"format\": \"vivra-engine/1\",\n"
-                "  \"runtime\": {\n"
-                "    \"fps\": 20,\n"
-                "    \"frame\": [\n"
-                "      416,\n"
-                "      720\n"
-                "    ],\n"
-                "    \"input_rate\": 16000\n"
-                "  }\n"
-                "}");
+  EXPECT_EQ(ManifestJSON::encode(sampleEngine()), R"({
+  "abi": 3,
+  "created": "2025-03-01T09:30:00Z",
+  "files": {
+    "warm": {
+      "bytes": 12,
+      "path": "warm.wav",
+      "sha256": "0f3e"
+    }
+  },
+  "format": "vivra-engine/1",
+  "runtime": {
+    "fps": 20,
+    "frame": [
+      416,
+      720
+    ],
+    "input_rate": 16000
+  }
+})");
 }
 
 TEST(ManifestEncodeTest, RecordsRoundTrip) {
@@ -169,20 +166,19 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(UnifiedHeaderTest, StampReplacesTheHeaderKeepsTheRestAndIsIdempotent) {
   std::string once = UnifiedHeader::stamp(
       R"({"engine_abi": 3, "z": {"b": 1, "a": [2.5, "/"]}, "engine": "old"})", "lumora2", 4);
-  EXPECT_EQ(once,
-            "{\n"
-            "  \"decoder\": \"decp2v3\",\n"
-            "  \"engine\": \"lumora2\",\n"
-            "  \"engine_abi\": 4,\n"
-            "  \"unified_format_version\": 2,\n"
-            "  \"z\": {\n"
-            "    \"a\": [\n"
-            "      2.5,\n"
-            "      \"/\"\n"
-            "    ],\n"
-            "    \"b\": 1\n"
-            "  }\n"
-            "}");
+  EXPECT_EQ(once, R"({
+  "decoder": "decp2v3",
+  "engine": "lumora2",
+  "engine_abi": 4,
+  "unified_format_version": 2,
+  "z": {
+    "a": [
+      2.5,
+      "/"
+    ],
+    "b": 1
+  }
+})");
   EXPECT_EQ(UnifiedHeader::stamp(once, "lumora2", 4), once);
 }
 
