@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Prediction time of the reference family's graphs on one thread, frozen as the engine's cache
+# holds them, for the reference and the heavy family, plus the whole chain's real-time factor per
+# 1.6 s chunk. Usage: bench/graphs.sh [build-dir] (default build/release). Timings are medians;
+# run on an otherwise idle machine.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build=${1:-build/release}
+out=${LUMORA2_BENCH_OUT:-out/bench-graphs}
+
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build "$build" --target lumora2-family lumora2-graph-bench
+
+family="$build/tools/family/lumora2-family"
+bench="$build/bench/tools/lumora2-graph-bench"
+
+"$family" --out "$out/reference" --no-pack >/dev/null
+"$family" --out "$out/heavy" --heavy --no-pack >/dev/null
+
+echo "== reference family"
+"$bench" --family "$out/reference" --label reference --runs 50 --chunks 10
+echo
+echo "== heavy family"
+"$bench" --family "$out/heavy" --label heavy --runs 5 --chunks 2

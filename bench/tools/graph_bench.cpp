@@ -1,0 +1,154 @@
+// lumora2-graph-bench --family DIR [--avatar CODE] [--runs N] [--chunks N] [--label TEXT]
+//
+// Median prediction time of each graph of a generated family (DIR/staging/{engine,CODE}) on one
+// thread, frozen as the engine's compiled-model cache holds them, with and without LibTorch's
+// optimize_for_inference; then the whole chain per 1.6 s chunk (1 front end + 1 tokenizer + 8
+// student steps + 32 decoder calls) and its real-time factor.
+#include <ATen/Parallel.h>
+#include <torch/script.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <numbers>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "family/chain.h"
+#include "family/graphs.h"
+#include "family/latent.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using lumora2::family::Chain;
+
+double medianMs(int runs, const std::function<void()>& predict) {
+  predict();  // the first prediction pays one-time costs (profiling executor, allocations)
+  std::vector<double> ms;
+  for (int i = 0; i < runs; ++i) {
+    const auto start = std::chrono::steady_clock::now();
+    predict();
+    ms.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+                     .count());
+  }
+  std::sort(ms.begin(), ms.end());
+  return ms[ms.size() / 2];
+}
+
+torch::Tensor speechWindow() {
+  torch::Tensor t = torch::arange(lumora2::family::kWindowSamples, torch::kFloat64) / 16000.0;
+  torch::Tensor v = torch::sin(2 * std::numbers::pi * 150.0 * t) *
+                    (torch::sin(2 * std::numbers::pi * 4.0 * t) > 0).to(torch::kFloat64);
+  return (0.9 * v).to(torch::kFloat32).reshape({1, lumora2::family::kWindowSamples});
+}
+
+struct Graph {
+  std::string name;
+  fs::path package;
+  std::vector<torch::jit::IValue> inputs;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  fs::path family;
+  std::string avatar = "ava", label;
+  int runs = 20, chunks = 5;
+  for (int i = 1; i + 1 < argc; i += 2) {
+    const std::string_view key = argv[i];
+    if (key == "--family") family = argv[i + 1];
+    if (key == "--avatar") avatar = argv[i + 1];
+    if (key == "--runs") runs = std::max(1, std::atoi(argv[i + 1]));
+    if (key == "--chunks") chunks = std::max(1, std::atoi(argv[i + 1]));
+    if (key == "--label") label = argv[i + 1];
+  }
+  if (family.empty()) {
+    std::fprintf(stderr,
+                 "usage: lumora2-graph-bench --family DIR [--avatar CODE] [--runs N] "
+                 "[--chunks N] [--label TEXT]\n");
+    return 1;
+  }
+  if (label.empty()) label = family.filename().string();
+  at::set_num_threads(1);
+  at::set_num_interop_threads(1);
+  torch::NoGradGuard noGrad;
+
+  const fs::path engine = family / "staging" / "engine";
+  const fs::path identity = family / "staging" / avatar;
+  auto package = [](const fs::path& dir, std::string_view name) {
+    return dir / (std::string(name) + ".mlpackage");
+  };
+  const torch::Tensor iv = speechWindow();
+  const torch::Tensor feats = Chain::loadFrozen(package(engine, lumora2::family::kFrontEndPackage))
+                                  .forward({iv})
+                                  .toTensor();
+  const torch::Tensor tokens =
+      Chain::loadFrozen(package(engine, lumora2::family::kTokenizerPackage))
+          .forward({feats})
+          .toTensor();
+  const torch::Tensor context = torch::rand({1, 16, 16, 90, 52});
+  torch::Tensor x = torch::rand({1, 36, 90, 52});
+  x.index_put_({0, torch::indexing::Slice(32, 36)}, 0.0f);
+  x.index_put_({0, 33}, 1.0f);
+
+  const std::vector<Graph> graphs{
+      {"w2v_frontend", package(engine, lumora2::family::kFrontEndPackage), {iv}},
+      {"audiotokenizer", package(engine, lumora2::family::kTokenizerPackage), {feats}},
+      {"student_v4_forward_frame",
+       package(engine, lumora2::family::kStudentPackage),
+       {context, tokens.select(1, 6).contiguous()}},
+      {"dec_p2_v3_all (" + avatar + ")", package(identity, lumora2::family::kDecoderPackage), {x}},
+  };
+
+  std::printf("%-10s %-32s %12s %16s %6s\n", "family", "graph", "frozen ms", "optimized ms",
+              "runs");
+  for (const Graph& g : graphs) {
+    torch::jit::Module frozen = Chain::loadFrozen(g.package);
+    torch::jit::Module copy = frozen.clone();
+    torch::jit::Module optimized = torch::jit::optimize_for_inference(copy);
+    const double a = medianMs(runs, [&] { frozen.forward(g.inputs); });
+    const double b = medianMs(runs, [&] { optimized.forward(g.inputs); });
+    std::printf("%-10s %-32s %12.3f %16.3f %6d\n", label.c_str(), g.name.c_str(), a, b, runs);
+    std::fflush(stdout);
+  }
+
+  // The whole chain as the engine runs a chunk, timed per stage.
+  Chain chain = Chain::load(engine, identity);
+  torch::Tensor ctx = Chain::seedContext(std::vector<float>(lumora2::family::kLatentSize, 0.0f));
+  torch::Tensor previous;
+  double stageMs[4] = {0, 0, 0, 0};
+  auto timed = [&](int stage, const std::function<torch::Tensor()>& f) {
+    const auto start = std::chrono::steady_clock::now();
+    torch::Tensor t = f();
+    stageMs[stage] +=
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+    return t;
+  };
+  auto runChunk = [&] {
+    const torch::Tensor f = timed(0, [&] { return chain.features(iv); });
+    const torch::Tensor toks = timed(1, [&] { return chain.tokens(f); });
+    for (int i = 0; i < 8; ++i) {
+      const torch::Tensor latent = timed(2, [&] { return chain.step(ctx, toks, 6 + i); });
+      if (!previous.defined()) previous = latent;
+      for (int phase = 0; phase < 4; ++phase) {
+        timed(3, [&] { return chain.picture(latent, previous, phase); });
+      }
+      previous = latent;
+    }
+  };
+  runChunk();
+  std::fill(std::begin(stageMs), std::end(stageMs), 0.0);
+  const double chunkMs = medianMs(chunks, runChunk);
+  const double n = chunks + 1;  // medianMs runs once more to warm up
+  std::printf("%-10s %-32s %12.3f %16s %6d   real-time factor %.1fx (1.6 s of audio)\n",
+              label.c_str(), "chunk: 1+1+8+32 predictions", chunkMs, "-", chunks, 1600.0 / chunkMs);
+  std::printf(
+      "%-10s %-32s front end %.1f, tokenizer %.1f, 8 student steps %.1f, 32 pictures %.1f\n",
+      label.c_str(), "  mean ms per chunk stage:", stageMs[0] / n, stageMs[1] / n, stageMs[2] / n,
+      stageMs[3] / n);
+  return 0;
+}
