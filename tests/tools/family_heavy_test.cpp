@@ -1,5 +1,6 @@
 // The heavy variant costs what a realistic family costs and behaves exactly like the reference:
 // its extra work survives freezing (it depends on the input) and changes no picture and no motion.
+#include <ATen/Parallel.h>
 #include <gtest/gtest.h>
 #include <torch/script.h>
 
