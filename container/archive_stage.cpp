@@ -41,6 +41,12 @@ void sortByMemberName(std::vector<StagedMember>& files) {
 
 std::vector<StagedMember> stage(const fs::path& dir) {
   std::vector<StagedMember> members = regularFilesBelow(dir);
+  // Member names are UTF-8 on disk; a container with any other name could never be read back.
+  for (const StagedMember& m : members) {
+    if (!isValidUtf8(m.name)) {
+      throw Err("cannot pack " + m.url.string() + ": its name is not valid UTF-8");
+    }
+  }
   sortByMemberName(members);
   // Only the root manifest moves: a nested ".../manifest.json" is ordinary data.
   auto manifest = std::find_if(members.begin(), members.end(),

@@ -88,6 +88,17 @@ TEST_F(ArchiveWriterTest, UnlistableStagingDirectoryIsNamed) {
   }
 }
 
+TEST_F(ArchiveWriterTest, RefusesNamesTheReaderCouldNotReadBack) {
+  scratch_.write("stage/ok.bin", "a");
+  scratch_.write("stage/bad-\xff.bin", "b");
+  try {
+    Archive::stage(stagingDir());
+    FAIL() << "expected Err";
+  } catch (const Err& e) {
+    EXPECT_THAT(e.what(), ::testing::HasSubstr("its name is not valid UTF-8"));
+  }
+}
+
 TEST_F(ArchiveWriterTest, RefusesMoreThan65535MembersBeforeWriting) {
   std::vector<Archive::StagedMember> members(65535, {"x", scratch_.write("empty", ""), 0});
   EXPECT_NO_THROW(Archive::writeImxMembers(members, std::nullopt, output()));
