@@ -23,7 +23,7 @@ ctest --test-dir build/asan --output-on-failure -j"$jobs" --timeout 900 | tee bu
 echo "== fuzz targets, ${fuzz_seconds}s each" >&2
 CC=clang CXX=clang++ cmake -S . -B build/fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DLUMORA2_WITH_ENGINE=OFF -DLUMORA2_FUZZ=ON >/dev/null
-cmake --build build/fuzz -j"$jobs"
+cmake --build build/fuzz -j"$jobs" --target fuzzers
 fuzz/run.sh build/fuzz "$fuzz_seconds"
 
 # One closing line over both CTest runs.
