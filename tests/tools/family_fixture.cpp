@@ -1,7 +1,13 @@
 #include "family_fixture.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <iterator>
 
 #include <mutex>
 #include <stdexcept>
@@ -30,23 +36,68 @@ ScratchRegistry& registry() {
   return r;
 }
 
+// What the generated family depends on: the generator's and the host's binaries.
+std::string buildStamp(const std::vector<std::string>& binaries) {
+  std::string stamp;
+  for (const std::string& b : binaries) {
+    std::error_code ec;
+    const auto size = fs::file_size(b, ec);
+    const auto time = fs::last_write_time(b, ec).time_since_epoch().count();
+    stamp += b + " " + std::to_string(size) + " " + std::to_string(time) + "\n";
+  }
+  return stamp;
+}
+
+std::string readFile(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+void writeFile(const fs::path& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+}
+
+// CTest runs every case in its own process, so the family is kept in the build tree and reused
+// while the generator and host binaries are unchanged; a file lock serialises parallel cases.
 GeneratedFamily generate() {
   GeneratedFamily family;
-  family.root = scratchDir("family");
+  family.root = LUMORA2_FAMILY_SCRATCH;
   family.staging = family.root / "staging";
   std::vector<std::string> argv{LUMORA2_FAMILY_BIN, "--out", family.root.string()};
+  std::vector<std::string> binaries{LUMORA2_FAMILY_BIN};
 #ifdef LUMORA2_MODEL_BIN
   argv.insert(argv.end(), {"--host", LUMORA2_MODEL_BIN});
+  binaries.emplace_back(LUMORA2_MODEL_BIN);
   family.packed = true;
 #else
   argv.push_back("--no-pack");
 #endif
+  const std::string stamp = buildStamp(binaries);
+  const fs::path stampFile = family.root.string() + ".stamp";
+  const fs::path outputFile = family.root.string() + ".output";
+
+  const int lock =
+      open((family.root.string() + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  if (lock < 0 || flock(lock, LOCK_EX) != 0) throw std::runtime_error("cannot lock the family");
+  struct Unlock {
+    int fd;
+    ~Unlock() { close(fd); }
+  } unlock{lock};
+
+  if (fs::exists(stampFile) && readFile(stampFile) == stamp) {
+    family.output = readFile(outputFile);
+    return family;
+  }
+  fs::remove(stampFile);
+  fs::remove_all(family.root);
   const ProcessResult r = runProcess(argv);
   family.output = r.output;
   if (r.status != 0) {
     throw std::runtime_error("lumora2-family failed with status " + std::to_string(r.status) +
                              ":\n" + r.output);
   }
+  writeFile(outputFile, r.output);
+  writeFile(stampFile, stamp);
   return family;
 }
 
