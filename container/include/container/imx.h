@@ -99,7 +99,8 @@ inline constexpr std::size_t headerLength = 8;
 inline constexpr std::uint16_t version = 2;
 inline constexpr std::size_t maxMembers = 65535;
 inline constexpr std::string_view manifestName = "manifest.json";
-// Member data is streamed in pieces of this size, so memory stays flat whatever a member's size.
+// Member data is streamed in pieces of at most this size, so memory stays flat whatever a
+// member's size.
 inline constexpr std::size_t copyChunk = 1 << 20;
 
 // The first four bytes of a file, or nothing if it cannot be opened or is shorter. Never throws.
