@@ -191,6 +191,10 @@ std::optional<Path> Lumora2Engine::compiledURL(const Path& packageURL, std::stri
 
   auto compiled = compileModelPackage(packageURL);
   if (!compiled) return std::nullopt;  // load reports the failure
+  // The staging name carries only the process identifier, so two threads of this process must
+  // not install at the same time; other processes are kept apart by the name itself.
+  static std::mutex installMutex;
+  std::lock_guard installLock(installMutex);
   fs::create_directories(*root, ec);
   const Path staging = *root / ("." + entryName + ".tmp-" + std::to_string(::getpid()));
   fs::remove_all(staging, ec);

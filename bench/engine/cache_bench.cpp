@@ -102,6 +102,19 @@ void compareOptimizeForInference(const fs::path& dir, int runs) {
   double opt = timeForward(optimized, x, runs);
   std::printf("decoder-shaped graph forward: frozen %.1f ms, optimize_for_inference %.1f ms (%s)\n",
               plain * 1e3, opt * 1e3, opt < plain ? "faster" : "not faster");
+  // What the runtime's own load decides, and the prediction time it then gives.
+  auto model = lumora2::GraphModel::load(*compiled, lumora2::ComputeUnits::cpuOnly);
+  if (!model) return;
+  lumora2::MultiArray in(lumora2::ArrayDataType::float32, {1, 36, 90, 52});
+  std::vector<double> t;
+  for (int i = 0; i < runs; ++i) {
+    auto start = Clock::now();
+    model->predictFirst({{"x", in}});
+    t.push_back(secondsSince(start));
+  }
+  std::printf("GraphModel::load chose %s; predict median %.1f ms\n",
+              model->optimizedForInference() ? "optimize_for_inference" : "the frozen module",
+              median(t) * 1e3);
 }
 
 }  // namespace

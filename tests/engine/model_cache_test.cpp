@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <thread>
 
 #include "cache_entry.h"
 #include "engine/lumora2_engine.h"
@@ -280,6 +281,23 @@ TEST_F(ModelCache, AnUnwritableRootFallsBackToTheSessionCompile) {
   ASSERT_EQ(log.size(), 1u);
   EXPECT_EQ(log[0].rfind("[vivra] mlmodelc cache persist FAILED for m (", 0), 0u) << log[0];
   EXPECT_NE(log[0].find(") — using session-temp compile"), std::string::npos);
+}
+
+TEST_F(ModelCache, ThreadsOfOneProcessInstallingOnePackageAllGetTheEntry) {
+  fs::path p = writePackage(scratch.dir(), "threads");
+  std::vector<std::optional<fs::path>> results(4);
+  std::vector<std::thread> threads;
+  StderrCapture capture;  // the threads' cache lines
+  for (auto& result : results) {
+    threads.emplace_back([&result, &p] { result = Lumora2Engine::compiledURL(p, "threads"); });
+  }
+  for (auto& thread : threads) thread.join();
+  capture.finish();
+  for (const auto& result : results) {
+    ASSERT_TRUE(result);
+    EXPECT_EQ(*result, results[0]);
+  }
+  EXPECT_EQ(scratch.cacheEntries().size(), 1u);
 }
 
 TEST_F(ModelCache, TwoProcessesCompilingOnePackageBothSucceedWithOneEntry) {

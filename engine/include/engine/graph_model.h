@@ -61,6 +61,9 @@ class GraphModel {
   ComputeUnits computeUnits() const;
   // "cpu" or "cuda:<n>": where the units put the graph on this machine.
   std::string deviceName() const;
+  // Whether load replaced the frozen module by its optimize_for_inference form, which it does on
+  // the CPU only where a quick timing on a synthetic input shows that form at least 10% faster.
+  bool optimizedForInference() const;
 
   // Runs forward once: inputs are taken by name and passed by position in the description's
   // order; the results are named by the described outputs (a tuple or a single tensor). Input
