@@ -57,8 +57,16 @@ std::string expandTilde(const std::string& path) {
 
 bool existsAnyKind(const fs::path& path) {
   std::error_code ec;
-  return fs::symlink_status(path, ec).type() != fs::file_type::not_found && !ec;
+  return fs::exists(path, ec);
 }
+
+namespace {
+// Whether a rename to `path` would meet something, a dangling link included.
+bool occupied(const fs::path& path) {
+  std::error_code ec;
+  return fs::symlink_status(path, ec).type() != fs::file_type::not_found;
+}
+}  // namespace
 
 bool moveItem(const fs::path& from, const fs::path& to, std::string& error) {
   // RENAME_NOREPLACE makes "the destination exists" a failure, as a move must be, even where a
@@ -67,7 +75,7 @@ bool moveItem(const fs::path& from, const fs::path& to, std::string& error) {
   int err = errno;
   if (err == EINVAL || err == ENOSYS) {
     // A file system without RENAME_NOREPLACE: test, then rename.
-    if (existsAnyKind(to)) {
+    if (occupied(to)) {
       err = EEXIST;
     } else if (std::rename(from.c_str(), to.c_str()) == 0) {
       return true;
@@ -77,7 +85,7 @@ bool moveItem(const fs::path& from, const fs::path& to, std::string& error) {
   }
   if (err == EXDEV) {
     std::error_code ec;
-    if (existsAnyKind(to)) {
+    if (occupied(to)) {
       err = EEXIST;
     } else {
       fs::copy(from, to, fs::copy_options::recursive | fs::copy_options::copy_symlinks, ec);

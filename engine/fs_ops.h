@@ -22,7 +22,8 @@ std::string expandTilde(const std::string& path);
 bool moveItem(const std::filesystem::path& from, const std::filesystem::path& to,
               std::string& error);
 
-// Whether anything (file, directory, dangling link…) is at `path`.
+// Whether `path` names an existing object of any kind (file, directory, …), following links:
+// a dangling link names nothing.
 bool existsAnyKind(const std::filesystem::path& path);
 
 }  // namespace lumora2::fsops
