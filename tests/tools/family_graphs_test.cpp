@@ -3,7 +3,10 @@
 // motion (gaze cycle, blink) runs by itself, the two identities look different and sharp, and the
 // failure variants fail exactly as the engine's liveness and failure paths expect.
 #include <gtest/gtest.h>
+#include <sndfile.h>
 #include <torch/script.h>
+
+#include <algorithm>
 
 #include <cmath>
 #include <cstring>
@@ -200,6 +203,45 @@ TEST_P(Speaking, OpeningFollowsLoudnessInTime) {
   EXPECT_GT(open[7], open[6]);
   for (int t = 8; t < kTokens; ++t) EXPECT_LT(open[t], open[t - 1]) << "token " << t;
   EXPECT_LT(open[13], 0.05f);
+}
+
+TEST_P(Speaking, WarmSpeechOpensAndClosesTheMouthWordByWord) {
+  SF_INFO info{};
+  SNDFILE* file = sf_open((generatedFamily().engine() / "warm.wav").c_str(), SFM_READ, &info);
+  ASSERT_NE(file, nullptr);
+  std::vector<float> speech(static_cast<size_t>(info.frames));
+  sf_readf_float(file, speech.data(), info.frames);
+  sf_close(file);
+
+  // Chunks as the engine cuts them: 44,000-sample windows reaching one chunk back, squeezed to
+  // 35,200 samples (linearly here), gain 3; tokens 0..5 of chunk 0, tokens 6..13 of later ones.
+  torch::Tensor context = Chain::seedContext(canon_);
+  std::vector<float> open;
+  for (std::int64_t ci = 0; (ci + 1) * 25600 <= static_cast<std::int64_t>(speech.size()); ++ci) {
+    const std::int64_t start = ci < 2 ? 0 : (ci - 1) * 25600;
+    const std::int64_t end = std::min<std::int64_t>(ci == 0 ? 25600 : start + 44000,
+                                                    static_cast<std::int64_t>(speech.size()));
+    torch::Tensor window = torch::zeros({1, 1, 44000});
+    window.index_put_({0, 0, Slice(0, end - start)},
+                      torch::from_blob(speech.data() + start, {end - start}));
+    const torch::Tensor iv =
+        3.0f *
+        torch::upsample_linear1d(window, {kWindowSamples}, true).reshape({1, kWindowSamples});
+    const torch::Tensor tokens = chain_->tokens(chain_->features(iv));
+    const int first = ci == 0 ? 0 : 6, count = ci == 0 ? 6 : 8;
+    for (int t = first; t < first + count; ++t) {
+      open.push_back(channelMean(chain_->step(context, tokens, t), kChannelMouth));
+    }
+  }
+  ASSERT_GE(open.size(), 20u);
+  int openings = 0;
+  bool shut = true;
+  for (float o : open) {
+    if (shut && o > 0.6f) ++openings, shut = false;
+    if (!shut && o < 0.25f) shut = true;
+  }
+  EXPECT_GE(openings, 3) << "the mouth should open for words and close in the pauses between them";
+  EXPECT_GT(*std::max_element(open.begin(), open.end()), 0.85f);
 }
 
 TEST_P(Speaking, IdleMotionBlinksOnceAndCyclesTheGaze) {

@@ -28,11 +28,11 @@ enum LatentChannel : int {
 
 // How the reference student moves the latent, one step per audio token (0.2 s).
 struct Motion {
-  static constexpr float kFollow = 0.7f;  // share of the gap to the target closed per step
+  static constexpr float kFollow = 0.8f;  // share of the gap to the target closed per step
   // Openness target = clamp((token loudness - kOpenFloor) * kOpenGain, 0, 1), where loudness maps
-  // -60 dBFS..0 dBFS of the front end's input to 0..1: quiet input below -36 dBFS keeps it shut.
-  static constexpr float kOpenFloor = 0.4f;
-  static constexpr float kOpenGain = 2.0f;
+  // -60 dBFS..0 dBFS of the front end's input to 0..1: input below -39 dBFS keeps it shut.
+  static constexpr float kOpenFloor = 0.35f;
+  static constexpr float kOpenGain = 2.5f;
   static constexpr int kSwayPeriodTokens = 30;   // gaze cycle of 6 s
   static constexpr int kBlinkPeriodTokens = 24;  // one blink every 4.8 s
 };
