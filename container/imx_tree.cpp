@@ -34,14 +34,17 @@ struct stat statFd(int fd, const std::filesystem::path& shown) {
 
 // Unlinks every entry of the directory `dir` that is not a directory and returns the names of its
 // subdirectories.
-std::vector<std::string> clearFilesIn(int dir, const std::filesystem::path& shown) {
+// `shown` names the directory in errors; it is built only when one is thrown, because building it
+// for every level of a deep tree would cost time quadratic in the depth.
+template <typename Shown>
+std::vector<std::string> clearFilesIn(int dir, const Shown& shown) {
   int scanFd = ::openat(dir, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (scanFd < 0) throwFsError("cannot open directory", shown, errno);
+  if (scanFd < 0) throwFsError("cannot open directory", shown(), errno);
   DIR* scan = ::fdopendir(scanFd);
   if (scan == nullptr) {
     int err = errno;
     ::close(scanFd);
-    throwFsError("cannot open directory", shown, err);
+    throwFsError("cannot open directory", shown(), err);
   }
   // Names are collected first so the directory is not changed while it is being listed.
   std::vector<std::string> files;
@@ -64,10 +67,10 @@ std::vector<std::string> clearFilesIn(int dir, const std::filesystem::path& show
   }
   int listErr = errno;
   ::closedir(scan);
-  if (listErr != 0) throwFsError("cannot list directory", shown, listErr);
+  if (listErr != 0) throwFsError("cannot list directory", shown(), listErr);
   for (const std::string& name : files) {
     if (::unlinkat(dir, name.c_str(), 0) != 0 && errno != ENOENT) {
-      throwFsError("cannot remove", shown / name, errno);
+      throwFsError("cannot remove", shown() / name, errno);
     }
   }
   return subdirectories;
@@ -125,7 +128,7 @@ void removeTreeAt(int dirfd, const std::string& name, const std::filesystem::pat
     levels.push_back(Level{name, top.st_dev, top.st_ino, false, {}});
   }
   while (true) {
-    const std::filesystem::path shown = below(shownAs, levels);
+    auto shown = [&] { return below(shownAs, levels); };
     Level& level = levels.back();
     if (!level.cleared) {
       level.subdirectories = clearFilesIn(current.get(), shown);
@@ -136,8 +139,9 @@ void removeTreeAt(int dirfd, const std::string& name, const std::filesystem::pat
       level.subdirectories.pop_back();
       Fd next = openDirectoryAt(current.get(), sub);
       if (!next && errno == ENOENT) continue;  // already gone
-      if (!next) throwFsError("cannot open directory", shown / sub, errno);
-      struct stat inner = statFd(next.get(), shown / sub);
+      if (!next) throwFsError("cannot open directory", shown() / sub, errno);
+      struct stat inner {};
+      if (::fstat(next.get(), &inner) != 0) throwFsError("cannot stat", shown() / sub, errno);
       levels.push_back(Level{sub, inner.st_dev, inner.st_ino, false, {}});
       current = std::move(next);
       continue;
@@ -152,15 +156,16 @@ void removeTreeAt(int dirfd, const std::string& name, const std::filesystem::pat
       return;
     }
     Fd up = openDirectoryAt(current.get(), "..");
-    if (!up) throwFsError("cannot open directory", below(shownAs, levels), errno);
-    struct stat upStat = statFd(up.get(), below(shownAs, levels));
+    if (!up) throwFsError("cannot open directory", shown(), errno);
+    struct stat upStat {};
+    if (::fstat(up.get(), &upStat) != 0) throwFsError("cannot stat", shown(), errno);
     if (upStat.st_dev != levels.back().dev || upStat.st_ino != levels.back().ino) {
       // Someone moved the tree while it was being removed; stop rather than climb elsewhere.
-      throwFsError("directory moved during removal", below(shownAs, levels), ESTALE);
+      throwFsError("directory moved during removal", shown(), ESTALE);
     }
     current = std::move(up);
     if (::unlinkat(current.get(), done.name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT) {
-      throwFsError("cannot remove", shown, errno);
+      throwFsError("cannot remove", shown() / done.name, errno);
     }
   }
 }
