@@ -164,7 +164,12 @@ std::vector<std::string> unpack(const std::filesystem::path& container,
     }
     std::string& earlier = spellingByNfc[nfc(m.name)];
     if (!earlier.empty() && earlier != m.name) removeEarlierSpelling(root.get(), earlier);
-    imx::removeTreeAt(parent.get(), where.leaf, target);
+    // Whatever can be seen at the target goes first. What cannot even be looked at (a name too
+    // long for the file system, say) is left to the creation below, which reports cannotWrite.
+    struct stat existing {};
+    if (::fstatat(parent.get(), where.leaf.c_str(), &existing, AT_SYMLINK_NOFOLLOW) == 0) {
+      imx::removeTreeAt(parent.get(), where.leaf, target);
+    }
     imx::Fd out(::openat(parent.get(), where.leaf.c_str(),
                          O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
     if (!out) throw Lumora2ContainerError::cannotWrite(shown, m.name, target.string());

@@ -127,6 +127,31 @@ TEST_F(ScratchTest, NameThatEndsInADirectoryCannotBeWritten) {
   }
 }
 
+TEST_F(ScratchTest, FileNameTooLongCannotBeWritten) {
+  const std::string name = "d/" + std::string(300, 'n');
+  const fs::path file = ImxBuilder().add("first", "1").add(name, "x").writeTo(scratch_ / "c.imx");
+  try {
+    Lumora2Container::unpack(file, scratch_ / "out");
+    ADD_FAILURE() << "unpacked";
+  } catch (const Lumora2ContainerError& e) {
+    EXPECT_EQ(e.kind(), Kind::cannotWrite);
+    EXPECT_EQ(e.member(), name);
+    EXPECT_EQ(e.destination(), (scratch_ / "out" / name).string());
+  }
+  EXPECT_EQ(test::listTree(scratch_ / "out"), (std::vector<std::string>{"d/", "first (1 bytes)"}));
+}
+
+TEST_F(ScratchTest, DirectoryNameTooLongIsTheFileSystemsError) {
+  const fs::path file =
+      ImxBuilder().add(std::string(300, 'n') + "/x", "x").writeTo(scratch_ / "c.imx");
+  try {
+    Lumora2Container::unpack(file, scratch_ / "out");
+    ADD_FAILURE() << "unpacked";
+  } catch (const fs::filesystem_error& e) {
+    EXPECT_EQ(e.code().value(), ENAMETOOLONG) << e.what();
+  }
+}
+
 TEST_F(ScratchTest, ReadOnlyDestinationCannotBeWritten) {
   if (::geteuid() == 0) GTEST_SKIP() << "permissions do not bind the superuser";
   fs::create_directories(scratch_ / "out");
