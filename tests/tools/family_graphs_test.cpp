@@ -101,8 +101,11 @@ TEST_P(GraphContract, IoJsonAndModelMeetTheContract) {
   EXPECT_EQ(io["outputs"][0]["shape"].get<std::vector<std::int64_t>>(), c.output.shape);
   EXPECT_EQ(io["outputs"][0]["dtype"], c.output.dtype);
 
-  // Run it as the engine does: frozen, inputs by position in io.json order, the probe's fill.
-  torch::jit::Module model = Chain::loadFrozen(dir);
+  // Run it as the engine does: frozen, saved to its cache and loaded back, inputs by position in
+  // io.json order, filled as the liveness probe fills them.
+  const fs::path cached = scratchDir("cache") / "model.pt";
+  Chain::loadFrozen(dir).save(cached.string());
+  torch::jit::Module model = torch::jit::load(cached.string());
   std::vector<torch::jit::IValue> inputs;
   for (const IoFeature& f : c.inputs) inputs.emplace_back(probeInput(f.shape));
   const torch::Tensor out = model.forward(inputs).toTensor();
