@@ -1,69 +1,27 @@
-// Graph packages compile, load and predict with named inputs and outputs; LibTorch failures come
-// back as the engine's own errors.
+// Graph packages describe themselves, compile, load and predict with named inputs and outputs;
+// the liveness probe judges what a graph computes on a synthetic input.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <fstream>
+#include <limits>
 
-#include "engine/graph_model.h"
+#include "engine/lumora2_engine.h"
 #include "support/harness.h"
 #include "support/package_maker.h"
 
 namespace lumora2 {
 namespace {
 
-namespace fs = std::filesystem;
-using testing::Scratch;
-using testing::writeScriptPackage;
+using testing::feature;
+using testing::io;
+using testing::makeGraph;
 
-MultiArray floats(std::vector<std::int64_t> shape, std::vector<float> values) {
-  MultiArray a(ArrayDataType::float32, std::move(shape));
-  std::copy(values.begin(), values.end(), a.floats());
-  return a;
-}
-
-class GraphRuntime : public ::testing::Test {
- protected:
-  // Writes, compiles and loads a package; fails the test when any step does.
-  std::shared_ptr<GraphModel> make(const std::string& source, const std::string& io,
-                                   const std::vector<testing::Weight>& weights = {}) {
-    fs::path package = scratch.dir() / ("p" + std::to_string(count++) + ".mlpackage");
-    writeScriptPackage(package, source, io, weights);
-    std::string error;
-    auto compiled = compileModelPackage(package, &error);
-    EXPECT_TRUE(compiled) << error;
-    if (!compiled) return nullptr;
-    auto model = GraphModel::load(*compiled, ComputeUnits::cpuOnly, &error);
-    EXPECT_TRUE(model) << error;
-    return model;
-  }
-  Scratch scratch;
-  int count = 0;
-};
-
-const std::string kTwoInTwoOut =
-    R"({"inputs":[{"name":"a","shape":[3],"dtype":"float32"},{"name":"b","shape":[3],"dtype":"float32"}],)"
-    R"("outputs":[{"name":"diff","shape":[3],"dtype":"float32"},{"name":"sum","shape":[3],"dtype":"float32"}]})";
-
-TEST_F(GraphRuntime, InputsGoByDescribedPositionAndOutputsAreNamed) {
-  auto model = make("def forward(self, a, b):\n  return (a - b, a + b)\n", kTwoInTwoOut);
-  ASSERT_TRUE(model);
-  // Given in the opposite order: forward still receives a, then b.
-  FeatureSet out =
-      model->predict({{"b", floats({3}, {1, 2, 3})}, {"a", floats({3}, {10, 20, 30})}});
-  ASSERT_EQ(out.size(), 2u);
-  EXPECT_EQ(out.at("diff").floats()[2], 27.0f);
-  EXPECT_EQ(out.at("sum").floats()[0], 11.0f);
-  MultiArray first =
-      model->predictFirst({{"a", floats({3}, {5, 5, 5})}, {"b", floats({3}, {1, 1, 1})}});
-  EXPECT_EQ(first.floats()[0], 4.0f);  // "diff" is listed first
-}
-
-TEST_F(GraphRuntime, HalfAndIntegerArraysCrossTheBoundaryUnchanged) {
-  auto model = make("def forward(self, h, i):\n  return (h * 2.0, i + 1)\n",
-                    R"({"inputs":[{"name":"h","shape":[2,2],"dtype":"float16"},)"
-                    R"({"name":"i","shape":[4],"dtype":"int32"}],)"
-                    R"("outputs":[{"name":"h2","shape":[2,2],"dtype":"float16"},)"
-                    R"({"name":"i1","shape":[4],"dtype":"int32"}]})");
+TEST(GraphRuntime, PredictsByNameWithHalfAndIntegerArrays) {
+  testing::Scratch scratch;
+  auto model = makeGraph(
+      scratch.dir() / "g.mlpackage", "def forward(self, i, h):\n  return (h * 2.0, i - 1)\n",
+      io(feature("i", "[4]", "int32") + "," + feature("h", "[2,2]", "float16"),
+         feature("h2", "[2,2]", "float16") + "," + feature("i1", "[4]", "int32")));
   ASSERT_TRUE(model);
   MultiArray h(ArrayDataType::float16, {2, 2});
   MultiArray n(ArrayDataType::int32, {4});
@@ -71,82 +29,80 @@ TEST_F(GraphRuntime, HalfAndIntegerArraysCrossTheBoundaryUnchanged) {
     h.halves()[k] = floatToHalf(0.25f * static_cast<float>(k));
     n.ints()[k] = -k;
   }
+  // Given in the opposite order: forward still receives i, then h.
   FeatureSet out = model->predict({{"h", h}, {"i", n}});
-  const MultiArray& h2 = out.at("h2");
-  ASSERT_EQ(h2.dataType(), ArrayDataType::float16);
-  EXPECT_EQ(h2.shape(), (std::vector<std::int64_t>{2, 2}));
-  EXPECT_EQ(halfToFloat(h2.halves()[3]), 1.5f);
-  EXPECT_EQ(out.at("i1").ints()[3], -2);
+  ASSERT_EQ(out.size(), 2u);
+  EXPECT_EQ(out.at("h2").shape(), (std::vector<std::int64_t>{2, 2}));
+  EXPECT_EQ(halfToFloat(out.at("h2").halves()[3]), 1.5f);
+  EXPECT_EQ(out.at("i1").ints()[3], -4);
+  EXPECT_EQ(halfToFloat(model->predictFirst({{"h", h}, {"i", n}}).halves()[1]), 0.5f);
+
+  const std::pair<FeatureSet, const char*> failures[] = {
+      {{{"h", h}}, "missing input \"i\""},
+      {{{"h", h}, {"i", MultiArray(ArrayDataType::float32, {4})}},
+       "is float32, the graph takes int32"},
+      {{{"h", MultiArray(ArrayDataType::float16, {3})}, {"i", n}}, "has shape [3]"}};
+  for (const auto& [inputs, expected] : failures) {
+    EXPECT_THAT([&] { model->predict(inputs); },
+                ::testing::ThrowsMessage<PredictionError>(::testing::HasSubstr(expected)));
+  }
 }
 
-TEST_F(GraphRuntime, ResultsNeverAliasTheGraphsConstants) {
-  auto model = make("def forward(self, x):\n  return self.w\n", testing::simpleIo("[2]"),
-                    {{"w", {2}, 7.0f}});
-  ASSERT_TRUE(model);
-  FeatureSet in{{"x", floats({2}, {0, 0})}};
-  model->predictFirst(in).floats()[0] = -1.0f;
-  EXPECT_EQ(model->predictFirst(in).floats()[0], 7.0f);
+TEST(ModelDescription, AcceptsTheFormatAndNamesWhatIsWrong) {
+  const std::pair<const char*, const char*> cases[] = {
+      {R"({"inputs":[{"name":"x","shape":[1,-1],"dtype":"int32"}],"outputs":[{"name":"y"}]})", ""},
+      {R"([1])", "io.json is not a JSON object"},
+      {R"({"inputs":[{"shape":[1],"dtype":"int32"}],"outputs":[]})", "inputs entry 0 has no name"},
+      {R"({"inputs":[{"name":"x","shape":[1]}],"outputs":[]})",
+       "feature \"x\" needs both \"shape\" and \"dtype\""},
+      {R"({"inputs":[{"name":"x","shape":[1.5],"dtype":"int32"}],"outputs":[]})",
+       "feature \"x\" has a non-integer dimension"},
+      {R"({"inputs":[],"outputs":[{"name":"y","shape":[1],"dtype":"float64"}]})",
+       "feature \"y\" has an unknown dtype \"float64\""},
+      {R"({"inputs":[{"name":"x"},{"name":"x"}],"outputs":[]})",
+       "feature \"x\" is listed twice in \"inputs\""}};
+  for (auto [json, expected] : cases) {
+    std::string error;
+    EXPECT_EQ(ModelDescription::parse(json, &error).has_value(), *expected == '\0') << json;
+    EXPECT_EQ(error, expected);
+  }
 }
 
-struct BadPrediction {
+struct ProbeCase {
   const char* label;
-  FeatureSet inputs;
-  const char* expected;  // a fragment of what()
+  std::string source, io;
+  std::optional<std::string> reason;
 };
 
-TEST_F(GraphRuntime, FailedPredictionsThrowWithTheCause) {
-  auto model = make("def forward(self, x):\n  return x.view(7)\n", testing::simpleIo("[-1]"));
+class DeadGraphReason : public ::testing::TestWithParam<ProbeCase> {};
+
+TEST_P(DeadGraphReason, JudgesTheSyntheticPrediction) {
+  testing::Scratch scratch;
+  std::vector<float> oneNaN(1000, 1.0f);
+  oneNaN[500] = std::numeric_limits<float>::quiet_NaN();
+  auto model = makeGraph(scratch.dir() / "g.mlpackage", GetParam().source, GetParam().io,
+                         {{"n", {1000}, 0.0f, oneNaN}}, ComputeUnits::cpuAndNeuralEngine);
   ASSERT_TRUE(model);
-  const BadPrediction cases[] = {
-      {"missing input", {{"z", floats({6}, {})}}, "missing input \"x\""},
-      {"wrong type",
-       {{"x", MultiArray(ArrayDataType::int32, {6})}},
-       "is int32, the graph takes float32"},
-      {"forward fails", {{"x", floats({6}, {})}}, "shape '[7]' is invalid"},
-  };
-  for (const auto& c : cases) {
-    try {
-      model->predict(c.inputs);
-      ADD_FAILURE() << c.label << ": no error";
-    } catch (const PredictionError& e) {
-      EXPECT_NE(std::string(e.what()).find(c.expected), std::string::npos)
-          << c.label << ": " << e.what();
-    }
-  }
+  EXPECT_EQ(Lumora2Engine::deadGraphReason(*model), GetParam().reason);
 }
 
-TEST_F(GraphRuntime, LoadRefusesAForwardThatDoesNotTakeTheDescribedInputs) {
-  fs::path package = scratch.dir() / "arity.mlpackage";
-  writeScriptPackage(package, "def forward(self, a, b):\n  return a\n", testing::simpleIo("[1]"));
-  auto compiled = compileModelPackage(package);
-  ASSERT_TRUE(compiled);
-  std::string error;
-  EXPECT_FALSE(GraphModel::load(*compiled, ComputeUnits::all, &error));
-  EXPECT_EQ(error, "forward takes 2 inputs, io.json describes 1");
-}
+const std::string kX = feature("x", "[1000]"), kY = feature("y", "[1000]");
 
-TEST_F(GraphRuntime, CompileFailsForPackagesThatDoNotLoadOrDescribeThemselves) {
-  fs::path good = scratch.dir() / "good.mlpackage";
-  writeScriptPackage(good, "def forward(self, x):\n  return x\n", testing::simpleIo("[1]"));
-  fs::path garbage = scratch.dir() / "garbage.mlpackage";
-  fs::create_directories(garbage);
-  std::ofstream(garbage / "model.pt") << "not a module";
-  fs::copy_file(good / "io.json", garbage / "io.json");
-  fs::path noIo = scratch.dir() / "noio.mlpackage";
-  fs::create_directories(noIo);
-  fs::copy_file(good / "model.pt", noIo / "model.pt");
-  for (const fs::path& p : {garbage, noIo, scratch.dir() / "absent.mlpackage"}) {
-    std::string error;
-    EXPECT_FALSE(compileModelPackage(p, &error)) << p;
-    EXPECT_FALSE(error.empty()) << p;
-  }
-  // Nothing of the failed compiles is left in the temporary directory.
-  EXPECT_TRUE(fs::is_empty(scratch.tmp()));
-  auto compiled = compileModelPackage(good);
-  ASSERT_TRUE(compiled);
-  EXPECT_EQ(compiled->parent_path(), scratch.tmp());
-  EXPECT_TRUE(fs::exists(*compiled / "model.pt") && fs::exists(*compiled / "io.json"));
-}
+INSTANTIATE_TEST_SUITE_P(
+    Graphs, DeadGraphReason,
+    ::testing::Values(
+        ProbeCase{"alive", "def forward(self, x):\n  return x * 2.0\n", io(kX, kY), std::nullopt},
+        ProbeCase{"zeros", "def forward(self, x):\n  return x * 0.0\n", io(kX, kY),
+                  "ALL 1000 outputs are ZERO"},
+        ProbeCase{"one_nan", "def forward(self, x):\n  return (x, x + self.n)\n",
+                  io(kX, kY + "," + feature("z", "[1000]")), "1 of 2000 outputs are NaN/Inf"},
+        ProbeCase{"integer_output_unjudged", "def forward(self, x):\n  return (x * 0.0, x.int())\n",
+                  io(kX, kY + "," + feature("i", "[1000]", "int32")), std::nullopt},
+        ProbeCase{"flexible_input_unjudged", "def forward(self, x):\n  return x * 0.0\n",
+                  io(feature("x", "[1,-1]"), kY), std::nullopt},
+        ProbeCase{"failing_prediction", "def forward(self, x):\n  return x.view(7)\n",
+                  io(feature("x", "[2,3]"), kY), "prediction FAILED"}),
+    [](const auto& param) { return std::string(param.param.label); });
 
 }  // namespace
 }  // namespace lumora2

@@ -1,9 +1,8 @@
 // Test harness of the engine tests: scratch directories with their own cache and temporary
-// directory, environment overrides, stderr capture and child processes.
+// directory, environment overrides, stderr capture and child processes. No LibTorch here.
 #pragma once
 
 #include <filesystem>
-#include <initializer_list>
 #include <map>
 #include <optional>
 #include <string>
@@ -15,18 +14,17 @@ namespace lumora2::testing {
 class EnvOverride {
  public:
   EnvOverride() = default;
-  EnvOverride(std::initializer_list<std::pair<const char*, std::optional<std::string>>> values);
-  ~EnvOverride();
   EnvOverride(const EnvOverride&) = delete;
   EnvOverride& operator=(const EnvOverride&) = delete;
+  ~EnvOverride();
   void set(const std::string& name, const std::optional<std::string>& value);
 
  private:
   std::map<std::string, std::optional<std::string>> saved_;
 };
 
-// A fresh directory with cache/ as LUMORA2_MLMODELC_CACHE and tmp/ as TMPDIR; the developer and
-// engine directory variables unset. Removed with everything in it when destroyed.
+// A fresh directory with cache/ as LUMORA2_MLMODELC_CACHE and tmp/ as TMPDIR; the developer
+// directory and unit variables unset. Removed with everything in it when destroyed.
 class Scratch {
  public:
   Scratch();
@@ -35,15 +33,14 @@ class Scratch {
   std::filesystem::path cache() const { return dir_ / "cache"; }
   std::filesystem::path tmp() const { return dir_ / "tmp"; }
   EnvOverride& env() { return env_; }
-  // Names in the cache root, sorted.
-  std::vector<std::string> cacheEntries() const;
+  std::vector<std::string> cacheEntries() const;  // names in the cache root, sorted
 
  private:
   std::filesystem::path dir_;
   EnvOverride env_;
 };
 
-// Redirects file descriptor 2 to a file until finish(), which returns what was written.
+// Redirects file descriptor 2 until finish(), which returns what was written.
 class StderrCapture {
  public:
   StderrCapture();
@@ -51,35 +48,25 @@ class StderrCapture {
   std::string finish();
 
  private:
-  int saved_ = -1;
-  std::filesystem::path file_;
+  int fd_, saved_;
 };
 
 // The engine's log lines in `text` with their time and process prefix removed.
 std::vector<std::string> logTexts(const std::string& text);
 
-struct ProcessResult {
-  int status = -1;  // exit status, or -1 when the child did not exit normally
-  std::string out;
-  std::string err;
-};
-
-// A child process with its standard output and error on pipes; the environment is this
-// process's with `env` applied.
-class ChildProcess {
+// A child process running argv (looked up on PATH), started at construction; finish() waits for
+// it and returns its standard output and error.
+class Child {
  public:
-  ChildProcess(const std::vector<std::string>& argv,
-               const std::map<std::string, std::optional<std::string>>& env = {});
-  ~ChildProcess();
-  ProcessResult finish();
+  explicit Child(const std::vector<std::string>& argv);
+  ~Child();
+  std::pair<std::string, std::string> finish();
 
  private:
-  int pid_ = -1;
-  int outFd_ = -1;
-  int errFd_ = -1;
+  int pid_ = -1, outFd_, errFd_;
 };
 
-ProcessResult runProcess(const std::vector<std::string>& argv,
-                         const std::map<std::string, std::optional<std::string>>& env = {});
+// The standard output of running argv to its end.
+std::string outputOf(const std::vector<std::string>& argv);
 
 }  // namespace lumora2::testing

@@ -35,10 +35,24 @@ void writeScriptPackage(const fs::path& dir, const std::string& source, const st
   std::ofstream(dir / "io.json", std::ios::binary) << ioJson;
 }
 
+std::string feature(const std::string& name, const std::string& shape, const std::string& dtype) {
+  return R"({"name":")" + name + R"(","shape":)" + shape + R"(,"dtype":")" + dtype + R"("})";
+}
+
+std::string io(const std::string& inputs, const std::string& outputs) {
+  return R"({"inputs":[)" + inputs + R"(],"outputs":[)" + outputs + "]}";
+}
+
 std::string simpleIo(const std::string& shape) {
-  return R"({"inputs":[{"name":"x","shape":)" + shape +
-         R"(,"dtype":"float32"}],"outputs":[{"name":"y","shape":)" + shape +
-         R"(,"dtype":"float32"}]})";
+  return io(feature("x", shape), feature("y", shape));
+}
+
+std::shared_ptr<GraphModel> makeGraph(const fs::path& dir, const std::string& source,
+                                      const std::string& ioJson, const std::vector<Weight>& weights,
+                                      ComputeUnits units) {
+  writeScriptPackage(dir, source, ioJson, weights);
+  auto compiled = compileModelPackage(dir);
+  return compiled ? GraphModel::load(*compiled, units) : nullptr;
 }
 
 }  // namespace lumora2::testing

@@ -5,8 +5,11 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "engine/graph_model.h"
 
 namespace lumora2::testing {
 
@@ -26,7 +29,17 @@ struct Weight {
 void writeScriptPackage(const std::filesystem::path& dir, const std::string& source,
                         const std::string& ioJson, const std::vector<Weight>& weights = {});
 
-// io.json text for one float32 input "x" and one float32 output "y", both of `shape`.
+// io.json text: `feature` entries joined into the two lists.
+std::string feature(const std::string& name, const std::string& shape,
+                    const std::string& dtype = "float32");
+std::string io(const std::string& inputs, const std::string& outputs);
+// One float32 input "x" and one float32 output "y", both of `shape`.
 std::string simpleIo(const std::string& shape);
+
+// Writes the package at `dir`, compiles it and loads it on `units`; nothing when a step fails.
+std::shared_ptr<GraphModel> makeGraph(const std::filesystem::path& dir, const std::string& source,
+                                      const std::string& ioJson,
+                                      const std::vector<Weight>& weights = {},
+                                      ComputeUnits units = ComputeUnits::cpuOnly);
 
 }  // namespace lumora2::testing
