@@ -1,8 +1,39 @@
 #include "imx_builder.h"
 
+#include <cstdio>
+
 #include "scratch_dir.h"
 
 namespace lumora2::test {
+
+std::string summary(const Lumora2ContainerError& e) {
+  using Kind = Lumora2ContainerError::Kind;
+  const std::string quoted = "\"" + e.name() + "\"";
+  switch (e.kind()) {
+    case Kind::notAContainer: {
+      char hex[16];
+      std::snprintf(hex, sizeof hex, "%02x %02x %02x %02x", e.magic()[0], e.magic()[1],
+                    e.magic()[2], e.magic()[3]);
+      return std::string("notAContainer [") + hex + "]";
+    }
+    case Kind::wrongContainerFamily:
+      return "wrongContainerFamily " + e.name();
+    case Kind::legacyZipContainer:
+      return "legacyZipContainer";
+    case Kind::unsupportedVersion:
+      return "unsupportedVersion " + std::to_string(e.version());
+    case Kind::truncated:
+      return "truncated " + (e.member() ? "\"" + *e.member() + "\"" : std::string("table")) + " @" +
+             std::to_string(e.atOffset());
+    case Kind::unsafeMemberName:
+      return "unsafeMemberName " + quoted;
+    case Kind::memberNotFound:
+      return "memberNotFound " + quoted;
+    case Kind::cannotWrite:
+      return "cannotWrite " + quoted + " to " + e.destination();
+  }
+  return "?";
+}
 
 std::string le16(std::uint16_t value) {
   return {static_cast<char>(value & 0xFF), static_cast<char>(value >> 8)};

@@ -14,6 +14,24 @@
 
 namespace lumora2::test {
 
+// A one-line summary of a reader error's case and payload, without the container path:
+// `truncated table @8`, `truncated "a.txt" @35`, `notAContainer [89 50 4e 47]`,
+// `wrongContainerFamily KIMX`, `legacyZipContainer`, `unsupportedVersion 3`,
+// `unsafeMemberName "../x"`, `memberNotFound "x"`, `cannotWrite "a" to /out/a`.
+std::string summary(const Lumora2ContainerError& error);
+
+// Runs `f` and returns the summary of the reader error it throws, or "returned" when it returns.
+// Other exceptions pass through.
+template <typename F>
+std::string imxError(F&& f) {
+  try {
+    f();
+  } catch (const Lumora2ContainerError& e) {
+    return summary(e);
+  }
+  return "returned";
+}
+
 // The format's little-endian integers as raw bytes.
 std::string le16(std::uint16_t value);
 std::string le64(std::uint64_t value);
