@@ -1,4 +1,4 @@
-// The shared argument grammar, the number reader and the warm-up length, as tables.
+// The shared argument grammar, the number readers and the warm-up length, as tables.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -13,7 +13,6 @@ namespace lumora2 {
 namespace {
 
 struct GrammarCase {
-  std::string name;
   std::vector<std::string> words;
   Positionals positionals;
   Options options;
@@ -22,101 +21,68 @@ struct GrammarCase {
 class ParseArgsTest : public ::testing::TestWithParam<GrammarCase> {};
 
 TEST_P(ParseArgsTest, SplitsPositionalsAndOptions) {
-  const GrammarCase& c = GetParam();
-  ParsedArgs parsed = parseArgs(c.words);
-  EXPECT_EQ(parsed.positionals, c.positionals);
-  EXPECT_EQ(parsed.options, c.options);
+  ParsedArgs parsed = parseArgs(GetParam().words);
+  EXPECT_EQ(parsed.positionals, GetParam().positionals);
+  EXPECT_EQ(parsed.options, GetParam().options);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Grammar, ParseArgsTest,
     ::testing::Values(
-        GrammarCase{"Empty", {}, {}, {}},
-        GrammarCase{"PositionalsKeepOrder", {"b", "a", "c"}, {"b", "a", "c"}, {}},
-        GrammarCase{"OutputTakesNextWord", {"dir", "-o", "x.model"}, {"dir"}, {{"o", "x.model"}}},
-        GrammarCase{"OutputValueMayLookLikeAnOption", {"-o", "--abi"}, {}, {{"o", "--abi"}}},
-        GrammarCase{
-            "TrailingOutputCancelsEarlierOne", {"in.model", "-o", "x.imx", "-o"}, {"in.model"}, {}},
-        GrammarCase{"TrailingOutputAloneStoresNothing", {"-o"}, {}, {}},
-        GrammarCase{
-            "TrailingOutputKeepsOtherOptions", {"--abi", "3", "-o", "x", "-o"}, {}, {{"abi", "3"}}},
-        GrammarCase{"RepeatedOutputKeepsLast", {"-o", "a", "-o", "b"}, {}, {{"o", "b"}}},
-        GrammarCase{"RepeatedOptionKeepsLast", {"--abi", "1", "--abi", "2"}, {}, {{"abi", "2"}}},
-        GrammarCase{"OptionGreedilyTakesPositional",
-                    {"a.model", "--no-verify", "out"},
-                    {"a.model"},
-                    {{"no-verify", "out"}}},
-        GrammarCase{"OptionBeforeOptionIsTrue",
-                    {"--abi", "--code", "C"},
-                    {},
-                    {{"abi", "true"}, {"code", "C"}}},
-        GrammarCase{"OptionBeforeOutputIsTrue",
-                    {"--verify", "-o", "x"},
-                    {},
-                    {{"verify", "true"}, {"o", "x"}}},
-        GrammarCase{"LastOptionIsTrue", {"x", "--no-verify"}, {"x"}, {{"no-verify", "true"}}},
-        GrammarCase{"ValueMayBeginWithSingleDash",
-                    {"--abi", "-3", "--name", "-"},
-                    {},
-                    {{"abi", "-3"}, {"name", "-"}}},
-        GrammarCase{"DoubleDashAloneIsEmptyKey", {"--", "v"}, {}, {{"", "v"}}},
-        GrammarCase{"DoubleDashAtEndIsEmptyKeyTrue", {"x", "--"}, {"x"}, {{"", "true"}}},
-        GrammarCase{
-            "SingleDashWordsArePositional", {"-v", "-", "-oo", "-O"}, {"-v", "-", "-oo", "-O"}, {}},
-        GrammarCase{"EmptyWordIsPositional", {"", "--k", ""}, {""}, {{"k", ""}}},
-        GrammarCase{"TripleDashKeepsOneDash", {"---x", "1"}, {}, {{"-x", "1"}}}),
-    [](const ::testing::TestParamInfo<GrammarCase>& p) { return p.param.name; });
+        GrammarCase{{}, {}, {}}, GrammarCase{{"b", "a", "c"}, {"b", "a", "c"}, {}},
+        GrammarCase{{"dir", "-o", "x.model"}, {"dir"}, {{"o", "x.model"}}},
+        GrammarCase{{"-o", "--abi"}, {}, {{"o", "--abi"}}},  // -o takes any next word
+        // A trailing bare -o cancels an earlier one and nothing else.
+        GrammarCase{{"in.model", "--abi", "3", "-o", "x", "-o"}, {"in.model"}, {{"abi", "3"}}},
+        GrammarCase{{"-o", "a", "-o", "b"}, {}, {{"o", "b"}}},
+        GrammarCase{{"--abi", "1", "--abi", "2"}, {}, {{"abi", "2"}}},
+        // An option greedily takes a word meant as a positional.
+        GrammarCase{{"a.model", "--no-verify", "out"}, {"a.model"}, {{"no-verify", "out"}}},
+        // Before another option, before -o and at the end, an option holds "true".
+        GrammarCase{{"--abi", "--code", "C"}, {}, {{"abi", "true"}, {"code", "C"}}},
+        GrammarCase{{"--verify", "-o", "x"}, {}, {{"verify", "true"}, {"o", "x"}}},
+        GrammarCase{{"x", "--no-verify"}, {"x"}, {{"no-verify", "true"}}},
+        GrammarCase{{"--abi", "-3", "--name", "-"}, {}, {{"abi", "-3"}, {"name", "-"}}},
+        GrammarCase{{"--", "v"}, {}, {{"", "v"}}},  // "--" alone is the empty key
+        GrammarCase{{"x", "--"}, {"x"}, {{"", "true"}}},
+        GrammarCase{{"-v", "-", "-oo", "-O"}, {"-v", "-", "-oo", "-O"}, {}},
+        GrammarCase{{"", "--k", ""}, {""}, {{"k", ""}}},
+        GrammarCase{{"---x", "1"}, {}, {{"-x", "1"}}}));
 
-struct DecimalCase {
+struct NumberCase {
   std::string text;
-  std::optional<double> value;
+  std::optional<double> decimal;
+  std::optional<std::int64_t> integer;
 };
 
-class ParseDecimalTest : public ::testing::TestWithParam<DecimalCase> {};
+constexpr std::nullopt_t no = std::nullopt;
+constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
+constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
 
-TEST_P(ParseDecimalTest, WholeTextMustBeTheNumber) {
-  const DecimalCase& c = GetParam();
-  EXPECT_EQ(parseDecimal(c.text), c.value) << "text '" << c.text << "'";
+class ParseNumberTest : public ::testing::TestWithParam<NumberCase> {};
+
+TEST_P(ParseNumberTest, WholeTextMustBeTheNumber) {
+  EXPECT_EQ(parseDecimal(GetParam().text), GetParam().decimal) << "'" << GetParam().text << "'";
+  EXPECT_EQ(parseInteger(GetParam().text), GetParam().integer) << "'" << GetParam().text << "'";
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Numbers, ParseDecimalTest,
-    ::testing::Values(DecimalCase{"2.5", 2.5}, DecimalCase{"-3", -3.0}, DecimalCase{"+4", 4.0},
-                      DecimalCase{"0", 0.0}, DecimalCase{".5", 0.5}, DecimalCase{"5.", 5.0},
-                      DecimalCase{"1e3", 1000.0}, DecimalCase{"-2E-1", -0.2},
-                      DecimalCase{"", std::nullopt}, DecimalCase{" 2", std::nullopt},
-                      DecimalCase{"2 ", std::nullopt}, DecimalCase{"abc", std::nullopt},
-                      DecimalCase{"2x", std::nullopt}, DecimalCase{".", std::nullopt},
-                      DecimalCase{"-", std::nullopt}, DecimalCase{"1e", std::nullopt},
-                      DecimalCase{"0x10", std::nullopt}, DecimalCase{"inf", std::nullopt},
-                      DecimalCase{"nan", std::nullopt}, DecimalCase{"1,5", std::nullopt},
-                      DecimalCase{"--1", std::nullopt}));
-
-struct IntegerCase {
-  std::string text;
-  std::optional<std::int64_t> value;
-};
-
-class ParseIntegerTest : public ::testing::TestWithParam<IntegerCase> {};
-
-TEST_P(ParseIntegerTest, WholeTextMustBeTheNumber) {
-  const IntegerCase& c = GetParam();
-  EXPECT_EQ(parseInteger(c.text), c.value) << "text '" << c.text << "'";
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Numbers, ParseIntegerTest,
-    ::testing::Values(IntegerCase{"1", 1}, IntegerCase{"-7", -7}, IntegerCase{"+7", 7},
-                      IntegerCase{"007", 7},
-                      IntegerCase{"9223372036854775807", std::numeric_limits<std::int64_t>::max()},
-                      IntegerCase{"-9223372036854775808", std::numeric_limits<std::int64_t>::min()},
-                      IntegerCase{"9223372036854775808", std::nullopt},
-                      IntegerCase{"1.0", std::nullopt}, IntegerCase{"true", std::nullopt},
-                      IntegerCase{"", std::nullopt}, IntegerCase{"+", std::nullopt},
-                      IntegerCase{" 1", std::nullopt}, IntegerCase{"1e2", std::nullopt}));
+    Numbers, ParseNumberTest,
+    ::testing::Values(NumberCase{"2.5", 2.5, no}, NumberCase{"-3", -3.0, -3},
+                      NumberCase{"+4", 4.0, 4}, NumberCase{"007", 7.0, 7}, NumberCase{"0", 0.0, 0},
+                      NumberCase{".5", 0.5, no}, NumberCase{"5.", 5.0, no},
+                      NumberCase{"1e3", 1000.0, no}, NumberCase{"-2E-1", -0.2, no},
+                      NumberCase{"9223372036854775807", static_cast<double>(kMax), kMax},
+                      NumberCase{"-9223372036854775808", static_cast<double>(kMin), kMin},
+                      NumberCase{"9223372036854775808", 9223372036854775808.0, no},
+                      NumberCase{"", no, no}, NumberCase{" 2", no, no}, NumberCase{"2 ", no, no},
+                      NumberCase{"2x", no, no}, NumberCase{".", no, no}, NumberCase{"-", no, no},
+                      NumberCase{"+", no, no}, NumberCase{"1e", no, no}, NumberCase{"0x10", no, no},
+                      NumberCase{"inf", no, no}, NumberCase{"nan", no, no},
+                      NumberCase{"1,5", no, no}, NumberCase{"--1", no, no},
+                      NumberCase{"true", no, no}));
 
 struct WarmCase {
-  std::string name;
   std::optional<std::string> value;  // nullopt: LUMORA2_WARM_SECS unset
   std::int64_t samples;
 };
@@ -127,25 +93,17 @@ class WarmSamplesTest : public ::testing::TestWithParam<WarmCase> {
 };
 
 TEST_P(WarmSamplesTest, ReadsSecondsOfWarmUpSpeech) {
-  const WarmCase& c = GetParam();
-  if (c.value) {
-    setenv("LUMORA2_WARM_SECS", c.value->c_str(), 1);
-  } else {
-    unsetenv("LUMORA2_WARM_SECS");
-  }
-  EXPECT_EQ(warmSamples(), c.samples);
+  if (GetParam().value) setenv("LUMORA2_WARM_SECS", GetParam().value->c_str(), 1);
+  EXPECT_EQ(warmSamples(), GetParam().samples) << GetParam().value.value_or("(unset)");
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Env, WarmSamplesTest,
-    ::testing::Values(WarmCase{"Fraction", "2.5", 40000}, WarmCase{"NegativeIsZero", "-3", 0},
-                      WarmCase{"NotANumber", "abc", 320000},
-                      WarmCase{"Unset", std::nullopt, 320000},
-                      WarmCase{"LeadingBlank", " 2", 320000}, WarmCase{"Empty", "", 320000},
-                      WarmCase{"Zero", "0", 0}, WarmCase{"SubSampleFractionDropped", "0.00001", 0},
-                      WarmCase{"Exponent", "1e1", 160000},
-                      WarmCase{"HugeSaturates", "1e300", std::numeric_limits<std::int64_t>::max()}),
-    [](const ::testing::TestParamInfo<WarmCase>& p) { return p.param.name; });
+// 16 kHz speech; 20 s unless the variable is a number; negative is none; a part sample is dropped.
+INSTANTIATE_TEST_SUITE_P(Env, WarmSamplesTest,
+                         ::testing::Values(WarmCase{"2.5", 40000}, WarmCase{"-3", 0},
+                                           WarmCase{"abc", 320000}, WarmCase{no, 320000},
+                                           WarmCase{" 2", 320000}, WarmCase{"", 320000},
+                                           WarmCase{"0", 0}, WarmCase{"0.00001", 0},
+                                           WarmCase{"1e1", 160000}, WarmCase{"1e300", kMax}));
 
 }  // namespace
 }  // namespace lumora2

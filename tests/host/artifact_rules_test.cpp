@@ -1,6 +1,7 @@
 // The packing rules as tables: what each kind needs, the label rule, the provenance verdict.
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -11,16 +12,12 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-const Names kFullEngine{
-    "audiotokenizer_cpuAndNE.mlpackage/io.json",
-    "audiotokenizer_cpuAndNE.mlpackage/model.pt",
-    "student_v4_forward_frame_cpuAndNE.mlpackage/model.pt",
-    "w2v_frontend_cpuAndNE.mlpackage/Data/weights.bin",
-    "warm.wav",
-};
+const Names kFullEngine{"audiotokenizer_cpuAndNE.mlpackage/io.json",
+                        "audiotokenizer_cpuAndNE.mlpackage/model.pt",
+                        "student_v4_forward_frame_cpuAndNE.mlpackage/model.pt",
+                        "w2v_frontend_cpuAndNE.mlpackage/Data/weights.bin", "warm.wav"};
 
 struct NeedsCase {
-  std::string name;
   ArtifactKind kind;
   Names members;
   Names missing;
@@ -29,42 +26,26 @@ struct NeedsCase {
 class MissingRequirementsTest : public ::testing::TestWithParam<NeedsCase> {};
 
 TEST_P(MissingRequirementsTest, NamesEverythingMissingInFixedOrder) {
-  const NeedsCase& c = GetParam();
-  EXPECT_EQ(missingRequirements(c.members, c.kind), c.missing);
+  EXPECT_EQ(missingRequirements(GetParam().members, GetParam().kind), GetParam().missing);
 }
 
+// The full messages for empty and mis-shaped staging directories are pinned by the golden cases.
 INSTANTIATE_TEST_SUITE_P(
     Kinds, MissingRequirementsTest,
     ::testing::Values(
-        NeedsCase{"EngineComplete", ArtifactKind::engine, kFullEngine, {}},
-        NeedsCase{"EngineEmpty",
-                  ArtifactKind::engine,
-                  {},
-                  {"w2v_frontend_cpuAndNE.mlpackage/", "audiotokenizer_cpuAndNE.mlpackage/",
-                   "student_v4_forward_frame_cpuAndNE.mlpackage/", "warm.wav"}},
         // A package given as a plain file, and warm.wav only below a directory, do not count.
-        NeedsCase{"EngineWrongShapes",
-                  ArtifactKind::engine,
+        NeedsCase{ArtifactKind::engine,
                   {"audiotokenizer_cpuAndNE.mlpackage", "extras/warm.wav",
                    "student_v4_forward_frame_cpuAndNE.mlpackage/model.pt",
                    "w2v_frontend_cpuAndNE.mlpackage/model.pt"},
                   {"audiotokenizer_cpuAndNE.mlpackage/", "warm.wav"}},
-        NeedsCase{"AvatarComplete",
-                  ArtifactKind::avatar,
-                  {"canon.f32", "dec_p2_v3_all.mlpackage/model.pt"},
-                  {}},
-        NeedsCase{"AvatarIdleIsOptionalButCanonIsNot",
-                  ArtifactKind::avatar,
-                  {"dec_p2_v3_all.mlpackage/model.pt", "idle.mp4"},
-                  {"canon.f32"}},
-        NeedsCase{"AvatarIsNotAnEngine",
-                  ArtifactKind::avatar,
-                  kFullEngine,
-                  {"dec_p2_v3_all.mlpackage/", "canon.f32"}}),
-    [](const ::testing::TestParamInfo<NeedsCase>& p) { return p.param.name; });
+        NeedsCase{ArtifactKind::avatar, {"canon.f32", "dec_p2_v3_all.mlpackage/model.pt"}, {}},
+        // idle.mp4 is optional, canon.f32 is not; an engine is no avatar.
+        NeedsCase{
+            ArtifactKind::avatar, {"dec_p2_v3_all.mlpackage/model.pt", "idle.mp4"}, {"canon.f32"}},
+        NeedsCase{ArtifactKind::avatar, kFullEngine, {"dec_p2_v3_all.mlpackage/", "canon.f32"}}));
 
 struct LabelCase {
-  std::string name;
   Names members;
   std::vector<LabelledPath> labels;
 };
@@ -72,108 +53,68 @@ struct LabelCase {
 class LabelFilesTest : public ::testing::TestWithParam<LabelCase> {};
 
 TEST_P(LabelFilesTest, GivesStableUniqueLabels) {
-  const LabelCase& c = GetParam();
-  EXPECT_EQ(labelFiles(c.members), c.labels);
+  EXPECT_EQ(labelFiles(GetParam().members), GetParam().labels);
 }
 
+// The fixed labels of the known members are pinned by the golden command-line cases.
 INSTANTIATE_TEST_SUITE_P(
     Rule, LabelFilesTest,
-    ::testing::Values(LabelCase{"KnownEngineMembers",
-                                kFullEngine,
-                                {{"atok", "audiotokenizer_cpuAndNE.mlpackage"},
-                                 {"student", "student_v4_forward_frame_cpuAndNE.mlpackage"},
-                                 {"w2v", "w2v_frontend_cpuAndNE.mlpackage"},
-                                 {"warm", "warm.wav"}}},
-                      LabelCase{"KnownAvatarMembers",
-                                {"canon.f32", "dec_p2_v3_all.mlpackage/a",
-                                 "dec_p2_v3_all.mlpackage/b/c", "idle.mp4", "provenance.json"},
-                                {{"canon", "canon.f32"},
-                                 {"decp2", "dec_p2_v3_all.mlpackage"},
-                                 {"idle", "idle.mp4"},
-                                 {"provenance", "provenance.json"}}},
-                      LabelCase{"OtherFilesAndPackagesDropLastExtension",
-                                {"a.tar.gz", "extra.mlpackage/model.pt", "README", ".env", "x."},
-                                {{"a.tar", "a.tar.gz"},
-                                 {"extra", "extra.mlpackage"},
-                                 {"README", "README"},
-                                 {".env", ".env"},
-                                 {"x", "x."}}},
-                      // Fixed labels are claimed first even when the clashing name sorts earlier.
-                      LabelCase{"FixedLabelsWinCollisions",
-                                {"canon.bin", "canon.f32", "warm.txt", "warm.wav"},
-                                {{"canon-2", "canon.bin"},
-                                 {"canon", "canon.f32"},
-                                 {"warm-2", "warm.txt"},
-                                 {"warm", "warm.wav"}}},
-                      LabelCase{"CollisionsNumberedInNameOrder",
-                                {"notes-2.txt", "notes.md", "notes.mlpackage/x", "notes.txt"},
-                                {{"notes-2", "notes-2.txt"},
-                                 {"notes", "notes.md"},
-                                 {"notes-3", "notes.mlpackage"},
-                                 {"notes-4", "notes.txt"}}},
-                      LabelCase{"NestedFilesOutsidePackagesAreLabelledByPath",
-                                {"extras/a.bin", "extras/deep/b", "warm.wav"},
-                                {{"extras/a.bin", "extras/a.bin"},
-                                 {"extras/deep/b", "extras/deep/b"},
-                                 {"warm", "warm.wav"}}},
-                      LabelCase{"PackageSuffixAloneIsNotAPackage",
-                                {".mlpackage/x"},
-                                {{".mlpackage/x", ".mlpackage/x"}}}),
-    [](const ::testing::TestParamInfo<LabelCase>& p) { return p.param.name; });
+    ::testing::Values(
+        // Other entries drop their last extension; files below other directories keep their path.
+        LabelCase{{"a.tar.gz", "extra.mlpackage/model.pt", "README", ".env", "x.", "extras/a.bin",
+                   "extras/deep/b", ".mlpackage/x"},
+                  {{"a.tar", "a.tar.gz"},
+                   {"extra", "extra.mlpackage"},
+                   {"README", "README"},
+                   {".env", ".env"},
+                   {"x", "x."},
+                   {"extras/a.bin", "extras/a.bin"},
+                   {"extras/deep/b", "extras/deep/b"},
+                   {".mlpackage/x", ".mlpackage/x"}}},
+        // Fixed labels are claimed first even when the clashing name sorts earlier; other
+        // collisions are numbered in name order, skipping numbers already taken.
+        LabelCase{{"canon.bin", "canon.f32", "notes-2.txt", "notes.md", "notes.mlpackage/x",
+                   "notes.txt", "warm.txt", "warm.wav"},
+                  {{"canon-2", "canon.bin"},
+                   {"canon", "canon.f32"},
+                   {"notes-2", "notes-2.txt"},
+                   {"notes", "notes.md"},
+                   {"notes-3", "notes.mlpackage"},
+                   {"notes-4", "notes.txt"},
+                   {"warm-2", "warm.txt"},
+                   {"warm", "warm.wav"}}}));
 
-const std::string kSha(64, 'a');
+using Sha = std::optional<std::string>;
 
 struct VerdictCase {
-  std::string name;
-  Provenance provenance;
+  Sha studentSha256, studentSha, jntSha256;
   ProvenanceVerdict verdict;
-  std::string text;
 };
 
 class ProvenanceVerdictTest : public ::testing::TestWithParam<VerdictCase> {};
 
 TEST_P(ProvenanceVerdictTest, JudgesTheBinding) {
-  const VerdictCase& c = GetParam();
-  EXPECT_EQ(provenanceVerdict(c.provenance), c.verdict);
-  EXPECT_EQ(verdictName(c.verdict), c.text);
-}
-
-Provenance withStudentSha256(std::string value) {
   Provenance p;
-  p.studentSha256 = std::move(value);
-  return p;
+  p.studentSha256 = GetParam().studentSha256;
+  p.studentSha = GetParam().studentSha;
+  p.jntSha256 = GetParam().jntSha256;
+  EXPECT_EQ(provenanceVerdict(p), GetParam().verdict);
 }
 
-Provenance legacy(std::optional<std::string> studentSha, std::optional<std::string> jnt) {
-  Provenance p;
-  p.studentSha = std::move(studentSha);
-  p.jntSha256 = std::move(jnt);
-  return p;
-}
+const std::string kSha(64, 'a');
+constexpr std::nullopt_t no = std::nullopt;
 
+// Only 64 lower-case hexadecimal digits bind; a non-empty legacy field is legacy-bound.
 INSTANTIATE_TEST_SUITE_P(
     Rule, ProvenanceVerdictTest,
-    ::testing::Values(VerdictCase{"StudentSha256Binds", withStudentSha256(kSha),
-                                  ProvenanceVerdict::bound, "bound"},
-                      VerdictCase{"UpperCaseDoesNotBind", withStudentSha256(std::string(64, 'A')),
-                                  ProvenanceVerdict::unstamped, "unstamped"},
-                      VerdictCase{"ShortDoesNotBind", withStudentSha256(std::string(63, 'a')),
-                                  ProvenanceVerdict::unstamped, "unstamped"},
-                      VerdictCase{"StudentShaIsLegacy", legacy("abc123", std::nullopt),
-                                  ProvenanceVerdict::legacyBound, "legacy-bound"},
-                      VerdictCase{"JointShaIsLegacy", legacy(std::nullopt, kSha),
-                                  ProvenanceVerdict::legacyBound, "legacy-bound"},
-                      VerdictCase{"EmptyLegacyFieldsDoNotCount", legacy("", ""),
-                                  ProvenanceVerdict::unstamped, "unstamped"},
-                      VerdictCase{"NothingIsUnstamped", Provenance{}, ProvenanceVerdict::unstamped,
-                                  "unstamped"}),
-    [](const ::testing::TestParamInfo<VerdictCase>& p) { return p.param.name; });
-
-TEST(ProvenanceVerdictTest, BindingKeyOutranksLegacyFields) {
-  Provenance p = legacy("abc", kSha);
-  p.studentSha256 = kSha;
-  EXPECT_EQ(provenanceVerdict(p), ProvenanceVerdict::bound);
-}
+    ::testing::Values(VerdictCase{kSha, no, no, ProvenanceVerdict::bound},
+                      VerdictCase{kSha, "abc", kSha, ProvenanceVerdict::bound},
+                      VerdictCase{std::string(64, 'A'), no, no, ProvenanceVerdict::unstamped},
+                      VerdictCase{std::string(63, 'a'), no, no, ProvenanceVerdict::unstamped},
+                      VerdictCase{no, "abc123", no, ProvenanceVerdict::legacyBound},
+                      VerdictCase{std::string(63, 'a'), no, kSha, ProvenanceVerdict::legacyBound},
+                      VerdictCase{no, "", "", ProvenanceVerdict::unstamped},
+                      VerdictCase{no, no, no, ProvenanceVerdict::unstamped}));
 
 }  // namespace
 }  // namespace lumora2
