@@ -13,7 +13,7 @@
 #include <system_error>
 #include <vector>
 
-#include "../container/imx_tree.h"
+#include "imx_tree.h"
 #include "container/imx.h"
 #include "container/platform.h"
 
