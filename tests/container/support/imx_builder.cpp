@@ -1,6 +1,7 @@
 #include "imx_builder.h"
 
 #include <cstdio>
+#include <cstring>
 
 #include "scratch_dir.h"
 
@@ -11,10 +12,10 @@ std::string summary(const Lumora2ContainerError& e) {
   const std::string quoted = "\"" + e.name() + "\"";
   switch (e.kind()) {
     case Kind::notAContainer: {
-      char hex[16];
-      std::snprintf(hex, sizeof hex, "%02x %02x %02x %02x", e.magic()[0], e.magic()[1],
+      char hex[32];
+      std::snprintf(hex, sizeof hex, "[%02x %02x %02x %02x]", e.magic()[0], e.magic()[1],
                     e.magic()[2], e.magic()[3]);
-      return std::string("notAContainer [") + hex + "]";
+      return std::string("notAContainer ") + hex;
     }
     case Kind::wrongContainerFamily:
       return "wrongContainerFamily " + e.name();
@@ -35,6 +36,10 @@ std::string summary(const Lumora2ContainerError& e) {
   return "?";
 }
 
+std::string summary(const std::filesystem::filesystem_error& e) {
+  return std::string(strerrorname_np(e.code().value())) + " " + e.path1().string();
+}
+
 std::string le16(std::uint16_t value) {
   return {static_cast<char>(value & 0xFF), static_cast<char>(value >> 8)};
 }
@@ -45,32 +50,18 @@ std::string le64(std::uint64_t value) {
   return out;
 }
 
-ImxBuilder& ImxBuilder::magic(const Magic& bytes) {
-  magic_ = bytes;
-  return *this;
-}
-
-ImxBuilder& ImxBuilder::version(std::uint16_t value) {
-  version_ = value;
-  return *this;
-}
-
 ImxBuilder& ImxBuilder::count(std::uint16_t value) {
   count_ = value;
   return *this;
 }
 
 ImxBuilder& ImxBuilder::add(std::string name, std::string data) {
-  return addEntry(
-      Entry{std::move(name), std::move(data), std::nullopt, std::nullopt, std::nullopt});
+  entries_.push_back({std::move(name), std::move(data), {}, {}});
+  return *this;
 }
 
 ImxBuilder& ImxBuilder::addSpan(std::string name, std::uint64_t offset, std::uint64_t size) {
-  return addEntry(Entry{std::move(name), {}, offset, size, std::nullopt});
-}
-
-ImxBuilder& ImxBuilder::addEntry(Entry entry) {
-  entries_.push_back(std::move(entry));
+  entries_.push_back({std::move(name), {}, offset, size});
   return *this;
 }
 
@@ -83,43 +74,24 @@ ImxBuilder::Layout ImxBuilder::layout() const {
   Layout out;
   std::uint64_t pos = Lumora2Container::headerLength;
   for (const Entry& e : entries_) {
-    EntryLayout at;
-    at.nameLengthAt = pos;
-    at.nameAt = pos + 2;
-    at.spanAt = at.nameAt + e.name.size();
-    pos = at.spanAt + 16;
-    out.entries.push_back(at);
+    out.entries.push_back({pos, pos + 2, pos + 2 + e.name.size()});
+    pos += 2 + e.name.size() + 16;
   }
   out.dataAt = pos;
-  for (std::size_t i = 0; i < entries_.size(); ++i) {
-    if (entries_[i].offset) {
-      out.entries[i].dataAt = *entries_[i].offset;
-    } else {
-      out.entries[i].dataAt = pos;
-      pos += entries_[i].data.size();
-    }
-  }
-  out.end = pos + trailer_.size();
   return out;
 }
 
 std::string ImxBuilder::bytes() const {
-  const Layout at = layout();
-  std::string out(magic_.begin(), magic_.end());
-  out += le16(version_);
-  out += le16(count_.value_or(static_cast<std::uint16_t>(entries_.size())));
-  for (std::size_t i = 0; i < entries_.size(); ++i) {
-    const Entry& e = entries_[i];
-    out += le16(e.nameLength.value_or(static_cast<std::uint16_t>(e.name.size())));
-    out += e.name;
-    out += le64(at.entries[i].dataAt);
-    out += le64(e.size.value_or(e.data.size()));
-  }
+  const std::uint64_t dataAt = layout().dataAt;
+  std::string table = std::string("IMX\0", 4) + le16(Lumora2Container::version) +
+                      le16(count_.value_or(static_cast<std::uint16_t>(entries_.size())));
+  std::string data;
   for (const Entry& e : entries_) {
-    if (!e.offset) out += e.data;
+    table += le16(static_cast<std::uint16_t>(e.name.size())) + e.name +
+             le64(e.offset.value_or(dataAt + data.size())) + le64(e.size.value_or(e.data.size()));
+    data += e.data;
   }
-  out += trailer_;
-  return out;
+  return table + data + trailer_;
 }
 
 std::filesystem::path ImxBuilder::writeTo(const std::filesystem::path& file) const {

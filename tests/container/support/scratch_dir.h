@@ -10,9 +10,9 @@
 
 namespace lumora2::test {
 
-// A fresh, private directory under the system temporary directory ($TMPDIR when set, else
-// /tmp), removed with everything in it when the object dies. Removal never follows symbolic
-// links and copes with trees deeper than PATH_MAX and with directories left read-only.
+// A fresh, private directory under the system temporary directory, removed with everything in
+// it when the object dies. Removal never follows symbolic links and copes with trees deeper than
+// PATH_MAX.
 class ScratchDir {
  public:
   explicit ScratchDir(std::string_view prefix = "lumora2-test");
