@@ -29,12 +29,7 @@ struct ScratchRegistry {
     std::error_code ec;
     for (const fs::path& d : dirs) fs::remove_all(d, ec);
   }
-};
-
-ScratchRegistry& registry() {
-  static ScratchRegistry r;
-  return r;
-}
+} registry;
 
 // What the generated family depends on: the generator's and the host's binaries.
 std::string buildStamp(const std::vector<std::string>& binaries) {
@@ -46,11 +41,6 @@ std::string buildStamp(const std::vector<std::string>& binaries) {
     stamp += b + " " + std::to_string(size) + " " + std::to_string(time) + "\n";
   }
   return stamp;
-}
-
-std::string readFile(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 void writeFile(const fs::path& path, const std::string& text) {
@@ -108,10 +98,14 @@ fs::path scratchDir(const std::string& stem) {
   const fs::path base = (tmp != nullptr && *tmp != '\0') ? fs::path(tmp) : fs::path("/tmp");
   std::string pattern = (base / ("lumora2-" + stem + "-XXXXXX")).string();
   if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-  ScratchRegistry& r = registry();
-  const std::lock_guard lock(r.mutex);
-  r.dirs.emplace_back(pattern);
+  const std::lock_guard lock(registry.mutex);
+  registry.dirs.emplace_back(pattern);
   return pattern;
+}
+
+std::string readFile(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 const GeneratedFamily& generatedFamily() {
@@ -124,20 +118,17 @@ double laplacianVariance(const unsigned char* rgb, int width, int height) {
     const unsigned char* p = rgb + (static_cast<size_t>(y) * width + x) * 3;
     return (static_cast<double>(p[0]) + p[1] + p[2]) / 3.0;
   };
-  std::vector<double> values;
-  values.reserve(static_cast<size_t>(width) * height);
+  double sum = 0.0, squares = 0.0;
   for (int y = 1; y + 1 < height; ++y) {
     for (int x = 1; x + 1 < width; ++x) {
-      values.push_back(grey(x, y - 1) + grey(x, y + 1) + grey(x - 1, y) + grey(x + 1, y) -
-                       4.0 * grey(x, y));
+      const double v =
+          grey(x, y - 1) + grey(x, y + 1) + grey(x - 1, y) + grey(x + 1, y) - 4 * grey(x, y);
+      sum += v;
+      squares += v * v;
     }
   }
-  double mean = 0.0;
-  for (double v : values) mean += v;
-  mean /= static_cast<double>(values.size());
-  double var = 0.0;
-  for (double v : values) var += (v - mean) * (v - mean);
-  return var / static_cast<double>(values.size());
+  const double n = static_cast<double>(width - 2) * (height - 2);
+  return squares / n - (sum / n) * (sum / n);
 }
 
 }  // namespace lumora2::family::test

@@ -24,6 +24,9 @@ const GeneratedFamily& generatedFamily();
 // A fresh directory under $TMPDIR (or /tmp), removed at process exit.
 std::filesystem::path scratchDir(const std::string& stem);
 
+// The whole file; empty when it cannot be read.
+std::string readFile(const std::filesystem::path& path);
+
 // Variance of the Laplacian of the grey image ((b0 + b1 + b2) / 3) over interior pixels: the
 // sharpness the host's self-test judges rendered frames by.
 double laplacianVariance(const unsigned char* rgb, int width, int height);
