@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <string>
 #include <system_error>
+#include <utility>
 
 #include "container/archive.h"
 #include "container/command.h"
@@ -33,10 +34,14 @@ std::vector<StagedMember> regularFilesBelow(const fs::path& root) {
   return found;
 }
 
+// Orders by the names' NFC forms, each computed once rather than on every comparison.
 void sortByMemberName(std::vector<StagedMember>& files) {
-  std::stable_sort(files.begin(), files.end(), [](const StagedMember& a, const StagedMember& b) {
-    return memberNameLess(a.name, b.name);
-  });
+  std::vector<std::pair<std::string, StagedMember>> keyed;
+  keyed.reserve(files.size());
+  for (StagedMember& f : files) keyed.emplace_back(nfc(f.name), std::move(f));
+  std::stable_sort(keyed.begin(), keyed.end(),
+                   [](const auto& a, const auto& b) { return a.first < b.first; });
+  for (std::size_t i = 0; i < files.size(); ++i) files[i] = std::move(keyed[i].second);
 }
 
 std::vector<StagedMember> stage(const fs::path& dir) {
