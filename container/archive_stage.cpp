@@ -4,8 +4,8 @@
 #include <utility>
 
 #include "container/archive.h"
-#include "container/command.h"
-#include "member_names.h"
+#include "container/error.h"
+#include "container/member_names.h"
 #include "staging.h"
 
 namespace lumora2::Archive {
@@ -15,7 +15,7 @@ namespace fs = std::filesystem;
 std::vector<StagedMember> regularFilesBelow(const fs::path& root) {
   std::error_code ec;
   fs::recursive_directory_iterator it(root, fs::directory_options::none, ec);
-  if (ec) throw Err("cannot enumerate staging dir " + root.string());
+  if (ec) throw ArtifactError("cannot enumerate staging dir " + root.string());
 
   const std::string& prefix = root.native();
   std::vector<StagedMember> found;
@@ -49,7 +49,7 @@ std::vector<StagedMember> stage(const fs::path& dir) {
   // Member names are UTF-8 on disk; a container with any other name could never be read back.
   for (const StagedMember& m : members) {
     if (!isValidUtf8(m.name)) {
-      throw Err("cannot pack " + m.url.string() + ": its name is not valid UTF-8");
+      throw ArtifactError("cannot pack " + m.url.string() + ": its name is not valid UTF-8");
     }
   }
   sortByMemberName(members);

@@ -11,7 +11,7 @@
 #include <string>
 
 #include "container/archive.h"
-#include "container/command.h"
+#include "container/error.h"
 #include "container/imx.h"
 #include "unique_fd.h"
 
@@ -107,10 +107,10 @@ void writeImxMembers(const std::vector<StagedMember>& members,
                      const ProgressFn& progress) {
   const std::size_t count = members.size() + (manifest ? 1 : 0);
   if (count > Lumora2Container::maxMembers) {
-    throw Err("too many members (" + std::to_string(count) + ") for IMX u16 count");
+    throw ArtifactError("too many members (" + std::to_string(count) + ") for IMX u16 count");
   }
   auto nameLength = [](const std::string& name) {
-    if (name.size() > 0xFFFF) throw Err("member name longer than 65535 bytes: " + name);
+    if (name.size() > 0xFFFF) throw ArtifactError("member name longer than 65535 bytes: " + name);
     return static_cast<std::uint16_t>(name.size());
   };
 

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "container/archive.h"
-#include "container/command.h"
-#include "member_names.h"
+#include "container/error.h"
+#include "container/member_names.h"
 #include "unique_fd.h"
 
 extern char** environ;
@@ -96,7 +96,7 @@ std::string run(const std::string& executable, const std::vector<std::string>& a
   for (std::size_t i = 0; i < arguments.size(); ++i) {
     commandLine += (i == 0 ? "" : " ") + arguments[i];
   }
-  throw Err("`" + commandLine + "` exited " + std::to_string(code) + ":\n" + output);
+  throw ArtifactError("`" + commandLine + "` exited " + std::to_string(code) + ":\n" + output);
 }
 
 }  // namespace lumora2::Archive

@@ -11,27 +11,17 @@
 
 namespace lumora2::imx {
 
-Fd& Fd::operator=(Fd&& other) noexcept {
-  if (this != &other) reset(other.release());
-  return *this;
-}
-
-void Fd::reset(int fd) {
-  if (fd_ >= 0) ::close(fd_);
-  fd_ = fd;
-}
-
 void throwFsError(const std::string& what, const std::filesystem::path& path, int err) {
   throw std::filesystem::filesystem_error(what, path, std::error_code(err, std::system_category()));
 }
 
-Fd openForReading(const std::filesystem::path& path) {
+UniqueFd openForReading(const std::filesystem::path& path) {
   int fd;
   do {
     fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   } while (fd < 0 && errno == EINTR);
   if (fd < 0) throwFsError("cannot open", path, errno);
-  return Fd(fd);
+  return UniqueFd(fd);
 }
 
 std::uint64_t fileSize(int fd, const std::filesystem::path& path) {

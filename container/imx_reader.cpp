@@ -11,8 +11,8 @@
 #include <limits>
 
 #include "container/imx.h"
+#include "container/member_names.h"
 #include "imx_io.h"
-#include "member_names.h"
 
 namespace lumora2 {
 
@@ -113,7 +113,7 @@ std::optional<Magic> magic4(const std::filesystem::path& url) noexcept {
     fd = ::open(url.c_str(), O_RDONLY | O_CLOEXEC);
   } while (fd < 0 && errno == EINTR);
   if (fd < 0) return std::nullopt;
-  imx::Fd owned(fd);
+  UniqueFd owned(fd);
   Magic bytes{};
   std::size_t got = 0;
   while (got < bytes.size()) {
@@ -136,12 +136,12 @@ std::uint64_t le64(const std::uint8_t* data, std::size_t index) {
 }
 
 std::vector<Member> members(const std::filesystem::path& of) {
-  imx::Fd fd = imx::openForReading(of);
+  UniqueFd fd = imx::openForReading(of);
   return imx::readTable(fd.get(), of);
 }
 
 std::string read(std::string_view name, const std::filesystem::path& from) {
-  imx::Fd fd = imx::openForReading(from);
+  UniqueFd fd = imx::openForReading(from);
   const std::vector<Member> table = imx::readTable(fd.get(), from);
   // The later of two equal names wins, as in unpack, where it overwrites the earlier file.
   const std::string wanted = nfc(name);

@@ -78,19 +78,19 @@ std::vector<std::string> clearFilesIn(int dir, const Shown& shown) {
 
 }  // namespace
 
-Fd openDirectoryAt(int dirfd, const std::string& name) {
+UniqueFd openDirectoryAt(int dirfd, const std::string& name) {
   int fd;
   do {
     fd = ::openat(dirfd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
   } while (fd < 0 && errno == EINTR);
   // A symbolic link answers ELOOP to O_NOFOLLOW; for the caller it is simply not a directory.
   if (fd < 0 && errno == ELOOP) errno = ENOTDIR;
-  return Fd(fd);
+  return UniqueFd(fd);
 }
 
-Fd makeDirectoriesAt(int root, const std::vector<std::string>& pieces,
-                     const std::filesystem::path& shownRoot) {
-  Fd current(::fcntl(root, F_DUPFD_CLOEXEC, 0));
+UniqueFd makeDirectoriesAt(int root, const std::vector<std::string>& pieces,
+                           const std::filesystem::path& shownRoot) {
+  UniqueFd current(::fcntl(root, F_DUPFD_CLOEXEC, 0));
   if (!current) throwFsError("cannot open directory", shownRoot, errno);
   std::filesystem::path shown = shownRoot;
   for (const std::string& piece : pieces) {
@@ -98,7 +98,7 @@ Fd makeDirectoriesAt(int root, const std::vector<std::string>& pieces,
     if (::mkdirat(current.get(), piece.c_str(), 0777) != 0 && errno != EEXIST) {
       throwFsError("cannot create directory", shown, errno);
     }
-    Fd next = openDirectoryAt(current.get(), piece);
+    UniqueFd next = openDirectoryAt(current.get(), piece);
     if (!next) throwFsError("cannot create directory", shown, errno);
     current = std::move(next);
   }
@@ -120,7 +120,7 @@ void removeTreeAt(int dirfd, const std::string& name, const std::filesystem::pat
 
   // Depth-first, one handle at a time: descend into a subdirectory by name, and climb back
   // through ".." only after checking that it is the very directory we came from.
-  Fd current = openDirectoryAt(dirfd, name);
+  UniqueFd current = openDirectoryAt(dirfd, name);
   if (!current) throwFsError("cannot open directory", shownAs, errno);
   std::vector<Level> levels;
   {
@@ -137,7 +137,7 @@ void removeTreeAt(int dirfd, const std::string& name, const std::filesystem::pat
     if (!level.subdirectories.empty()) {
       const std::string sub = std::move(level.subdirectories.back());
       level.subdirectories.pop_back();
-      Fd next = openDirectoryAt(current.get(), sub);
+      UniqueFd next = openDirectoryAt(current.get(), sub);
       if (!next && errno == ENOENT) continue;  // already gone
       if (!next) throwFsError("cannot open directory", shown() / sub, errno);
       struct stat inner {};
@@ -155,7 +155,7 @@ void removeTreeAt(int dirfd, const std::string& name, const std::filesystem::pat
       }
       return;
     }
-    Fd up = openDirectoryAt(current.get(), "..");
+    UniqueFd up = openDirectoryAt(current.get(), "..");
     if (!up) throwFsError("cannot open directory", shown(), errno);
     struct stat upStat {};
     if (::fstat(up.get(), &upStat) != 0) throwFsError("cannot stat", shown(), errno);

@@ -11,16 +11,16 @@
 
 namespace lumora2::imx {
 
-// Opens the directory `name` inside `dirfd` without following a link. Returns an empty Fd and
+// Opens the directory `name` inside `dirfd` without following a link. Returns an empty UniqueFd and
 // sets errno when it cannot; a link or a non-directory gives ENOTDIR.
-Fd openDirectoryAt(int dirfd, const std::string& name);
+UniqueFd openDirectoryAt(int dirfd, const std::string& name);
 
 // Opens (creating where missing) the directories `pieces` below `root`, one level at a time.
 // `shownRoot` names `root` in errors. A piece occupied by a file or a symbolic link fails with the
 // file system's ENOTDIR error naming the path up to that piece; other failures pass on the
 // system's error. With no pieces, returns a duplicate of `root`.
-Fd makeDirectoriesAt(int root, const std::vector<std::string>& pieces,
-                     const std::filesystem::path& shownRoot);
+UniqueFd makeDirectoriesAt(int root, const std::vector<std::string>& pieces,
+                           const std::filesystem::path& shownRoot);
 
 // Removes whatever is at `name` in `dirfd`: a file or a link (never its target) is unlinked, a
 // directory is removed with its contents, without following any link inside it. Nothing there is

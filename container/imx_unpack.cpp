@@ -15,9 +15,9 @@
 #include <unordered_map>
 
 #include "container/imx.h"
+#include "container/member_names.h"
 #include "imx_io.h"
 #include "imx_tree.h"
-#include "member_names.h"
 
 namespace lumora2 {
 
@@ -114,7 +114,7 @@ class MemberCopier {
 // choice of the later entry promises. Nothing to remove (or a directory there now) is fine.
 void removeEarlierSpelling(int root, const std::string& earlier) {
   const MemberPath where = splitMemberName(earlier);
-  imx::Fd dir(::fcntl(root, F_DUPFD_CLOEXEC, 0));
+  UniqueFd dir(::fcntl(root, F_DUPFD_CLOEXEC, 0));
   for (const std::string& piece : where.directories) {
     if (!dir) return;
     dir = imx::openDirectoryAt(dir.get(), piece);
@@ -133,11 +133,11 @@ namespace Lumora2Container {
 std::vector<std::string> unpack(const std::filesystem::path& container,
                                 const std::filesystem::path& to, const ProgressFn& progress) {
   const std::string shown = container.string();
-  imx::Fd in = imx::openForReading(container);
+  UniqueFd in = imx::openForReading(container);
   const std::vector<Member> table = imx::readTable(in.get(), container);
 
   std::filesystem::create_directories(to);
-  imx::Fd root(::open(to.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  UniqueFd root(::open(to.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!root) imx::throwFsError("cannot open directory", to, errno);
 
   std::uint64_t total = 0;
@@ -158,7 +158,7 @@ std::vector<std::string> unpack(const std::filesystem::path& container,
     }
     const std::filesystem::path target = to / m.name;
     const MemberPath where = splitMemberName(m.name);
-    imx::Fd parent = imx::makeDirectoriesAt(root.get(), where.directories, to);
+    UniqueFd parent = imx::makeDirectoriesAt(root.get(), where.directories, to);
     if (where.namesDirectory) {
       throw Lumora2ContainerError::cannotWrite(shown, m.name, target.string());
     }
@@ -170,8 +170,8 @@ std::vector<std::string> unpack(const std::filesystem::path& container,
     if (::fstatat(parent.get(), where.leaf.c_str(), &existing, AT_SYMLINK_NOFOLLOW) == 0) {
       imx::removeTreeAt(parent.get(), where.leaf, target);
     }
-    imx::Fd out(::openat(parent.get(), where.leaf.c_str(),
-                         O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
+    UniqueFd out(::openat(parent.get(), where.leaf.c_str(),
+                          O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
     if (!out) throw Lumora2ContainerError::cannotWrite(shown, m.name, target.string());
     earlier = m.name;
     copier.copy(m, out.get(), target);

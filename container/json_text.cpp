@@ -1,6 +1,6 @@
 #include "json_text.h"
 
-#include "container/command.h"
+#include "container/error.h"
 
 namespace lumora2 {
 
@@ -9,16 +9,16 @@ nlohmann::json parseJsonText(std::string_view text, const std::string& context) 
     if ((event == nlohmann::json::parse_event_t::object_start ||
          event == nlohmann::json::parse_event_t::array_start) &&
         depth >= kMaxJsonDepth) {
-      throw Err("JSON nested deeper than " + std::to_string(kMaxJsonDepth) + " levels");
+      throw ArtifactError("JSON nested deeper than " + std::to_string(kMaxJsonDepth) + " levels");
     }
     return true;
   };
   try {
     return nlohmann::json::parse(text.begin(), text.end(), depthGuard);
   } catch (const nlohmann::json::exception& e) {
-    throw Err(context + ": " + e.what());
-  } catch (const Err& e) {
-    throw Err(context + ": " + e.what());
+    throw ArtifactError(context + ": " + e.what());
+  } catch (const ArtifactError& e) {
+    throw ArtifactError(context + ": " + e.what());
   }
 }
 

@@ -13,8 +13,8 @@ namespace lumora2 {
 // recursive printer could exhaust the stack on it.
 inline constexpr int kMaxJsonDepth = 128;
 
-// Parses `text`; throws Err(context + ": " + the parser's description) for bad JSON and for
-// nesting deeper than kMaxJsonDepth.
+// Parses `text`; throws ArtifactError(context + ": " + the parser's description) for bad JSON and
+// for nesting deeper than kMaxJsonDepth.
 nlohmann::json parseJsonText(std::string_view text, const std::string& context);
 
 // The manifest form of `value`: dump(2) with sorted keys. Invalid UTF-8 in a string is replaced

@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "container/command.h"
+#include "container/error.h"
 #include "container/manifest.h"
 #include "json_text.h"
 
@@ -29,8 +29,9 @@ class FieldReader {
  public:
   FieldReader(const json& value, std::string where) : value_(value), where_(std::move(where)) {
     if (!value_.is_object()) {
-      throw Err("manifest: " + (where_.empty() ? std::string("top level") : quoted(where_)) +
-                " must be a JSON object");
+      throw ArtifactError(
+          "manifest: " + (where_.empty() ? std::string("top level") : quoted(where_)) +
+          " must be a JSON object");
     }
   }
 
@@ -78,14 +79,15 @@ class FieldReader {
     return where_.empty() ? key : where_ + "." + key;
   }
 
-  static Err typeError(const std::string& key, const char* expected) {
-    return Err("manifest: " + quoted(key) + " must be " + expected);
+  static ArtifactError typeError(const std::string& key, const char* expected) {
+    return ArtifactError("manifest: " + quoted(key) + " must be " + expected);
   }
 
   std::pair<std::string, const json&> required(std::string_view field) const {
     std::string key = snakeCase(field);
     auto it = value_.find(key);
-    if (it == value_.end()) throw Err("manifest: missing required key \"" + path(key) + "\"");
+    if (it == value_.end())
+      throw ArtifactError("manifest: missing required key \"" + path(key) + "\"");
     return {path(key), *it};
   }
 

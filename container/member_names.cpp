@@ -1,4 +1,4 @@
-#include "member_names.h"
+#include "container/member_names.h"
 
 #include <utf8proc.h>
 
@@ -26,10 +26,10 @@ std::string nfc(std::string_view utf8) {
   for (unsigned char c : utf8) ascii = ascii && c < 0x80;
   if (ascii || !isValidUtf8(utf8)) return std::string(utf8);
   utf8proc_uint8_t* out = nullptr;
-  utf8proc_ssize_t n = utf8proc_map(reinterpret_cast<const utf8proc_uint8_t*>(utf8.data()),
-                                    static_cast<utf8proc_ssize_t>(utf8.size()), &out,
-                                    static_cast<utf8proc_option_t>(UTF8PROC_STABLE |
-                                                                   UTF8PROC_COMPOSE));
+  utf8proc_ssize_t n =
+      utf8proc_map(reinterpret_cast<const utf8proc_uint8_t*>(utf8.data()),
+                   static_cast<utf8proc_ssize_t>(utf8.size()), &out,
+                   static_cast<utf8proc_option_t>(UTF8PROC_STABLE | UTF8PROC_COMPOSE));
   if (n < 0 || out == nullptr) return std::string(utf8);
   std::unique_ptr<utf8proc_uint8_t, decltype(&std::free)> owned(out, &std::free);
   return std::string(reinterpret_cast<const char*>(out), static_cast<std::size_t>(n));

@@ -37,4 +37,11 @@ void removeTreeQuietly(const std::filesystem::path& path) noexcept {
   std::filesystem::remove_all(path, ec);
 }
 
+ScratchDir::ScratchDir(std::string_view prefix)
+    : path_(systemTempDir() / (std::string(prefix) + newUUID())) {
+  std::filesystem::create_directories(path_);
+}
+
+ScratchDir::~ScratchDir() { removeTreeQuietly(path_); }
+
 }  // namespace lumora2

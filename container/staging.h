@@ -12,8 +12,8 @@ namespace lumora2::Archive {
 // Every regular file below `root`, hidden ones included, in no particular order. Symbolic links,
 // devices, sockets and directories are skipped; symbolic links to directories are not descended.
 // Each name is the path relative to `root` with "/" separators and no leading "/". Throws
-// Err("cannot enumerate staging dir " + root) when the listing cannot start; a failure further
-// down the tree is the file system's error.
+// ArtifactError("cannot enumerate staging dir " + root) when the listing cannot start; a failure
+// further down the tree is the file system's error.
 std::vector<StagedMember> regularFilesBelow(const std::filesystem::path& root);
 
 // Stable sort by member name (NFC, then UTF-8 bytes).

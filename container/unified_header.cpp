@@ -1,7 +1,7 @@
 #include <ctime>
 #include <string>
 
-#include "container/command.h"
+#include "container/error.h"
 #include "container/manifest.h"
 #include "json_text.h"
 
@@ -11,7 +11,7 @@ namespace UnifiedHeader {
 
 std::string stamp(std::string_view manifest, std::string_view engine, std::int64_t engineAbi) {
   nlohmann::json value = parseJsonText(manifest, "unified-header");
-  if (!value.is_object()) throw Err("unified-header: manifest is not a JSON object");
+  if (!value.is_object()) throw ArtifactError("unified-header: manifest is not a JSON object");
   value["engine"] = std::string(engine);
   value["engine_abi"] = engineAbi;
   value["unified_format_version"] = 2;

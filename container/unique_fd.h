@@ -1,6 +1,6 @@
-// A file descriptor owned by one scope, and the file-system error the container code throws when a
-// system call on a path fails. Close errors are ignored: by then every byte has been written or
-// the operation has already failed.
+// A file descriptor owned by one scope (every descriptor the container code opens), and the
+// file-system error the container code throws when a system call on a path fails. Close errors are
+// ignored: by then every byte has been written or the operation has already failed.
 #pragma once
 
 #include <unistd.h>
@@ -31,9 +31,11 @@ class UniqueFd {
 
   int get() const { return fd_; }
   bool valid() const { return fd_ >= 0; }
-  void reset() {
+  explicit operator bool() const { return valid(); }
+  int release() { return std::exchange(fd_, -1); }
+  void reset(int fd = -1) {
     if (fd_ >= 0) ::close(fd_);
-    fd_ = -1;
+    fd_ = fd;
   }
 
  private:

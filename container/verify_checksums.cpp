@@ -3,8 +3,7 @@
 
 #include "container/archive.h"
 #include "container/platform.h"
-#include "container/unpack.h"
-#include "verify.h"
+#include "container/verify.h"
 
 namespace lumora2 {
 
@@ -33,26 +32,9 @@ MemberCheck checkDeclaredMember(const fs::path& dir, const std::string& key, con
   return {"", actual};
 }
 
-namespace {
-
-// A scratch directory that is gone when the scope ends, however it ends.
-class ScratchDir {
- public:
-  explicit ScratchDir(fs::path path) : path_(std::move(path)) {}
-  ~ScratchDir() { removeTreeQuietly(path_); }
-  ScratchDir(const ScratchDir&) = delete;
-  ScratchDir& operator=(const ScratchDir&) = delete;
-  const fs::path& path() const { return path_; }
-
- private:
-  fs::path path_;
-};
-
-}  // namespace
-
 std::vector<std::string> verifyChecksums(const fs::path& archive,
                                          const std::map<std::string, FileRef>& declared) {
-  ScratchDir scratch(systemTempDir() / ("vivraverify-" + newUUID()));
+  ScratchDir scratch("vivraverify-");
   Archive::unzip(archive, scratch.path());
   std::vector<std::string> problems;
   for (const auto& [key, ref] : declared) {  // std::map: ascending key order

@@ -1,12 +1,12 @@
 // Manifest decoding and stamping on arbitrary bytes. Every input must either decode or be refused
-// with Err; whatever decodes must survive encode → decode unchanged, and stamping must be
+// with ArtifactError; whatever decodes must survive encode → decode unchanged, and stamping must be
 // idempotent.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <string_view>
 
-#include "container/command.h"
+#include "container/error.h"
 #include "container/manifest.h"
 
 namespace {
@@ -16,7 +16,7 @@ void roundTrip(std::string_view text, Decode decode) {
   Record first;
   try {
     first = decode(text);
-  } catch (const lumora2::Err&) {
+  } catch (const lumora2::ArtifactError&) {
     return;  // refused: the only acceptable failure
   }
   if (!(decode(lumora2::ManifestJSON::encode(first)) == first)) std::abort();
@@ -35,7 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   try {
     std::string once = lumora2::UnifiedHeader::stamp(text, "lumora2", 4);
     if (lumora2::UnifiedHeader::stamp(once, "lumora2", 4) != once) std::abort();
-  } catch (const lumora2::Err&) {
+  } catch (const lumora2::ArtifactError&) {
   }
   return 0;
 }

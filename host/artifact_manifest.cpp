@@ -5,9 +5,10 @@
 #include <algorithm>
 
 #include "container/archive.h"
-#include "container/command.h"
+#include "container/error.h"
 #include "container/imx.h"
 #include "container/progress.h"
+#include "host/command.h"
 
 namespace lumora2 {
 
@@ -49,7 +50,7 @@ ArtifactManifest readArtifactManifest(const fs::path& artifact) {
       manifest.engine = std::move(engine);
       return manifest;
     }
-  } catch (const Err&) {
+  } catch (const ArtifactError&) {
     // Not an engine manifest; try the avatar's record below.
   }
   try {
@@ -58,7 +59,7 @@ ArtifactManifest readArtifactManifest(const fs::path& artifact) {
       manifest.avatar = std::move(avatar);
       return manifest;
     }
-  } catch (const Err&) {
+  } catch (const ArtifactError&) {
     // Neither; reported below.
   }
   throw Err("unrecognized manifest format in " + artifact.filename().string());

@@ -5,9 +5,9 @@
 #include <iterator>
 #include <system_error>
 
-#include "container/command.h"
 #include "container/imx.h"
 #include "container/platform.h"
+#include "host/command.h"
 
 namespace lumora2 {
 
@@ -34,8 +34,11 @@ bool isInside(const fs::path& inner, const fs::path& outer) {
 }  // namespace
 
 AtomicOutput::AtomicOutput(fs::path output) : output_(std::move(output)) {
-  fs::path name = output_.filename();
-  temporary_ = output_.parent_path() / ("." + name.string() + ".partial-" + newUUID());
+  std::string name = ".";
+  name += output_.filename().string();
+  name += ".partial-";
+  name += newUUID();
+  temporary_ = output_.parent_path() / name;
 }
 
 AtomicOutput::~AtomicOutput() {
@@ -48,13 +51,6 @@ void AtomicOutput::commit() {
   fs::rename(temporary_, output_);
   committed_ = true;
 }
-
-ScratchDir::ScratchDir(std::string_view prefix) {
-  path_ = systemTempDir() / (std::string(prefix) + newUUID());
-  fs::create_directories(path_);
-}
-
-ScratchDir::~ScratchDir() { removeTreeQuietly(path_); }
 
 void refuseOutputPath(std::string_view command, const fs::path& output,
                       const std::optional<fs::path>& stagingDir) {
@@ -105,7 +101,7 @@ void writeArtifact(ArtifactForm form, const std::vector<Archive::StagedMember>& 
                                    std::make_error_code(std::errc::io_error));
       }
     }
-    Archive::zip(fs::absolute(stagingDir), fs::absolute(output.temporary()));
+    Archive::zip(fs::absolute(stagingDir), members, fs::absolute(output.temporary()));
     Archive::run("/usr/bin/zip",
                  {"-jq", fs::absolute(output.temporary()).string(), manifestFile.string()});
   }

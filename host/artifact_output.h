@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "container/archive.h"
+#include "container/platform.h"
 #include "container/progress.h"
 
 namespace lumora2 {
@@ -31,21 +32,6 @@ class AtomicOutput {
   bool committed_ = false;
 };
 
-// A private directory "<prefix><UUID>" under the system temporary directory, removed with
-// everything in it when this goes out of scope.
-class ScratchDir {
- public:
-  explicit ScratchDir(std::string_view prefix);
-  ~ScratchDir();
-  ScratchDir(const ScratchDir&) = delete;
-  ScratchDir& operator=(const ScratchDir&) = delete;
-
-  const std::filesystem::path& path() const { return path_; }
-
- private:
-  std::filesystem::path path_;
-};
-
 // Refuses (Err, prefixed with `command`) an output path that is empty, names an existing
 // directory, has no directory to be written in, or lies inside `stagingDir`: a pack must never
 // write into what it is reading.
@@ -63,9 +49,9 @@ ArtifactForm formOf(const std::filesystem::path& artifact);
 
 // Writes `members` and then `manifest` as the root "manifest.json" to `to`, atomically. The IMX
 // form streams the members in order. The zip form (for the legacy tool, which needs the manifest
-// as a file) zips `stagingDir` as it stands and then stores the manifest from a private scratch
-// directory, replacing any manifest.json zip took from `stagingDir`; nothing is written into
-// `stagingDir`.
+// as a file) zips the same members from `stagingDir` and then stores the manifest from a private
+// scratch directory, replacing any manifest.json taken from `stagingDir`; nothing is written
+// into `stagingDir`.
 void writeArtifact(ArtifactForm form, const std::vector<Archive::StagedMember>& members,
                    const std::string& manifest, const std::filesystem::path& stagingDir,
                    const std::filesystem::path& to);

@@ -11,18 +11,18 @@
 #include "artifact_manifest.h"
 #include "artifact_output.h"
 #include "container/archive.h"
-#include "container/command.h"
 #include "container/imx.h"
 #include "container/manifest.h"
 #include "container/progress.h"
 #include "host/args.h"
+#include "host/command.h"
 #include "host/commands.h"
 
 namespace lumora2 {
 
 namespace fs = std::filesystem;
 
-void cmdFold(const Positionals& positionals, const Options& options) {
+int cmdFold(const Positionals& positionals, const Options& options) {
   if (positionals.empty()) throw Err("usage: fold <in.model|in.avatar> -o <out.imx> [--abi N]");
   const std::string* out = option(options, "o");
   if (out == nullptr) throw Err("fold requires -o <out>");
@@ -67,6 +67,7 @@ void cmdFold(const Positionals& positionals, const Options& options) {
   report += "  " + manifest.description() + " · engine_abi=" + std::to_string(abi) + "\n";
   report += "  checksums OK (" + std::to_string(manifest.files().size()) + " members)\n";
   std::cout << report << std::flush;
+  return kExitOk;
 }
 
 }  // namespace lumora2

@@ -16,10 +16,10 @@
 #include "artifact_manifest.h"
 #include "artifact_output.h"
 #include "container/archive.h"
-#include "container/command.h"
 #include "container/imx.h"
-#include "container/unpack.h"
+#include "container/verify.h"
 #include "host/artifact_rules.h"
+#include "host/command.h"
 #include "host/commands.h"
 
 namespace lumora2 {
@@ -144,7 +144,7 @@ Presence presenceOf(const FileRef& ref, const std::vector<MemberRow>& rows) {
 
 }  // namespace
 
-void cmdInfo(const Positionals& positionals, const Options& options) {
+int cmdInfo(const Positionals& positionals, const Options& options) {
   if (positionals.empty()) throw Err("usage: info <file.model|file.avatar>");
   const fs::path file = positionals[0];
   if (!fs::exists(file)) throw Err("no such archive: " + positionals[0]);
@@ -216,6 +216,7 @@ void cmdInfo(const Positionals& positionals, const Options& options) {
   }
   out += verify ? " · checksums OK\n" : " (checksums not digested; use --verify)\n";
   std::cout << out << std::flush;
+  return kExitOk;
 }
 
 }  // namespace lumora2

@@ -11,12 +11,13 @@
 #include "artifact_manifest.h"
 #include "artifact_output.h"
 #include "container/archive.h"
-#include "container/command.h"
+#include "container/error.h"
 #include "container/imx.h"
 #include "container/manifest.h"
 #include "container/progress.h"
 #include "host/args.h"
 #include "host/artifact_rules.h"
+#include "host/command.h"
 #include "host/commands.h"
 
 namespace lumora2 {
@@ -102,7 +103,7 @@ Provenance readProvenance(const fs::path& dir, const std::vector<Archive::Staged
   Provenance provenance;
   try {
     provenance = ManifestJSON::decodeProvenance(readWholeFile(dir / "provenance.json"));
-  } catch (const Err& e) {
+  } catch (const ArtifactError& e) {
     throw Err("pack-avatar: bad " + (dir / "provenance.json").string() + ": " + e.what());
   }
   // A binding key that is there but malformed would silently weaken the verdict; refuse it.
@@ -129,7 +130,7 @@ void writeAndReport(ArtifactForm form, const std::vector<Archive::StagedMember>&
 
 }  // namespace
 
-void cmdPackEngine(const Positionals& positionals, const Options& options) {
+int cmdPackEngine(const Positionals& positionals, const Options& options) {
   constexpr std::string_view kCommand = "pack-engine";
   if (positionals.empty()) throw Err("usage: pack-engine <dir> -o vivra.model [--abi N]");
   const std::string* out = option(options, "o");
@@ -151,9 +152,10 @@ void cmdPackEngine(const Positionals& positionals, const Options& options) {
   writeAndReport(packForm(), members, bytes, dir, *out, report);
   report += "  ENGINE format=" + manifest.format + " abi=" + std::to_string(abi) + "\n";
   std::cout << report << std::flush;
+  return kExitOk;
 }
 
-void cmdPackAvatar(const Positionals& positionals, const Options& options) {
+int cmdPackAvatar(const Positionals& positionals, const Options& options) {
   constexpr std::string_view kCommand = "pack-avatar";
   if (positionals.empty()) {
     throw Err("usage: pack-avatar <dir> --code C --name N --gender g --persona P -o X.avatar");
@@ -185,6 +187,7 @@ void cmdPackAvatar(const Positionals& positionals, const Options& options) {
   report +=
       "  provenance: " + std::string(verdictName(provenanceVerdict(manifest.provenance))) + "\n";
   std::cout << report << std::flush;
+  return kExitOk;
 }
 
 }  // namespace lumora2

@@ -9,14 +9,12 @@
 #include <iostream>
 #include <string>
 
-#include "container/command.h"
 #include "host/args.h"
+#include "host/command.h"
 #include "host/commands.h"
 
 namespace lumora2 {
 namespace {
-
-using Handler = void (*)(const Positionals&, const Options&);
 
 struct CommandEntry {
   std::string_view word;
@@ -62,9 +60,9 @@ int dispatch(const std::string& word, const std::vector<std::string>& rest) {
   for (const CommandEntry& command : kCommands) {
     if (command.word != word) continue;
     ParsedArgs parsed = parseArgs(rest);
-    command.handler(parsed.positionals, parsed.options);
+    const int status = command.handler(parsed.positionals, parsed.options);
     std::cout.flush();
-    return kExitOk;
+    return status;
   }
   for (std::string_view refused : kHostedPlaneCommands) {
     if (refused != word) continue;

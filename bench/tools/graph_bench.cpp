@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
-#include <numbers>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -41,8 +40,8 @@ double medianMs(int runs, const std::function<void()>& predict) {
 
 torch::Tensor speechWindow() {
   torch::Tensor t = torch::arange(lumora2::family::kWindowSamples, torch::kFloat64) / 16000.0;
-  torch::Tensor v = torch::sin(2 * std::numbers::pi * 150.0 * t) *
-                    (torch::sin(2 * std::numbers::pi * 4.0 * t) > 0).to(torch::kFloat64);
+  torch::Tensor v = torch::sin(2 * lumora2::family::kPi * 150.0 * t) *
+                    (torch::sin(2 * lumora2::family::kPi * 4.0 * t) > 0).to(torch::kFloat64);
   return (0.9 * v).to(torch::kFloat32).reshape({1, lumora2::family::kWindowSamples});
 }
 

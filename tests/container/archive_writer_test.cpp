@@ -7,7 +7,7 @@
 #include <cstdlib>
 
 #include "container/archive.h"
-#include "container/command.h"
+#include "container/error.h"
 #include "container/imx.h"
 #include "support/imx_builder.h"
 #include "support/scratch_dir.h"
@@ -68,14 +68,16 @@ TEST_F(ArchiveWriterTest, StagesRegularFilesInCanonicalNameOrderWithTheManifestL
 
 TEST_F(ArchiveWriterTest, RefusesWhatTheReaderCouldNotReadBackBeforeWriting) {
   scratch_.write("stage/bad-\xff.bin", "b");
-  EXPECT_THAT([&] { stagedNames(); }, ThrowsMessage<Err>(HasSubstr("its name is not valid UTF-8")));
+  EXPECT_THAT([&] { stagedNames(); },
+              ThrowsMessage<ArtifactError>(HasSubstr("its name is not valid UTF-8")));
 
   std::vector<Archive::StagedMember> members(65535, {"x", scratch_.write("empty", ""), 0});
   Archive::writeImxMembers(members, std::nullopt, out_);
   EXPECT_EQ(Lumora2Container::members(out_).size(), 65535u);
   fs::remove(out_);
-  EXPECT_THAT([&] { Archive::writeImxMembers(members, std::string("{}"), out_); },
-              ThrowsMessage<Err>(::testing::StrEq("too many members (65536) for IMX u16 count")));
+  EXPECT_THAT(
+      [&] { Archive::writeImxMembers(members, std::string("{}"), out_); },
+      ThrowsMessage<ArtifactError>(::testing::StrEq("too many members (65536) for IMX u16 count")));
   EXPECT_FALSE(fs::exists(out_));
 }
 
@@ -107,18 +109,6 @@ TEST_F(ArchiveWriterTest, RoundTripsLargeMembersAndAnInMemoryManifestThroughTheR
   Lumora2Container::unpack(out_, scratch_ / "back");
   EXPECT_EQ(test::readBytes(scratch_ / "back/big.bin"), big);
   EXPECT_EQ(test::readBytes(scratch_ / "back/empty.bin"), "");
-}
-
-TEST(UnifiedContainerSwitchTest, OnlyTheFourOffWordsSelectZip) {
-  const std::pair<const char*, bool> table[] = {
-      {nullptr, true},  {"", true},       {"true", true},  {"1", true},
-      {"yes", true},    {"offf", true},   {"o ff", true},  {"0", false},
-      {"false", false}, {" Off ", false}, {"NO\n", false}, {"\t\r\nFALSE", false}};
-  for (const auto& [value, imx] : table) {
-    value == nullptr ? ::unsetenv("UNIFIED_CONTAINER") : ::setenv("UNIFIED_CONTAINER", value, 1);
-    EXPECT_EQ(Archive::unifiedContainerEnabled(), imx) << (value ? value : "(unset)");
-  }
-  ::unsetenv("UNIFIED_CONTAINER");
 }
 
 }  // namespace

@@ -6,7 +6,7 @@
 #include <system_error>
 
 #include "container/archive.h"
-#include "container/command.h"
+#include "container/error.h"
 #include "support/scratch_dir.h"
 
 namespace lumora2 {
@@ -32,7 +32,7 @@ TEST(RunTest, FailuresNameTheCommandLineStatusAndOutput) {
       [] {
         Archive::run("/bin/sh", {"-c", "printf x; exit 9"});
       },
-      ::testing::ThrowsMessage<Err>(
+      ::testing::ThrowsMessage<ArtifactError>(
           ::testing::StrEq("`/bin/sh -c printf x; exit 9` exited 9:\nx")));
   test::ScratchDir dir;
   EXPECT_THROW(Archive::run((dir / "no-such-tool").string(), {}), std::system_error);

@@ -1,8 +1,12 @@
-// Member digests: the standard SHA-256 vectors through the mapped-file path, and the directory
-// form that covers a model package's names as well as its bytes.
+// Member digests: the standard SHA-256 vectors, a file that shrinks while it is hashed, and the
+// directory form that covers a model package's names as well as its bytes.
 #include <gtest/gtest.h>
 
+#include <gmock/gmock.h>
+#include <unistd.h>
+
 #include "container/archive.h"
+#include "container/error.h"
 #include "support/scratch_dir.h"
 
 namespace lumora2 {
@@ -27,6 +31,22 @@ TEST_F(DigestTest, FileDigestMatchesTheStandardVectors) {
     EXPECT_EQ(d.bytes, content.size());
   }
   EXPECT_THROW(Archive::digest(scratch_ / "absent"), fs::filesystem_error);
+}
+
+// Another process truncating a member mid-digest (a re-pack into the same path, say) must end in an
+// error naming the file; a reader that maps the file is killed by SIGBUS instead.
+TEST_F(DigestTest, AFileTruncatedWhileHashedIsAnErrorNotASignal) {
+  const fs::path file = scratch_.write("shrinking", std::string(16u << 20, 'x'));
+  bool truncated = false;
+  auto truncateOnce = [&](std::uint64_t, std::uint64_t) {
+    if (!truncated) {
+      truncated = true;
+      ASSERT_EQ(::truncate(file.c_str(), 4096), 0);
+    }
+  };
+  EXPECT_THAT([&] { Archive::digest(file, truncateOnce); },
+              ::testing::ThrowsMessage<ArtifactError>(
+                  ::testing::HasSubstr(file.string() + " changed while it was being hashed")));
 }
 
 TEST_F(DigestTest, DirectoryHashesSortedNamesThenBytesWithoutSeparators) {

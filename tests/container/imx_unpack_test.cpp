@@ -88,7 +88,12 @@ struct LinkCase {
 class SymlinkTest : public ScratchTest, public ::testing::WithParamInterface<LinkCase> {};
 
 TEST_P(SymlinkTest, NeverWritesThroughALink) {
-  const auto& [link, target, member, refusedAt] = GetParam();
+  // Named references, not a structured binding: clang 14 cannot capture bindings in a lambda.
+  const LinkCase& c = GetParam();
+  const std::string& link = c.link;
+  const std::string& target = c.target;
+  const std::string& member = c.member;
+  const char* const refusedAt = c.refusedAt;
   scratch_.write("outside/keep", "original");
   scratch_.write("out/real/present", "inside");
   fs::create_directories((scratch_ / "out" / link).parent_path());

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "container/archive.h"
-#include "container/command.h"
+#include "container/error.h"
 #include "support/imx_builder.h"
 #include "support/scratch_dir.h"
 
@@ -21,8 +21,11 @@ class LegacyZipTest : public test::ScratchTest {
   fs::path zipArtifact(const std::string& manifest) {
     scratch_.write("stage/manifest.json", manifest);
     scratch_.write("stage/pkg.mlpackage/model.pt", "weights");
-    Archive::zip(scratch_ / "stage", scratch_ / "old.model");
+    zipStage(scratch_ / "old.model");
     return scratch_ / "old.model";
+  }
+  void zipStage(const fs::path& to) {
+    Archive::zip(scratch_ / "stage", Archive::stage(scratch_ / "stage"), to);
   }
 };
 
@@ -32,9 +35,9 @@ TEST_F(LegacyZipTest, ReadsTheManifestAndUnpacksAZipArtifact) {
   EXPECT_EQ(Archive::readManifest(artifact), "{\"format\": \"vivra-engine/1\"}");
   Archive::unzip(artifact, scratch_ / "out");
   EXPECT_EQ(test::listTree(scratch_ / "out"), test::listTree(scratch_ / "stage"));
-  EXPECT_THAT(
-      [&] { Archive::readImxManifest(artifact); },
-      ThrowsMessage<Err>(StartsWith("IMX: " + artifact.string() + ": legacy ZIP container")));
+  EXPECT_THAT([&] { Archive::readImxManifest(artifact); },
+              ThrowsMessage<ArtifactError>(
+                  StartsWith("IMX: " + artifact.string() + ": legacy ZIP container")));
 }
 
 TEST_F(LegacyZipTest, ZipReplacesTheOutputAndResolvesARelativeOutputPath) {
@@ -42,20 +45,38 @@ TEST_F(LegacyZipTest, ZipReplacesTheOutputAndResolvesARelativeOutputPath) {
   const fs::path previous = fs::current_path();
   fs::current_path(scratch_.path());
   scratch_.write("stage/manifest.json", "second");
-  Archive::zip(scratch_ / "stage", "old.model");  // relative to our directory, not the zip's
+  zipStage("old.model");  // relative to our directory, not the zip's
   fs::current_path(previous);
   EXPECT_EQ(Archive::readManifest(artifact), "second");
 }
 
 TEST_F(LegacyZipTest, AbsentOrEmptyManifestIsRefused) {
   EXPECT_THAT([&] { Archive::readManifest(zipArtifact("")); },
-              ThrowsMessage<Err>(::testing::StrEq("no manifest.json in old.model")));
+              ThrowsMessage<ArtifactError>(::testing::StrEq("no manifest.json in old.model")));
   fs::remove(scratch_ / "stage/manifest.json");
-  Archive::zip(scratch_ / "stage", scratch_ / "bare.model");
-  EXPECT_THAT(
-      [&] { Archive::readManifest(scratch_ / "bare.model"); },
-      ThrowsMessage<Err>(StartsWith("`/usr/bin/unzip -p " + (scratch_ / "bare.model").string() +
-                                    " manifest.json` exited 11:\n")));
+  zipStage(scratch_ / "bare.model");
+  EXPECT_THAT([&] { Archive::readManifest(scratch_ / "bare.model"); },
+              ThrowsMessage<ArtifactError>(StartsWith("`/usr/bin/unzip -p " +
+                                                      (scratch_ / "bare.model").string() +
+                                                      " manifest.json` exited 11:\n")));
+}
+
+// zip's own directory walk follows links; packed content must still be exactly the declared
+// members, in both forms, whatever the staging tree links to or however its names are spelt.
+TEST_F(LegacyZipTest, BothFormsPackTheSameMembersAndNeverFollowLinks) {
+  scratch_.write("outside/secret.bin", "not a member");
+  scratch_.write("stage/-dash[1]*.bin", "literal name");
+  scratch_.write("stage/pkg.mlpackage/model.pt", "weights");
+  fs::create_symlink(scratch_ / "outside/secret.bin", scratch_ / "stage/file-link");
+  fs::create_symlink(scratch_ / "outside", scratch_ / "stage/dir-link");
+  zipStage(scratch_ / "z.model");
+  Archive::writeImxContainer(scratch_ / "stage", scratch_ / "i.model");
+  Archive::unzip(scratch_ / "z.model", scratch_ / "from-zip");
+  Archive::unzip(scratch_ / "i.model", scratch_ / "from-imx");
+  const std::vector<std::string> expected{"-dash[1]*.bin (12 bytes)", "pkg.mlpackage/",
+                                          "pkg.mlpackage/model.pt (7 bytes)"};
+  EXPECT_EQ(test::listTree(scratch_ / "from-zip"), expected);
+  EXPECT_EQ(test::listTree(scratch_ / "from-imx"), expected);
 }
 
 TEST_F(LegacyZipTest, ImxArtifactsNeverReachTheZipTools) {

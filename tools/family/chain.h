@@ -10,6 +10,9 @@
 
 namespace lumora2::family {
 
+// π for the files that include LibTorch: clang compiles those as C++17, which has no <numbers>.
+inline constexpr double kPi = 3.14159265358979323846;
+
 class Chain {
  public:
   Chain(torch::jit::Module frontEnd, torch::jit::Module tokenizer, torch::jit::Module student,

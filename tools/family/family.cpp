@@ -4,7 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
-#include "family/digest.h"
+#include "container/archive.h"
 #include "family/host_pack.h"
 #include "family/idle_video.h"
 #include "family/latent.h"
@@ -40,7 +40,9 @@ fs::path packageModel(const fs::path& dir, std::string_view package) {
   return dir / (std::string(package) + ".mlpackage") / "model.pt";
 }
 
-Artifact describe(const fs::path& path) { return {path, fs::file_size(path), sha256File(path)}; }
+Artifact describe(const fs::path& path) {
+  return {path, fs::file_size(path), Archive::digest(path).sha256};
+}
 
 }  // namespace
 
@@ -58,7 +60,7 @@ std::string stageAvatar(const fs::path& dir, const Identity& id, const GraphOpti
   const std::string encoder = writeIdleClip(dir / "idle.mp4", renderIdleFrames(id, kIdleTokens),
                                             kPictureWidth, kPictureHeight, kFramesPerSecond);
   writeProvenance(dir / "provenance.json", id, graphs, studentSha256,
-                  sha256File(packageModel(dir, kDecoderPackage)));
+                  Archive::digest(packageModel(dir, kDecoderPackage)).sha256);
   return encoder;
 }
 
@@ -71,7 +73,7 @@ FamilyResult buildFamily(const FamilyOptions& options, const ProgressLine& progr
   const fs::path engineDir = result.staging / "engine";
   progress("writing engine graphs and warm.wav into " + engineDir.string());
   stageEngine(engineDir, options.graphs);
-  const std::string studentSha = sha256File(packageModel(engineDir, kStudentPackage));
+  const std::string studentSha = Archive::digest(packageModel(engineDir, kStudentPackage)).sha256;
 
   for (const Identity& id : familyIdentities()) {
     progress("writing avatar '" + id.code + "' (decoder, canon, idle clip, provenance)");

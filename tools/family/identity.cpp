@@ -100,7 +100,7 @@ const std::array<Identity, 2>& identities() {
 
 }  // namespace
 
-std::span<const Identity> familyIdentities() { return identities(); }
+const std::array<Identity, 2>& familyIdentities() { return identities(); }
 
 const Identity& identityByCode(std::string_view code) {
   for (const Identity& id : identities()) {

@@ -2,8 +2,8 @@
 // (colours, face layout, hair style) and the per-identity starting phases of its idle motion.
 #pragma once
 
+#include <array>
 #include <cstdint>
-#include <span>
 #include <string>
 #include <string_view>
 
@@ -40,7 +40,7 @@ struct Identity {
 };
 
 // The family's avatars, in the order they are generated: "ava" and "bram".
-std::span<const Identity> familyIdentities();
+const std::array<Identity, 2>& familyIdentities();
 // The identity with this code; throws std::invalid_argument for an unknown code.
 const Identity& identityByCode(std::string_view code);
 

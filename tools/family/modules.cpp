@@ -6,9 +6,9 @@
 #include <fstream>
 #include <limits>
 #include <nlohmann/json.hpp>
-#include <numbers>
 #include <stdexcept>
 
+#include "family/chain.h"
 #include "family/graph_sources.h"
 #include "family/latent.h"
 #include "family/portrait.h"
@@ -222,7 +222,7 @@ torch::jit::Module makeStudent(bool faulty) {
   torch::jit::Module m("StudentForwardFrame");
   m.register_buffer("tok_bias", codes().tokBias.clone());
   m.register_buffer("tok_dual", dual(codes().tokDir));
-  const double sway = 2.0 * std::numbers::pi / Motion::kSwayPeriodTokens;
+  const double sway = 2.0 * kPi / Motion::kSwayPeriodTokens;
   addFloat(m, "follow", Motion::kFollow);
   addFloat(m, "open_floor", Motion::kOpenFloor);
   addFloat(m, "open_gain", Motion::kOpenGain);

@@ -1,7 +1,7 @@
 // Archive: the host-side toolbox behind packing and inspection. It digests staged files, writes a
 // staged directory as an IMX container, and still reads and writes the legacy zip form through the
 // system's /usr/bin/zip and /usr/bin/unzip. Failures that are not file-system errors are thrown as
-// Err; reader errors pass through with the prefix "IMX: ".
+// ArtifactError; reader errors pass through with the prefix "IMX: ".
 #pragma once
 
 #include <cstdint>
@@ -27,7 +27,7 @@ struct Digest {
   std::uint64_t bytes = 0;
 };
 
-// A file: its bytes, memory-mapped. A directory (a model package): for each regular file below it
+// A file: its bytes. A directory (a model package): for each regular file below it
 // in ascending relative-name order, the UTF-8 relative name then the file's bytes, no separator;
 // the byte count is the sum of the files' lengths.
 Digest digest(const std::filesystem::path& url, const ProgressFn& progress = {});
@@ -42,15 +42,15 @@ struct StagedMember {
 
 // The members a staging directory yields: every regular file below `dir` (hidden ones included;
 // symbolic links, devices and directories skipped), stable-sorted by NFC name, with a root
-// "manifest.json" moved last. Throws Err("cannot enumerate staging dir …") when `dir` cannot be
-// listed.
+// "manifest.json" moved last. Throws ArtifactError("cannot enumerate staging dir …") when `dir`
+// cannot be listed.
 std::vector<StagedMember> stage(const std::filesystem::path& dir);
 
 // Writes `members` in the given order as an IMX container at `to` (replacing it), followed, when
-// `manifest` is given, by a last member "manifest.json" holding those bytes. Throws Err before
-// writing anything when there would be more than 65535 members. The header and table are built in
-// memory; member data is streamed in pieces of at most 1 MiB. A failed write leaves a partial
-// file.
+// `manifest` is given, by a last member "manifest.json" holding those bytes. Throws ArtifactError
+// before writing anything when there would be more than 65535 members. The header and table are
+// built in memory; member data is streamed in pieces of at most 1 MiB. A failed write leaves a
+// partial file.
 void writeImxMembers(const std::vector<StagedMember>& members,
                      const std::optional<std::string>& manifest, const std::filesystem::path& to,
                      const ProgressFn& progress = {});
@@ -61,14 +61,18 @@ void writeImxMembers(const std::vector<StagedMember>& members,
 void writeImxContainer(const std::filesystem::path& contentsOf, const std::filesystem::path& to,
                        const ProgressFn& progress = {});
 
-// The legacy form: /usr/bin/zip -rXq <to> . run inside `contentsOf`.
-void zip(const std::filesystem::path& contentsOf, const std::filesystem::path& to);
+// The legacy form: /usr/bin/zip run inside `contentsOf`, storing exactly `members` (their names
+// relative to `contentsOf`, as stage() gives them) in the given order. Symbolic links are never
+// followed into: a link is not a member in either form.
+void zip(const std::filesystem::path& contentsOf, const std::vector<StagedMember>& members,
+         const std::filesystem::path& to);
 
-// manifest.json of an IMX container, with reader errors rethrown as Err("IMX: " + description).
+// manifest.json of an IMX container, with reader errors rethrown as ArtifactError("IMX: " +
+// description).
 std::string readImxManifest(const std::filesystem::path& container);
 // manifest.json of an artifact in either form (IMX by the built-in reader, zip by unzip -p).
 std::string readManifest(const std::filesystem::path& artifact);
-// Lumora2Container::unpack with reader errors rethrown as Err("IMX: " + description).
+// Lumora2Container::unpack with reader errors rethrown as ArtifactError("IMX: " + description).
 std::vector<std::string> unpackImx(const std::filesystem::path& container,
                                    const std::filesystem::path& to,
                                    const ProgressFn& progress = {});
@@ -77,7 +81,7 @@ void unzip(const std::filesystem::path& artifact, const std::filesystem::path& t
            const ProgressFn& progress = {});
 
 // Runs a child with standard output and error on one pipe; returns that output when it exits 0,
-// else throws Err("`exe args…` exited N:\n" + output).
+// else throws ArtifactError("`exe args…` exited N:\n" + output).
 std::string run(const std::string& executable, const std::vector<std::string>& arguments,
                 const std::optional<std::filesystem::path>& cwd = std::nullopt);
 

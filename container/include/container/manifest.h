@@ -83,8 +83,9 @@ std::string encode(const EngineManifest& manifest);
 std::string encode(const AvatarManifest& manifest);
 std::string encode(const Provenance& provenance);
 
-// Decoding ignores unknown keys. Bad JSON, a missing required key or a wrong type throws Err with
-// the decoder's description. The format tag is not checked here: readers test kAcceptedFormats.
+// Decoding ignores unknown keys. Bad JSON, a missing required key or a wrong type throws
+// ArtifactError with the decoder's description. The format tag is not checked here: readers test
+// kAcceptedFormats.
 EngineManifest decodeEngine(std::string_view json);
 AvatarManifest decodeAvatar(std::string_view json);
 Provenance decodeProvenance(std::string_view json);
@@ -93,8 +94,8 @@ Provenance decodeProvenance(std::string_view json);
 namespace UnifiedHeader {
 // Sets "engine", "engine_abi", "unified_format_version" = 2 and "decoder" = "decp2v3" on the
 // manifest's top-level object, keeps every other key, and re-serializes it pretty-printed with
-// sorted keys. Throws Err("unified-header: manifest is not a JSON object") for valid JSON that is
-// not an object, and Err with the parser's description for bad JSON.
+// sorted keys. Throws ArtifactError("unified-header: manifest is not a JSON object") for valid JSON
+// that is not an object, and ArtifactError with the parser's description for bad JSON.
 std::string stamp(std::string_view manifest, std::string_view engine, std::int64_t engineAbi);
 }  // namespace UnifiedHeader
 

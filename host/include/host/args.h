@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "container/command.h"
+#include "host/command.h"
 
 namespace lumora2 {
 

@@ -10,7 +10,8 @@
 namespace lumora2 {
 
 // The host's plain error: one message string that is also its printed description. Commands throw
-// it with their usage and requirement texts; the entry point prints "error: " + what() and exits 1.
+// it with their usage and requirement texts; the entry point prints "error: " + what() and exits 1,
+// as it does for the artifact layer's ArtifactError and any other std::exception.
 class Err : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -29,6 +30,10 @@ enum ExitStatus : int {
 // without a value holds "true".
 using Positionals = std::vector<std::string>;
 using Options = std::map<std::string, std::string>;
+
+// A command: the positional arguments and options that parseArgs produced in, the process's exit
+// status out (ExitStatus); failures it cannot report by status are thrown.
+using Handler = int (*)(const Positionals&, const Options&);
 
 // The value of option `name`, or nullptr when it was not given.
 inline const std::string* option(const Options& options, const std::string& name) {

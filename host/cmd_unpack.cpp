@@ -1,15 +1,18 @@
-#include <cstdlib>
+// unpack <file.model|file.avatar> <dir> [--no-verify]: extracts an artifact and checks every
+// declared member's SHA-256, printing one line per member; exit status 2 when any is missing or
+// does not match.
 #include <iostream>
 #include <optional>
 #include <string>
 #include <system_error>
 
 #include "container/archive.h"
+#include "container/error.h"
 #include "container/imx.h"
+#include "container/path_text.h"
 #include "container/progress.h"
-#include "container/unpack.h"
-#include "path_text.h"
-#include "verify.h"
+#include "container/verify.h"
+#include "host/commands.h"
 
 namespace lumora2 {
 namespace {
@@ -57,7 +60,7 @@ std::optional<Described> describe(const std::string& manifest) {
       return Described{"ENGINE format=" + e.format + " abi=" + std::to_string(e.abi),
                        std::move(e.files)};
     }
-  } catch (const Err&) {
+  } catch (const ArtifactError&) {
   }
   try {
     AvatarManifest a = ManifestJSON::decodeAvatar(manifest);
@@ -66,14 +69,14 @@ std::optional<Described> describe(const std::string& manifest) {
           "AVATAR code=" + a.code + " requires_engine_abi=" + std::to_string(a.requiresEngineAbi),
           std::move(a.files)};
     }
-  } catch (const Err&) {
+  } catch (const ArtifactError&) {
   }
   return std::nullopt;
 }
 
 }  // namespace
 
-void cmdUnpack(const Positionals& positionals, const Options& options) {
+int cmdUnpack(const Positionals& positionals, const Options& options) {
   Positionals args = positionals;
   const std::string* noVerify = option(options, "no-verify");
   // The parser gave "--no-verify" the next word as its value; that word was the destination.
@@ -99,7 +102,7 @@ void cmdUnpack(const Positionals& positionals, const Options& options) {
 
   if (noVerify != nullptr) {
     print("  --no-verify — member checksums NOT checked");
-    return;
+    return kExitOk;
   }
 
   std::vector<std::string> problems;
@@ -117,10 +120,10 @@ void cmdUnpack(const Positionals& positionals, const Options& options) {
     std::string report = "  CHECKSUM PROBLEMS:";
     for (const std::string& p : problems) report += "\n    " + p;
     print(report);
-    std::cout.flush();
-    std::exit(kExitChecksumProblems);
+    return kExitChecksumProblems;
   }
   print("  checksums OK (" + std::to_string(described->files.size()) + " members)");
+  return kExitOk;
 }
 
 }  // namespace lumora2
