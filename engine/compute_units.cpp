@@ -5,7 +5,7 @@
 #include <array>
 #include <utility>
 
-#include "engine/lumora2_engine.h"
+#include "compute_unit_choice.h"
 #include "protocol/dev_env.h"
 
 namespace lumora2 {
@@ -33,19 +33,20 @@ std::string_view computeUnitsName(ComputeUnits units) {
   return "cpuAndNE";
 }
 
-ComputeUnits Lumora2Engine::cuFromEnv(std::string_view envName, ComputeUnits fallback) {
+ComputeUnits ComputeUnitChoice::cuFromEnv(std::string_view envName, ComputeUnits fallback) {
   auto value = DevEnv::knob(envName);
   if (!value) return fallback;
   return computeUnitsNamed(*value).value_or(fallback);
 }
 
-std::string Lumora2Engine::cuNameFromEnv(std::string_view envName, std::string_view defaultName) {
+std::string ComputeUnitChoice::cuNameFromEnv(std::string_view envName,
+                                             std::string_view defaultName) {
   auto value = DevEnv::knob(envName);
   if (value && computeUnitsNamed(*value)) return *value;
   return std::string(defaultName);
 }
 
-ComputeUnits Lumora2Engine::cuForModel(std::string_view name) {
+ComputeUnits ComputeUnitChoice::cuForModel(std::string_view name) {
   // First match wins: a name holding both "student" and "w2v" follows the student's knob.
   static constexpr std::array<std::pair<std::string_view, std::string_view>, 3> kByName{{
       {"student", "LUMORA2_STUDENT_CU"},
@@ -60,7 +61,7 @@ ComputeUnits Lumora2Engine::cuForModel(std::string_view name) {
   return ComputeUnits::cpuAndNeuralEngine;
 }
 
-ComputeUnits Lumora2Engine::cuFromName(std::string_view name) {
+ComputeUnits ComputeUnitChoice::cuFromName(std::string_view name) {
   if (name == "cpuAndGPU") return ComputeUnits::cpuAndGPU;
   if (name == "all") return ComputeUnits::all;
   if (name == "cpuOnly") return ComputeUnits::cpuOnly;

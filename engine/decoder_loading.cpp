@@ -5,24 +5,32 @@
 #include <mutex>
 #include <string>
 
+#include "compute_unit_choice.h"
 #include "container/platform.h"
+#include "decoder_loading.h"
 #include "engine/log.h"
 #include "engine/lumora2_engine.h"
 #include "fs_ops.h"
+#include "liveness.h"
+#include "model_cache.h"
+#include "model_resolution.h"
 
 namespace lumora2 {
 
 namespace {
 
+using Path = std::filesystem::path;
+
 bool shapeIs(const std::vector<std::int64_t>& shape, std::initializer_list<std::int64_t> want) {
   return std::equal(shape.begin(), shape.end(), want.begin(), want.end());
 }
 
-// Input "x" of shape [1,36,90,52]; the first listed output fp16 of shape [1,3,720,416] or
-// unspecified.
+// Input "x" of shape [1,36,90,52] in float32 (the engine fills it as float32 planes); the first
+// listed output fp16 of shape [1,3,720,416] or unspecified.
 bool meetsContract(const ModelDescription& d) {
   const FeatureDescription* x = d.input("x");
-  if (x == nullptr || !x->multiArray || !shapeIs(x->multiArray->shape, {1, 36, 90, 52})) {
+  if (x == nullptr || !x->multiArray || !shapeIs(x->multiArray->shape, {1, 36, 90, 52}) ||
+      x->multiArray->dataType != ArrayDataType::float32) {
     return false;
   }
   const FeatureDescription* rgb = d.firstOutput();
@@ -39,40 +47,32 @@ void logCandidateFailed(std::string_view name) {
 
 }  // namespace
 
-std::shared_ptr<GraphModel> Lumora2Engine::loadDecp2Member(std::string_view name,
-                                                           std::string_view envName,
-                                                           std::string_view defaultUnitName,
-                                                           std::optional<std::string>* unitInUse) {
+std::shared_ptr<GraphModel> DecoderLoading::loadDecp2Member(std::string_view name,
+                                                            std::string_view envName,
+                                                            std::string_view defaultUnitName,
+                                                            std::optional<std::string>* unitInUse) {
   const std::string member(name);
   std::optional<Path> package;
-  if (auto agent = activeAgentDir()) {
+  if (auto agent = ModelResolution::activeAgentDir()) {
     Path candidate = *agent / (member + ".mlpackage");
     if (fsops::existsAnyKind(candidate)) package = candidate;
   } else {
-    package = modelURL(name);
+    package = ModelResolution::modelURL(name);
   }
   if (!package) return nullptr;
 
   // Decoders of different identities must never evict one another.
   const std::string key = member + "-" + package->parent_path().filename().string();
-  const std::string declared = cuNameFromEnv(envName, defaultUnitName);
-  const ComputeUnits declaredUnits = cuFromName(declared);
+  const std::string declared = ComputeUnitChoice::cuNameFromEnv(envName, defaultUnitName);
+  const ComputeUnits declaredUnits = ComputeUnitChoice::cuFromName(declared);
 
-  auto compiled = compiledURL(*package, key);
-  if (!compiled) {
+  auto model = ModelCache::loadCompiled(*package, key, declaredUnits,
+                                        "[vivra] cached " + member +
+                                            " mlmodelc failed to load — purging + recompiling once")
+                   .model;
+  if (!model) {
     logCandidateFailed(name);
     return nullptr;
-  }
-  auto model = GraphModel::load(*compiled, declaredUnits);
-  if (!model) {
-    engineLog("[vivra] cached " + member + " mlmodelc failed to load — purging + recompiling once");
-    removeTreeQuietly(*compiled);
-    compiled = compiledURL(*package, key);
-    if (compiled) model = GraphModel::load(*compiled, declaredUnits);
-    if (!model) {
-      logCandidateFailed(name);
-      return nullptr;
-    }
   }
 
   if (!meetsContract(model->description())) {
@@ -82,7 +82,7 @@ std::shared_ptr<GraphModel> Lumora2Engine::loadDecp2Member(std::string_view name
     return nullptr;
   }
 
-  auto reason = deadGraphReason(*model);
+  auto reason = Liveness::deadGraphReason(*model);
   if (!reason) {
     if (unitInUse != nullptr) *unitInUse = declared;
     return model;
@@ -99,11 +99,11 @@ std::shared_ptr<GraphModel> Lumora2Engine::loadDecp2Member(std::string_view name
   for (std::string_view unitName : kLivenessLadder) {
     if (unitName == declared) continue;
     const std::string unit(unitName);
-    auto rungCompiled = compiledURL(*package, key);
+    auto rungCompiled = ModelCache::compiledURL(*package, key);
     if (!rungCompiled) continue;
-    auto rung = GraphModel::load(*rungCompiled, cuFromName(unit));
+    auto rung = GraphModel::load(*rungCompiled, ComputeUnitChoice::cuFromName(unit));
     if (!rung) continue;
-    auto rungReason = deadGraphReason(*rung);
+    auto rungReason = Liveness::deadGraphReason(*rung);
     if (!rungReason) {
       if (unitInUse != nullptr) *unitInUse = unit;
       engineLog("[vivra] " + member + " RECOVERED on " + unit +
@@ -121,17 +121,19 @@ std::shared_ptr<GraphModel> Lumora2Engine::loadDecp2Member(std::string_view name
 }
 
 std::shared_ptr<GraphModel> Lumora2Engine::loadDecp2() {
-  for (const Decp2Candidate& row : kDecp2Candidates) {
-    auto model = loadDecp2Member(row.member, row.unitEnv, row.defaultUnit, &decp2CU);
+  for (const DecoderLoading::Decp2Candidate& row : DecoderLoading::kDecp2Candidates) {
+    auto model =
+        DecoderLoading::loadDecp2Member(row.member, row.unitEnv, row.defaultUnit, &decp2CU);
     if (!model) continue;
-    decp2Desc = std::string(row.label) + "/" +
-                (decp2CU ? *decp2CU : cuNameFromEnv(row.unitEnv, row.defaultUnit));
+    decp2Desc =
+        std::string(row.label) + "/" +
+        (decp2CU ? *decp2CU : ComputeUnitChoice::cuNameFromEnv(row.unitEnv, row.defaultUnit));
     return model;
   }
   return nullptr;
 }
 
-std::shared_ptr<GraphModel> Lumora2Engine::sharedW2V() {
+std::shared_ptr<GraphModel> DecoderLoading::sharedW2V() {
   static std::mutex mutex;
   // Never destroyed: the graph stays usable until the process ends, with no exit-time ordering
   // against LibTorch's own statics.
@@ -140,13 +142,10 @@ std::shared_ptr<GraphModel> Lumora2Engine::sharedW2V() {
   std::shared_ptr<GraphModel>& slot = *slotStorage;
   if (!slot) {
     constexpr std::string_view kName = "w2v_frontend_cpuAndNE";
-    slot = load(kName, cuForModel(kName));
+    slot = ModelCache::load(kName, ComputeUnitChoice::cuForModel(kName));
     if (slot) engineLog("[vivra] shared w2v loaded ONCE for this process (LUMORA2_SHARED_W2V)");
   }
   return slot;
 }
-
-Lumora2Engine::Lumora2Engine() = default;
-Lumora2Engine::~Lumora2Engine() = default;
 
 }  // namespace lumora2

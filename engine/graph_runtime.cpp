@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <mutex>
 #include <system_error>
 #include <thread>
@@ -25,6 +26,25 @@ namespace fs = std::filesystem;
 namespace {
 
 std::atomic<std::size_t> gCompileCount{0};
+// Nanoseconds spent in GraphModel::predict, summed over every graph and thread: one relaxed add
+// per prediction, so benchmarks can tell prediction time from everything around it.
+std::atomic<std::int64_t> gPredictNanos{0};
+
+// Adds the wall time of its scope to gPredictNanos, on every way out of predict.
+class PredictTimer {
+ public:
+  PredictTimer() = default;
+  PredictTimer(const PredictTimer&) = delete;
+  PredictTimer& operator=(const PredictTimer&) = delete;
+  ~PredictTimer() {
+    const auto spent = std::chrono::steady_clock::now() - started_;
+    gPredictNanos.fetch_add(std::chrono::duration_cast<std::chrono::nanoseconds>(spent).count(),
+                            std::memory_order_relaxed);
+  }
+
+ private:
+  std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
+};
 
 // LibTorch's thread pools, set once per process before the first graph is touched. The engine's
 // processing queue runs one prediction at a time, so there is never a second graph to overlap
@@ -170,6 +190,10 @@ struct GraphModel::Impl {
   c10::Device device{c10::kCPU};
   std::string label;  // the compiled directory's name, for error texts
   bool optimized = false;
+  // One graph may serve several engines (the shared speech front end does). A TorchScript module's
+  // forward is not promised to be safe from several threads at once, and the graph's own buffers
+  // would be shared, so predictions on one graph take turns.
+  std::mutex predicting;
 };
 
 GraphModel::GraphModel(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
@@ -263,10 +287,35 @@ MultiArray outputArray(at::Tensor t, const std::string& name, const std::string&
   return MultiArray::wrap(*type, t.sizes().vec(), std::move(storage));
 }
 
+// A result must be what io.json promises before anything downstream reads it: a decoder that
+// returned float32 or a smaller picture would otherwise send the frame path past its buffers.
+// Outputs described without a type and shape are taken as they come.
+void checkOutput(const FeatureDescription& want, const MultiArray& array,
+                 const std::string& label) {
+  if (!want.multiArray) return;
+  const MultiArrayConstraint& c = *want.multiArray;
+  if (array.dataType() != c.dataType) {
+    throw PredictionError("graph " + label + ": output \"" + want.name + "\" is " +
+                          std::string(dataTypeName(array.dataType())) + ", io.json describes " +
+                          std::string(dataTypeName(c.dataType)));
+  }
+  if (c.shape.empty()) return;  // unspecified shape
+  bool fits = c.shape.size() == array.shape().size();
+  for (std::size_t i = 0; fits && i < c.shape.size(); ++i) {
+    fits = c.shape[i] <= 0 || c.shape[i] == array.shape()[i];
+  }
+  if (!fits) {
+    throw PredictionError("graph " + label + ": output \"" + want.name + "\" has shape " +
+                          shapeText(array.shape()) + ", io.json describes " + shapeText(c.shape));
+  }
+}
+
 }  // namespace
 
 FeatureSet GraphModel::predict(const FeatureSet& inputs) const {
-  const Impl& g = *impl_;
+  const PredictTimer timer;
+  Impl& g = *impl_;
+  std::lock_guard turn(g.predicting);
   c10::InferenceMode inferenceMode;  // per-prediction tensors live only in this scope
   std::vector<c10::IValue> args;
   args.reserve(g.description.inputs.size());
@@ -310,10 +359,12 @@ FeatureSet GraphModel::predict(const FeatureSet& inputs) const {
   }
   FeatureSet named;
   for (std::size_t i = 0; i < results.size(); ++i) {
-    const std::string& name = g.description.outputs[i].name;
+    const FeatureDescription& want = g.description.outputs[i];
     at::Tensor t = std::move(results[i]);
     results[i] = at::Tensor();
-    named.set(name, outputArray(std::move(t), name, g.label));
+    MultiArray array = outputArray(std::move(t), want.name, g.label);
+    checkOutput(want, array, g.label);
+    named.set(want.name, std::move(array));
   }
   return named;
 }
@@ -322,6 +373,10 @@ MultiArray GraphModel::predictFirst(const FeatureSet& inputs) const {
   FeatureSet all = predict(inputs);
   const FeatureDescription* first = impl_->description.firstOutput();
   return all.at(first->name);  // predict guarantees one result per described output
+}
+
+std::chrono::nanoseconds GraphModel::predictTimeTotal() {
+  return std::chrono::nanoseconds(gPredictNanos.load(std::memory_order_relaxed));
 }
 
 std::optional<fs::path> compileModelPackage(const fs::path& package, std::string* error) {

@@ -5,8 +5,9 @@
 #include <cstdint>
 #include <vector>
 
+#include "compute_unit_choice.h"
 #include "engine/log.h"
-#include "engine/lumora2_engine.h"
+#include "liveness.h"
 #include "protocol/dev_env.h"
 
 namespace lumora2 {
@@ -55,17 +56,17 @@ std::optional<MultiArray> probeInput(const FeatureDescription& feature) {
 
 }  // namespace
 
-bool Lumora2Engine::livenessEnabled() {
+bool Liveness::livenessEnabled() {
   static const bool enabled = DevEnv::knob("LUMORA2_GRAPH_LIVENESS") != "0";
   return enabled;
 }
 
-bool Lumora2Engine::sharedW2VEnabled() {
+bool Liveness::sharedW2VEnabled() {
   static const bool enabled = DevEnv::knob("LUMORA2_SHARED_W2V") == "1";
   return enabled;
 }
 
-std::optional<std::string> Lumora2Engine::deadGraphReason(const GraphModel& model) {
+std::optional<std::string> Liveness::deadGraphReason(const GraphModel& model) {
   if (!livenessEnabled()) return std::nullopt;
   FeatureSet inputs;
   for (const auto& feature : model.description().inputs) {
@@ -117,8 +118,8 @@ std::optional<std::string> Lumora2Engine::deadGraphReason(const GraphModel& mode
   return "ALL " + std::to_string(total) + " outputs are ZERO";
 }
 
-void Lumora2Engine::warnDeadFrontEnd(const GraphModel* w2v, const GraphModel* atok,
-                                     const GraphModel* student) {
+void Liveness::warnDeadFrontEnd(const GraphModel* w2v, const GraphModel* atok,
+                                const GraphModel* student) {
   struct Probe {
     const GraphModel* model;
     std::string_view label;
@@ -132,8 +133,9 @@ void Lumora2Engine::warnDeadFrontEnd(const GraphModel* w2v, const GraphModel* at
     auto reason = deadGraphReason(*probe.model);
     if (!reason) continue;
     engineLog("[vivra] WARN " + std::string(probe.label) + " loaded on " +
-              cuNameFromEnv(probe.knob, "cpuAndNE") + " (" + std::string(probe.knob) +
-              ") and COMPUTES NOTHING (" + *reason + ") — every frame downstream of it is garbage");
+              ComputeUnitChoice::cuNameFromEnv(probe.knob, "cpuAndNE") + " (" +
+              std::string(probe.knob) + ") and COMPUTES NOTHING (" + *reason +
+              ") — every frame downstream of it is garbage");
   }
 }
 

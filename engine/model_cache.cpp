@@ -1,33 +1,33 @@
 // The compiled-model cache: one compilation per distinct package content, shared by every
 // process of the user through entries named by content, installed with a two-step move and
 // evicted by last use.
-#include <fcntl.h>
-#include <openssl/evp.h>
 #include <unistd.h>
-#include <utf8proc.h>
 
 #include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <exception>
 #include <memory>
 #include <mutex>
 #include <vector>
 
 #include "cache_entry.h"
+#include "compute_unit_choice.h"
+#include "container/member_names.h"
 #include "container/platform.h"
+#include "container/sha256.h"
 #include "engine/log.h"
-#include "engine/lumora2_engine.h"
 #include "fs_ops.h"
+#include "model_cache.h"
+#include "model_resolution.h"
 #include "protocol/dev_env.h"
 
 namespace lumora2 {
 
 namespace fs = std::filesystem;
-using Path = Lumora2Engine::Path;
+using Path = std::filesystem::path;
 
 namespace {
-
-constexpr std::size_t kChunk = 1 << 20;  // files are hashed in 1 MiB reads: memory stays flat
 
 // Drops "." and ".." components and a trailing separator.
 Path standardized(const Path& p) {
@@ -36,40 +36,12 @@ Path standardized(const Path& p) {
   return Path(s);
 }
 
-std::string nfc(const std::string& s) {
-  utf8proc_uint8_t* out = utf8proc_NFC(reinterpret_cast<const utf8proc_uint8_t*>(s.c_str()));
-  if (out == nullptr) return s;  // not valid UTF-8: order by the bytes as they are
-  std::string result(reinterpret_cast<char*>(out));
-  std::free(out);
-  return result;
-}
-
 struct PackageFile {
   std::string rel;
   std::string order;  // NFC form of rel: names sort as Unicode strings
   std::uint64_t size = 0;
   Path path;
 };
-
-// Feeds one file's content in 1 MiB reads; false when it cannot be opened or read.
-bool hashFile(EVP_MD_CTX* ctx, const Path& path, std::vector<unsigned char>& buffer) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
-  bool ok = true;
-  for (;;) {
-    ssize_t n = ::read(fd, buffer.data(), buffer.size());
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      ok = false;
-      break;
-    }
-    if (n == 0) break;
-    EVP_DigestUpdate(ctx, buffer.data(), static_cast<std::size_t>(n));
-  }
-  ::close(fd);
-  return ok;
-}
 
 // Compiled directories this process made outside the cache; removed when the process exits
 // (the loaded graphs no longer need their files).
@@ -101,8 +73,7 @@ std::optional<Path> sessionCompile(const Path& package) {
 
 }  // namespace
 
-std::optional<Lumora2Engine::PackageFingerprint> Lumora2Engine::packageFingerprint(
-    const Path& url) {
+std::optional<ModelCache::PackageFingerprint> ModelCache::packageFingerprint(const Path& url) {
   const Path root = standardized(url);
   const std::string prefix = root.string() + "/";
   std::error_code ec;
@@ -127,33 +98,27 @@ std::optional<Lumora2Engine::PackageFingerprint> Lumora2Engine::packageFingerpri
   std::stable_sort(files.begin(), files.end(),
                    [](const PackageFile& a, const PackageFile& b) { return a.order < b.order; });
 
-  std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> ctx(EVP_MD_CTX_new(), EVP_MD_CTX_free);
-  if (!ctx || EVP_DigestInit_ex(ctx.get(), EVP_sha256(), nullptr) != 1) return std::nullopt;
-  std::vector<unsigned char> buffer(kChunk);
   PackageFingerprint fingerprint;
-  for (const PackageFile& file : files) {
-    EVP_DigestUpdate(ctx.get(), file.rel.data(), file.rel.size() + 1);  // the name and its NUL
-    std::array<unsigned char, 8> size{};
-    for (std::size_t i = 0; i < size.size(); ++i) {
-      size[i] = static_cast<unsigned char>(file.size >> (8 * i));
+  try {
+    Sha256 sha;
+    for (const PackageFile& file : files) {
+      sha.update(file.rel.data(), file.rel.size() + 1);  // the name and its NUL
+      std::array<unsigned char, 8> size{};
+      for (std::size_t i = 0; i < size.size(); ++i) {
+        size[i] = static_cast<unsigned char>(file.size >> (8 * i));
+      }
+      sha.update(size.data(), size.size());
+      sha.updateFromFile(file.path);
+      fingerprint.bytes += file.size;
     }
-    EVP_DigestUpdate(ctx.get(), size.data(), size.size());
-    if (!hashFile(ctx.get(), file.path, buffer)) return std::nullopt;
-    fingerprint.bytes += file.size;
-  }
-  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
-  unsigned int length = 0;
-  if (EVP_DigestFinal_ex(ctx.get(), digest.data(), &length) != 1) return std::nullopt;
-  static constexpr char kHex[] = "0123456789abcdef";
-  fingerprint.hex.reserve(2 * length);
-  for (unsigned int i = 0; i < length; ++i) {
-    fingerprint.hex.push_back(kHex[digest[i] >> 4]);
-    fingerprint.hex.push_back(kHex[digest[i] & 0xF]);
+    fingerprint.hex = sha.hex();
+  } catch (const std::exception&) {
+    return std::nullopt;  // a file that cannot be read (or changes under us) has no fingerprint
   }
   return fingerprint;
 }
 
-std::optional<Path> Lumora2Engine::cacheRoot() {
+std::optional<Path> ModelCache::cacheRoot() {
   auto configured = DevEnv::knob("LUMORA2_MLMODELC_CACHE");
   if (configured && !configured->empty()) return Path(*configured);
   const char* xdg = std::getenv("XDG_CACHE_HOME");
@@ -162,19 +127,22 @@ std::optional<Path> Lumora2Engine::cacheRoot() {
   return std::nullopt;
 }
 
-std::string Lumora2Engine::cacheEntryName(std::string_view key,
-                                          const PackageFingerprint& fingerprint) {
+std::string ModelCache::cacheEntryName(std::string_view key,
+                                       const PackageFingerprint& fingerprint) {
+  // Appended piece by piece: GCC 12 reports a false -Wrestrict inside a chain of std::string
+  // operator+ at -O2 (GCC bug 105329).
   std::string name(key);
-  name += "-" + std::to_string(fingerprint.bytes) + "-sha" + fingerprint.hex.substr(0, 32);
-  name += ".mlmodelc";
+  name.append("-").append(std::to_string(fingerprint.bytes));
+  name.append("-sha").append(fingerprint.hex, 0, 32);
+  name.append(".mlmodelc");
   return name;
 }
 
-int Lumora2Engine::cacheKeep() {
+int ModelCache::cacheKeep() {
   return cacheEntry::keepFromText(DevEnv::knob("LUMORA2_MLMODELC_CACHE_KEEP"));
 }
 
-std::optional<Path> Lumora2Engine::compiledURL(const Path& packageURL, std::string_view key) {
+std::optional<Path> ModelCache::compiledURL(const Path& packageURL, std::string_view key) {
   auto root = cacheRoot();
   if (!root) return sessionCompile(packageURL);
   auto fingerprint = packageFingerprint(packageURL);
@@ -218,7 +186,7 @@ std::optional<Path> Lumora2Engine::compiledURL(const Path& packageURL, std::stri
   return std::nullopt;
 }
 
-void Lumora2Engine::prune(const Path& root, std::string_view key, std::string_view keeping) {
+void ModelCache::prune(const Path& root, std::string_view key, std::string_view keeping) {
   const int keep = cacheKeep();
   std::error_code ec;
   fs::directory_iterator it(root, ec);
@@ -251,28 +219,29 @@ void Lumora2Engine::prune(const Path& root, std::string_view key, std::string_vi
   }
 }
 
-std::shared_ptr<GraphModel> Lumora2Engine::load(std::string_view name, ComputeUnits cu) {
-  auto package = modelURL(name);
+ModelCache::CompiledLoad ModelCache::loadCompiled(const Path& package, std::string_view key,
+                                                  ComputeUnits cu, std::string_view purgeLine) {
+  auto compiled = compiledURL(package, key);
+  if (!compiled) return {nullptr, true};
+  if (auto model = GraphModel::load(*compiled, cu)) return {model, false};
+  engineLog(purgeLine);
+  removeTreeQuietly(*compiled);
+  compiled = compiledURL(package, key);
+  if (!compiled) return {nullptr, true};
+  return {GraphModel::load(*compiled, cu), false};
+}
+
+std::shared_ptr<GraphModel> ModelCache::load(std::string_view name, ComputeUnits cu) {
+  auto package = ModelResolution::modelURL(name);
   if (!package) {
     engineLog("[vivra] MISSING " + std::string(name) + ".mlpackage in bundle");
     return nullptr;
   }
-  auto compiled = compiledURL(*package, name);
-  if (!compiled) {
-    engineLog("[vivra] compile failed " + std::string(name));
-    return nullptr;
-  }
-  if (auto model = GraphModel::load(*compiled, cu)) return model;
-
-  engineLog("[vivra] cached mlmodelc failed to load for " + std::string(name) +
-            " — purging + recompiling once");
-  removeTreeQuietly(*compiled);
-  compiled = compiledURL(*package, name);
-  if (!compiled) {
-    engineLog("[vivra] compile failed " + std::string(name));
-    return nullptr;
-  }
-  return GraphModel::load(*compiled, cu);
+  CompiledLoad loaded = loadCompiled(*package, name, cu,
+                                     "[vivra] cached mlmodelc failed to load for " +
+                                         std::string(name) + " — purging + recompiling once");
+  if (loaded.compileFailed) engineLog("[vivra] compile failed " + std::string(name));
+  return loaded.model;
 }
 
 }  // namespace lumora2

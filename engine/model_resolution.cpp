@@ -2,15 +2,17 @@
 // directories, then the two bundles.
 #include <array>
 #include <mutex>
+#include <string>
+#include <vector>
 
-#include "engine/lumora2_engine.h"
 #include "fs_ops.h"
+#include "model_resolution.h"
 #include "protocol/dev_env.h"
 
 namespace lumora2 {
 
 namespace fs = std::filesystem;
-using Path = Lumora2Engine::Path;
+using Path = std::filesystem::path;
 
 namespace {
 
@@ -49,27 +51,27 @@ std::string fileName(std::string_view name, std::string_view ext) {
 
 }  // namespace
 
-std::optional<Path> Lumora2Engine::activeAgentDir() {
+std::optional<Path> ModelResolution::activeAgentDir() {
   std::lock_guard lock(settings().mutex);
   return settings().activeAgentDir;
 }
 
-void Lumora2Engine::setActiveAgentDir(std::optional<Path> dir) {
+void ModelResolution::setActiveAgentDir(std::optional<Path> dir) {
   std::lock_guard lock(settings().mutex);
   settings().activeAgentDir = std::move(dir);
 }
 
-std::optional<Path> Lumora2Engine::engineDir() {
+std::optional<Path> ModelResolution::engineDir() {
   std::lock_guard lock(settings().mutex);
   return settings().engineDir;
 }
 
-void Lumora2Engine::setEngineDir(std::optional<Path> dir) {
+void ModelResolution::setEngineDir(std::optional<Path> dir) {
   std::lock_guard lock(settings().mutex);
   settings().engineDir = std::move(dir);
 }
 
-std::optional<Path> Lumora2Engine::devDir() {
+std::optional<Path> ModelResolution::devDir() {
   for (std::string_view knob : {"MORVANE_LUMORA2_DIR", "MORVANE_VIVRA_DIR"}) {
     auto value = DevEnv::knob(knob);
     if (value && !value->empty()) return Path(fsops::expandTilde(*value));
@@ -77,7 +79,7 @@ std::optional<Path> Lumora2Engine::devDir() {
   return std::nullopt;
 }
 
-std::optional<Path> Lumora2Engine::modelURL(std::string_view name) {
+std::optional<Path> ModelResolution::modelURL(std::string_view name) {
   const std::string file = fileName(name, "mlpackage");
   for (const auto& dir : {activeAgentDir(), devDir(), engineDir()}) {
     if (!dir) continue;
@@ -91,7 +93,7 @@ std::optional<Path> Lumora2Engine::modelURL(std::string_view name) {
   return std::nullopt;
 }
 
-std::optional<Path> Lumora2Engine::resURL(std::string_view name, std::string_view ext) {
+std::optional<Path> ModelResolution::resURL(std::string_view name, std::string_view ext) {
   const std::string file = fileName(name, ext);
   // A downloaded identity's files live only in its own directory: when one is active, nothing
   // else is consulted.

@@ -22,6 +22,7 @@
 
 #include "container/platform.h"
 #include "engine/lumora2_engine.h"
+#include "model_cache.h"
 #include "support/harness.h"
 #include "support/package_maker.h"
 
@@ -131,11 +132,11 @@ int main(int argc, char** argv) {
                                        lumora2::testing::simpleIo("[1]"),
                                        {{"w", {floats}, 0, {}, true, 7}});
   std::printf("package: %s bytes, written in %.1f s\n",
-              std::to_string(Lumora2Engine::packageFingerprint(package)->bytes).c_str(),
+              std::to_string(lumora2::ModelCache::packageFingerprint(package)->bytes).c_str(),
               secondsSince(start));
 
   start = Clock::now();
-  auto entry = Lumora2Engine::compiledURL(package, "bench_graph");
+  auto entry = lumora2::ModelCache::compiledURL(package, "bench_graph");
   std::printf("miss (fingerprint + compile + install): %.2f s\n", secondsSince(start));
   if (!entry) return 1;
 
@@ -143,7 +144,7 @@ int main(int argc, char** argv) {
   readAndHash(package);  // both measured from a warm page cache
   for (int i = 0; i < runs; ++i) {
     start = Clock::now();
-    auto hit = Lumora2Engine::compiledURL(package, "bench_graph");
+    auto hit = lumora2::ModelCache::compiledURL(package, "bench_graph");
     hits.push_back(secondsSince(start));
     if (hit != entry) return 1;
     start = Clock::now();
@@ -160,7 +161,7 @@ int main(int argc, char** argv) {
   fs::path copy = scratch.dir() / "copy" / "bench_graph.mlpackage";
   fs::create_directories(copy.parent_path());
   fs::copy(package, copy, fs::copy_options::recursive);
-  bool copyHit = Lumora2Engine::compiledURL(copy, "bench_graph") == entry;
+  bool copyHit = lumora2::ModelCache::compiledURL(copy, "bench_graph") == entry;
   bool once = lumora2::compileCount() == 1 && copyHit;
   std::printf("compiles: %zu for one content after %d hits and a copied package %s\n",
               lumora2::compileCount(), runs + 1, once ? "PASS" : "FAIL");

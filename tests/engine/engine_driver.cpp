@@ -10,9 +10,15 @@
 #include <cstdio>
 #include <string>
 
+#include "compute_unit_choice.h"
 #include "engine/lumora2_engine.h"
+#include "model_cache.h"
+#include "model_resolution.h"
 
+using lumora2::ComputeUnitChoice;
 using lumora2::Lumora2Engine;
+using lumora2::ModelCache;
+using lumora2::ModelResolution;
 
 int main(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
@@ -21,16 +27,16 @@ int main(int argc, char** argv) {
     auto path = [](const auto& p) { return p ? p->string() : std::string("nothing"); };
     std::string line = "unknown command " + command, name = command == "decp2" ? "" : next();
     if (command == "load") {
-      auto model = Lumora2Engine::load(name, Lumora2Engine::cuFromName(next()));
+      auto model = ModelCache::load(name, ComputeUnitChoice::cuFromName(next()));
       line = model ? "loaded " + model->deviceName() : "nothing";
     } else if (command == "model-url") {
-      line = path(Lumora2Engine::modelURL(name));
+      line = path(ModelResolution::modelURL(name));
     } else if (command == "res-url") {
-      line = path(Lumora2Engine::resURL(name, next()));
+      line = path(ModelResolution::resURL(name, next()));
     } else if (command == "decp2") {
-      Lumora2Engine engine;
-      bool loaded = engine.loadDecp2() != nullptr;
-      line = loaded ? "decp2 " + *engine.decp2Description() + " " + *engine.decp2UnitInUse()
+      auto engine = Lumora2Engine::create();
+      bool loaded = engine->loadDecp2() != nullptr;
+      line = loaded ? "decp2 " + *engine->decp2Description() + " " + *engine->decp2UnitInUse()
                     : "nothing";
     }
     std::printf("%s\n", line.c_str());

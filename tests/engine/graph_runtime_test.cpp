@@ -3,9 +3,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
+#include <cmath>
 #include <limits>
+#include <thread>
+#include <vector>
 
 #include "engine/lumora2_engine.h"
+#include "liveness.h"
 #include "support/harness.h"
 #include "support/package_maker.h"
 
@@ -42,29 +48,9 @@ TEST(GraphRuntime, PredictsByNameWithHalfAndIntegerArrays) {
       {{{"h", h}, {"i", MultiArray(ArrayDataType::float32, {4})}},
        "is float32, the graph takes int32"},
       {{{"h", MultiArray(ArrayDataType::float16, {3})}, {"i", n}}, "has shape [3]"}};
-  for (const auto& [inputs, expected] : failures) {
-    EXPECT_THAT([&] { model->predict(inputs); },
-                ::testing::ThrowsMessage<PredictionError>(::testing::HasSubstr(expected)));
-  }
-}
-
-TEST(ModelDescription, AcceptsTheFormatAndNamesWhatIsWrong) {
-  const std::pair<const char*, const char*> cases[] = {
-      {R"({"inputs":[{"name":"x","shape":[1,-1],"dtype":"int32"}],"outputs":[{"name":"y"}]})", ""},
-      {R"([1])", "io.json is not a JSON object"},
-      {R"({"inputs":[{"shape":[1],"dtype":"int32"}],"outputs":[]})", "inputs entry 0 has no name"},
-      {R"({"inputs":[{"name":"x","shape":[1]}],"outputs":[]})",
-       "feature \"x\" needs both \"shape\" and \"dtype\""},
-      {R"({"inputs":[{"name":"x","shape":[1.5],"dtype":"int32"}],"outputs":[]})",
-       "feature \"x\" has a non-integer dimension"},
-      {R"({"inputs":[],"outputs":[{"name":"y","shape":[1],"dtype":"float64"}]})",
-       "feature \"y\" has an unknown dtype \"float64\""},
-      {R"({"inputs":[{"name":"x"},{"name":"x"}],"outputs":[]})",
-       "feature \"x\" is listed twice in \"inputs\""}};
-  for (auto [json, expected] : cases) {
-    std::string error;
-    EXPECT_EQ(ModelDescription::parse(json, &error).has_value(), *expected == '\0') << json;
-    EXPECT_EQ(error, expected);
+  for (const auto& failure : failures) {
+    EXPECT_THAT([&] { model->predict(failure.first); },
+                ::testing::ThrowsMessage<PredictionError>(::testing::HasSubstr(failure.second)));
   }
 }
 
@@ -83,7 +69,7 @@ TEST_P(DeadGraphReason, JudgesTheSyntheticPrediction) {
   auto model = makeGraph(scratch.dir() / "g.mlpackage", GetParam().source, GetParam().io,
                          {{"n", {1000}, 0.0f, oneNaN}}, ComputeUnits::cpuAndNeuralEngine);
   ASSERT_TRUE(model);
-  EXPECT_EQ(Lumora2Engine::deadGraphReason(*model), GetParam().reason);
+  EXPECT_EQ(Liveness::deadGraphReason(*model), GetParam().reason);
 }
 
 const std::string kX = feature("x", "[1000]"), kY = feature("y", "[1000]");
@@ -103,6 +89,75 @@ INSTANTIATE_TEST_SUITE_P(
         ProbeCase{"failing_prediction", "def forward(self, x):\n  return x.view(7)\n",
                   io(feature("x", "[2,3]"), kY), "prediction FAILED"}),
     [](const auto& param) { return std::string(param.param.label); });
+
+// A result that breaks its description fails the prediction where it enters, like any other
+// failed prediction, instead of reaching the frame path with the wrong size or type.
+struct ResultCase {
+  const char* label;
+  std::string source;
+  const char* expected;
+};
+
+class ResultCheck : public ::testing::TestWithParam<ResultCase> {};
+
+TEST_P(ResultCheck, AResultUnlikeItsDescriptionFailsThePrediction) {
+  testing::Scratch scratch;
+  auto model = makeGraph(scratch.dir() / "g.mlpackage", GetParam().source,
+                         io(feature("x", "[1,4]"), feature("rgb", "[1,3,4,2]", "float16")));
+  ASSERT_TRUE(model);
+  MultiArray x(ArrayDataType::float32, {1, 4});
+  EXPECT_THAT(
+      [&] {
+        model->predict({{"x", x}});
+      },
+      ::testing::ThrowsMessage<PredictionError>(::testing::HasSubstr(GetParam().expected)));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Results, ResultCheck,
+    ::testing::Values(
+        ResultCase{"float32_for_float16",
+                   "def forward(self, x):\n  return x.mean().expand(1, 3, 4, 2)\n",
+                   "output \"rgb\" is float32, io.json describes float16"},
+        ResultCase{"smaller_picture",
+                   "def forward(self, x):\n  return x.mean().expand(1, 3, 4, 1).half()\n",
+                   "output \"rgb\" has shape [1,3,4,1], io.json describes [1,3,4,2]"},
+        ResultCase{"other_rank",
+                   "def forward(self, x):\n  return x.mean().expand(3, 4, 2).half()\n",
+                   "has shape [3,4,2]"}),
+    [](const auto& param) { return std::string(param.param.label); });
+
+// One graph serves several engines (the shared speech front end): predictions from many threads
+// take turns on the graph, and each caller gets the result of its own input.
+TEST(GraphRuntime, ConcurrentPredictionsOnOneGraphEachGetTheirOwnResult) {
+  testing::Scratch scratch;
+  auto model = makeGraph(scratch.dir() / "g.mlpackage",
+                         "def forward(self, x):\n  return torch.tanh(x) * 2.0 + x\n",
+                         io(feature("x", "[256]"), feature("y", "[256]")));
+  ASSERT_TRUE(model);
+  constexpr int kThreads = 8, kRounds = 50;
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int r = 0; r < kRounds; ++r) {
+        MultiArray x(ArrayDataType::float32, {256});
+        const float v = static_cast<float>(t) + 0.01f * static_cast<float>(r);
+        std::fill_n(x.floats(), 256, v);
+        const MultiArray y = model->predictFirst({{"x", x}});
+        const float want = std::tanh(v) * 2.0f + v;
+        for (int k = 0; k < 256; ++k) {
+          if (std::fabs(y.floats()[k] - want) > 1e-5f * (1.0f + std::fabs(want))) {
+            ++wrong;
+            break;
+          }
+        }
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(wrong.load(), 0);
+}
 
 }  // namespace
 }  // namespace lumora2

@@ -6,6 +6,7 @@
 
 #include "cache_entry.h"
 #include "engine/lumora2_engine.h"
+#include "model_cache.h"
 #include "support/harness.h"
 #include "support/package_maker.h"
 
@@ -32,7 +33,7 @@ class ModelCache : public ::testing::Test {
   // compiledURL under the key "m", its log lines in `log`.
   std::optional<fs::path> compiled(const fs::path& package) {
     StderrCapture capture;
-    auto result = Lumora2Engine::compiledURL(package, "m");
+    auto result = lumora2::ModelCache::compiledURL(package, "m");
     log = logTexts(capture.finish());
     return result;
   }
@@ -97,30 +98,12 @@ INSTANTIATE_TEST_SUITE_P(Keep, Eviction,
                                            KeepCase{"unset", std::nullopt, 3}),
                          [](const auto& param) { return std::string(param.param.label); });
 
-TEST_F(ModelCache, PackagesWithoutFingerprintAreCompiledToTempEveryTime) {
-  fs::path empty = scratch.dir() / "empty.mlpackage";
-  fs::create_directories(empty / "sub");
-  EXPECT_FALSE(Lumora2Engine::packageFingerprint(empty));
-  EXPECT_FALSE(compiled(empty));
-  // Links only: loadable, but no regular file to fingerprint.
-  fs::path real = writePackage(scratch.dir() / "real", "m");
-  fs::path links = scratch.dir() / "links.mlpackage";
-  fs::create_directories(links);
-  for (const char* f : {"model.pt", "io.json"}) fs::create_symlink(real / f, links / f);
-  EXPECT_FALSE(Lumora2Engine::packageFingerprint(links));
-  auto a = compiled(links), b = compiled(links);
-  ASSERT_TRUE(a && b);
-  EXPECT_NE(*a, *b);
-  EXPECT_EQ(a->parent_path(), scratch.tmp());
-  EXPECT_FALSE(fs::exists(scratch.cache()));
-}
-
 TEST_F(ModelCache, ACorruptEntryIsPurgedAndRecompiledOnceThenGivesUp) {
   auto entry = compiled(writePackage(scratch.dir(), "m"));
   ASSERT_TRUE(entry);
   std::ofstream(*entry / "model.pt", std::ios::trunc) << "corrupt";
   StderrCapture capture;
-  EXPECT_TRUE(Lumora2Engine::load("m", ComputeUnits::cpuOnly));
+  EXPECT_TRUE(lumora2::ModelCache::load("m", ComputeUnits::cpuOnly));
   const std::string name = entry->filename().string();
   const std::string retry = " — purging + recompiling once";
   EXPECT_EQ(logTexts(capture.finish()),
@@ -133,7 +116,7 @@ TEST_F(ModelCache, ACorruptEntryIsPurgedAndRecompiledOnceThenGivesUp) {
                               "def forward(self, a, b):\n  return a\n", testing::simpleIo("[1]"));
   std::size_t compiles = compileCount();
   StderrCapture second;
-  EXPECT_FALSE(Lumora2Engine::load("twice", ComputeUnits::cpuOnly));
+  EXPECT_FALSE(lumora2::ModelCache::load("twice", ComputeUnits::cpuOnly));
   log = logTexts(second.finish());
   EXPECT_EQ(compileCount(), compiles + 2);  // no third attempt
   ASSERT_EQ(log.size(), 3u);

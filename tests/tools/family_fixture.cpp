@@ -113,22 +113,4 @@ const GeneratedFamily& generatedFamily() {
   return family;
 }
 
-double laplacianVariance(const unsigned char* rgb, int width, int height) {
-  auto grey = [&](int x, int y) {
-    const unsigned char* p = rgb + (static_cast<size_t>(y) * width + x) * 3;
-    return (static_cast<double>(p[0]) + p[1] + p[2]) / 3.0;
-  };
-  double sum = 0.0, squares = 0.0;
-  for (int y = 1; y + 1 < height; ++y) {
-    for (int x = 1; x + 1 < width; ++x) {
-      const double v =
-          grey(x, y - 1) + grey(x, y + 1) + grey(x - 1, y) + grey(x + 1, y) - 4 * grey(x, y);
-      sum += v;
-      squares += v * v;
-    }
-  }
-  const double n = static_cast<double>(width - 2) * (height - 2);
-  return squares / n - (sum / n) * (sum / n);
-}
-
 }  // namespace lumora2::family::test

@@ -27,8 +27,4 @@ std::filesystem::path scratchDir(const std::string& stem);
 // The whole file; empty when it cannot be read.
 std::string readFile(const std::filesystem::path& path);
 
-// Variance of the Laplacian of the grey image ((b0 + b1 + b2) / 3) over interior pixels: the
-// sharpness the host's self-test judges rendered frames by.
-double laplacianVariance(const unsigned char* rgb, int width, int height);
-
 }  // namespace lumora2::family::test

@@ -3,6 +3,7 @@
 // costs nothing and loads nothing.
 #pragma once
 
+#include <chrono>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -69,10 +70,13 @@ class GraphModel {
   // order; the results are named by the described outputs (a tuple or a single tensor). Input
   // arrays are read in place, without a copy, and must not change during the call. Throws
   // PredictionError for a missing input, a forward that fails, or results that do not match the
-  // description's outputs in number or type. One prediction at a time per graph.
+  // description's outputs in number, type or shape. Safe to call from several threads: calls on
+  // one graph take turns (the shared speech front end serves several engines).
   FeatureSet predict(const FeatureSet& inputs) const;
   // The array of the first listed output of predict(inputs).
   MultiArray predictFirst(const FeatureSet& inputs) const;
+  // Wall time spent in predict by every graph of this process so far, failed calls included.
+  static std::chrono::nanoseconds predictTimeTotal();
 
  private:
   struct Impl;

@@ -1,0 +1,295 @@
+// The render engine on the reference family: warm-up through the real graph runtime, the chunk
+// geometry of a segment, tail flushes, back-pressure, resets and the synthetic benchmark, all
+// through real threads and the family's real packages.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <map>
+#include <thread>
+#include <vector>
+
+#include "engine/lumora2_engine.h"
+#include "family/identity.h"
+#include "family/portrait.h"
+#include "family_fixture.h"
+#include "model_resolution.h"
+#include "support/harness.h"
+
+namespace lumora2::family::test {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::Contains;
+using ::testing::HasSubstr;
+using Engine = std::shared_ptr<Lumora2Engine>;
+using lumora2::testing::logTexts;
+using lumora2::testing::StderrCapture;
+
+constexpr std::int64_t kChunk = Lumora2Engine::SPC;
+
+std::vector<float> tone(std::int64_t count, float amplitude = 0.3f) {
+  std::vector<float> out(static_cast<std::size_t>(count));
+  for (std::size_t i = 0; i < out.size(); ++i) {
+    out[i] = amplitude *
+             static_cast<float>(std::sin(2.0 * M_PI * 220.0 * static_cast<double>(i) / 16000.0));
+  }
+  return out;
+}
+
+class FamilyEngine : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    const GeneratedFamily& family = generatedFamily();
+    ::setenv("LUMORA2_MLMODELC_CACHE", (family.root / "engine-test-cache").c_str(), 1);
+    ::setenv("MORVANE_VIVRA_DIR", family.engine().c_str(), 1);
+  }
+
+  // A warmed engine for identity `code`; its warm-up log in *log when asked.
+  Engine warmed(const std::string& code = "ava", std::vector<std::string>* log = nullptr) {
+    ModelResolution::setActiveAgentDir(generatedFamily().avatar(code));
+    Engine engine = Lumora2Engine::create();
+    StderrCapture capture;
+    engine->warmUp(std::nullopt);
+    std::vector<std::string> lines = logTexts(capture.finish());
+    if (log != nullptr) *log = lines;
+    EXPECT_TRUE(engine->isReady()) << ::testing::PrintToString(lines);
+    return engine;
+  }
+
+  static void settle(const Engine& engine) {
+    ASSERT_TRUE(engine->waitForScheduledRenders(std::chrono::seconds(60)));
+  }
+
+  static std::vector<Lumora2Engine::PulledItem> drain(const Engine& engine) {
+    std::vector<Lumora2Engine::PulledItem> out;
+    while (auto item = engine->pullPos()) out.push_back(std::move(*item));
+    return out;
+  }
+
+  static std::vector<std::int64_t> positions(const std::vector<Lumora2Engine::PulledItem>& items) {
+    std::vector<std::int64_t> out;
+    for (const auto& item : items) out.push_back(item.pos);
+    return out;
+  }
+
+  static std::vector<std::int64_t> range(std::int64_t from, std::int64_t to) {
+    std::vector<std::int64_t> out;
+    for (std::int64_t p = from; p < to; ++p) out.push_back(p);
+    return out;
+  }
+};
+
+// Chunk 0 gives 22 frames (its first two identical) at 0–21, chunk 1 gives 32 at 22–53; nothing
+// happens until a chunk is complete.
+TEST_F(FamilyEngine, ChunksYieldTheirFramesInOrder) {
+  Engine engine = warmed();
+  engine->feed(tone(kChunk - 1));
+  settle(engine);
+  EXPECT_EQ(engine->queuedFrames(), 0);
+  engine->feed(tone(1));
+  settle(engine);
+  std::vector<Lumora2Engine::PulledItem> first = drain(engine);
+  EXPECT_EQ(positions(first), range(0, 22));
+  ASSERT_GE(first.size(), 2u);
+  EXPECT_EQ(first[0].frame, first[1].frame);
+  EXPECT_NE(first[1].frame, first[2].frame);
+  EXPECT_EQ(first[0].frame.size(), Lumora2Engine::kFrameBytes);
+  engine->feed(tone(kChunk));
+  settle(engine);
+  EXPECT_EQ(positions(drain(engine)), range(22, 54));
+}
+
+// A flush pads to the next chunk boundary plus one chunk; the frames kept are exactly those whose
+// centre lies in real audio, and the next feed starts a new segment at position 0.
+TEST_F(FamilyEngine, FlushKeepsFramesOfRealAudioAndRestartsPositions) {
+  Engine engine = warmed();
+  StderrCapture capture;
+  engine->feed(tone(30000));
+  engine->flushTail();
+  settle(engine);
+  std::vector<Lumora2Engine::PulledItem> utterance;
+  while (engine->hasPendingTail() || engine->queuedFrames() > 0) {
+    for (auto& item : drain(engine)) utterance.push_back(std::move(item));
+    settle(engine);
+  }
+  EXPECT_EQ(positions(utterance), range(0, 37));  // centres 400 … 29,200 < 30,000 ≤ 30,000
+  engine->flushTail();                            // nothing new: harmless
+  std::vector<std::string> log = logTexts(capture.finish());
+  EXPECT_THAT(log, Contains("[vivra] flushTail: real=30000 pad=46800 → tail 0 at audio-frame 37 "
+                            "(ci=0)"));
+  EXPECT_THAT(log, Contains("[vivra] flushTail: nothing pending (ci=3)"));
+  engine->feed(tone(kChunk));
+  settle(engine);
+  EXPECT_EQ(positions(drain(engine)), range(0, 22));
+}
+
+// Processing pauses while 64 or more frames wait and resumes as the puller drains them.
+TEST_F(FamilyEngine, BackPressureHoldsAtTheLimitAndResumesOnPulls) {
+  Engine engine = warmed();
+  engine->feed(tone(5 * kChunk));
+  settle(engine);
+  EXPECT_EQ(engine->queuedFrames(), 22 + 32 + 32);  // the third chunk started below the limit
+  EXPECT_EQ(engine->chunkIndex(), 3);
+  for (int i = 0; i < 22; ++i) ASSERT_TRUE(engine->pullPos());
+  settle(engine);
+  EXPECT_EQ(engine->chunkIndex(), 3) << "64 frames still wait";
+  ASSERT_TRUE(engine->pullPos());
+  settle(engine);
+  EXPECT_EQ(engine->chunkIndex(), 4);
+  EXPECT_EQ(engine->queuedFrames(), 63 + 32);
+}
+
+// A reset discards pending audio and the frames of a chunk in flight; queued frames survive a
+// reset that keeps them.
+TEST_F(FamilyEngine, ResetsDropPendingWork) {
+  Engine engine = warmed();
+  engine->feed(tone(kChunk));
+  settle(engine);
+  engine->feed(tone(kChunk + 100));
+  engine->resetState(false);
+  settle(engine);
+  EXPECT_EQ(engine->chunkIndex(), 0);
+  EXPECT_FALSE(engine->hasPendingTail());
+  EXPECT_EQ(positions(drain(engine)), range(0, 22));
+}
+
+TEST_F(FamilyEngine, BenchSyncRendersChunkZeroAndLeavesTheEngineReset) {
+  Engine engine = warmed();
+  const std::int64_t before = engine->producedTotal();
+  StderrCapture capture;
+  engine->benchSync(2);
+  std::vector<std::string> log = logTexts(capture.finish());
+  EXPECT_EQ(engine->producedTotal() - before, 22);
+  EXPECT_THAT(log, Contains(HasSubstr("[vivra-BENCH] generated 22 frames (2s audio) in ")));
+  EXPECT_EQ(engine->queuedFrames(), 0);
+  EXPECT_FALSE(engine->hasPendingTail());
+}
+
+// Destroying an engine with work queued neither crashes nor leaks: queued chunks are dropped,
+// and a chunk running at that moment finishes and then lets the engine go.
+TEST_F(FamilyEngine, DestroyingAnEngineWithQueuedWorkIsSafe) {
+  Engine engine = warmed();
+  engine->feed(tone(6 * kChunk));
+  std::weak_ptr<Lumora2Engine> weak = engine;
+  engine.reset();
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (!weak.expired() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_TRUE(weak.expired());
+}
+
+// An identity with one member missing: without the idle clip the engine still warms up and
+// shows the converged rest frame between utterances; without the canonical frame or the decoder
+// it refuses, saying which.
+struct MissingMember {
+  const char* member;
+  bool ready;
+  std::vector<std::string> lines;  // each a prefix of one warm-up line
+};
+
+class FamilyEngineMissing : public FamilyEngine,
+                            public ::testing::WithParamInterface<MissingMember> {};
+
+TEST_P(FamilyEngineMissing, WarmUpSaysWhatIsMissing) {
+  const fs::path identity = scratchDir("identity") / "ava";
+  fs::copy(generatedFamily().avatar("ava"), identity, fs::copy_options::recursive);
+  fs::remove_all(identity / GetParam().member);
+  ModelResolution::setActiveAgentDir(identity);
+  Engine engine = Lumora2Engine::create();
+  StderrCapture capture;
+  engine->warmUp(std::nullopt);
+  const std::vector<std::string> log = logTexts(capture.finish());
+  EXPECT_EQ(engine->isReady(), GetParam().ready);
+  for (const std::string& line : GetParam().lines) {
+    EXPECT_THAT(log, Contains(::testing::StartsWith(line))) << ::testing::PrintToString(log);
+  }
+  if (GetParam().ready) {
+    ASSERT_TRUE(engine->idle());
+    EXPECT_EQ(engine->idle()->size(), Lumora2Engine::kFrameBytes);
+    EXPECT_TRUE(engine->idleUnavailableReason());
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Members, FamilyEngineMissing,
+    ::testing::Values(MissingMember{"idle.mp4",
+                                    true,
+                                    {"[vivra] idle clip unavailable: ",
+                                     "[vivra] idle = the converged rest frame (no clip: "}},
+                      MissingMember{"canon.f32", false, {"[vivra] MISSING canon.f32"}},
+                      MissingMember{"dec_p2_v3_all.mlpackage",
+                                    false,
+                                    {"[vivra] decp2 members missing/unloadable — REFUSING"}}),
+    [](const auto& param) {
+      std::string name = param.param.member;
+      return name.substr(0, name.find('.'));
+    });
+
+// Lip sync: tone bursts at several places relative to the chunk grid (12, 8 and 4 frames before
+// a chunk boundary, on one, 4 after) open the mouth at one constant frame offset from the audio,
+// the same in every chunk and again after a flush restarts the segment at position 0. Openness
+// is read from the pulled frames: how much darker the mouth box is than when shut.
+TEST_F(FamilyEngine, MouthFollowsTheAudioAtOneOffsetInEveryChunk) {
+  constexpr std::int64_t kFrame = Lumora2Engine::SPF;
+  const std::vector<std::int64_t> bursts = {20, 56, 92, 128, 164};  // first frame of each burst
+  constexpr std::int64_t kBurstFrames = 8;
+  std::vector<float> audio(static_cast<std::size_t>(200 * kFrame), 0.0f);
+  for (const std::int64_t b : bursts) {
+    const std::vector<float> burst = tone(kBurstFrames * kFrame);
+    std::copy(burst.begin(), burst.end(), audio.begin() + b * kFrame);
+  }
+  const Rect box = faceRegions(identityByCode("ava")).mouth;
+  auto mouthGrey = [&](const std::vector<std::uint8_t>& bgr) {
+    double sum = 0;
+    for (int y = box.y0; y < box.y1; ++y) {
+      for (int x = box.x0; x < box.x1; ++x) {
+        const std::uint8_t* px = bgr.data() + (static_cast<std::size_t>(y) * 416 + x) * 3;
+        sum += px[0] + px[1] + px[2];
+      }
+    }
+    return sum / (3.0 * box.width() * box.height());
+  };
+
+  Engine engine = warmed();
+  for (int utterance = 0; utterance < 2; ++utterance) {
+    // Fed a second at a time and pulled as it goes, so back-pressure never holds the segment.
+    std::map<std::int64_t, double> grey;
+    auto collect = [&] {
+      settle(engine);
+      for (const auto& item : drain(engine)) grey[item.pos] = mouthGrey(item.frame);
+    };
+    for (std::size_t at = 0; at < audio.size(); at += 16000) {
+      const std::size_t end = std::min(audio.size(), at + 16000);
+      engine->feed(std::vector<float>(audio.begin() + static_cast<std::ptrdiff_t>(at),
+                                      audio.begin() + static_cast<std::ptrdiff_t>(end)));
+      collect();
+    }
+    engine->flushTail();
+    collect();
+    ASSERT_EQ(grey.size(), 200u) << "utterance " << utterance;
+    ASSERT_EQ(grey.begin()->first, 0) << "utterance " << utterance;
+
+    double shut = 0;
+    for (const auto& [pos, g] : grey) shut = std::max(shut, g);
+    double widest = 0;
+    for (const auto& [pos, g] : grey) widest = std::max(widest, shut - g);
+    ASSERT_GT(widest, 10.0) << "the mouth never opened";
+    // Each burst's opening: the first frame past half the widest opening, searched from 8
+    // frames before the burst.
+    std::vector<std::int64_t> offsets;
+    for (const std::int64_t b : bursts) {
+      std::int64_t p = b - 8;
+      while (p < b + 24 && shut - grey[p] < widest / 2) ++p;
+      offsets.push_back(p - b);
+    }
+    EXPECT_THAT(offsets, ::testing::Each(offsets.front())) << "utterance " << utterance;
+    EXPECT_LE(std::abs(offsets.front()), 2) << "utterance " << utterance;
+  }
+}
+
+}  // namespace
+}  // namespace lumora2::family::test
