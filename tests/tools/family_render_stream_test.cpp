@@ -1,0 +1,273 @@
+// render-stream through the real lumora2-model and its render host on the packed reference
+// family, driven the way a parent drives it: messages on standard input, frame records and
+// markers read back from standard output, status and standard error checked at the end.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "family/host_pack.h"
+#include "family_fixture.h"
+
+namespace lumora2::family::test {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::HasSubstr;
+
+constexpr std::size_t kFrameBytes = 416 * 720 * 3;
+constexpr std::uint32_t kMarker = 0xFFFFFFFF;
+
+std::vector<std::uint8_t> word(std::uint32_t value) {
+  return {static_cast<std::uint8_t>(value), static_cast<std::uint8_t>(value >> 8),
+          static_cast<std::uint8_t>(value >> 16), static_cast<std::uint8_t>(value >> 24)};
+}
+
+// An audio message of `count` samples of a 220 Hz tone.
+std::vector<std::uint8_t> audio(std::uint32_t count) {
+  std::vector<std::uint8_t> out = word(count);
+  for (std::uint32_t i = 0; i < count; ++i) {
+    const float v = 0.3f * static_cast<float>(std::sin(2.0 * M_PI * 220.0 * i / 16000.0));
+    std::uint8_t bytes[4];
+    std::memcpy(bytes, &v, 4);
+    out.insert(out.end(), bytes, bytes + 4);
+  }
+  return out;
+}
+
+struct Record {
+  std::uint32_t pos;
+  std::vector<std::uint8_t> rgb;
+};
+
+// One render-stream child with pipes on all three standard streams.
+class Child {
+ public:
+  // Serves ava of the packed family in `familyRoot` (the shared reference family by default);
+  // `preproc`, when given, is the child's LUMORA2_AUDIO_PREPROC.
+  explicit Child(const fs::path& tmp, const fs::path& familyRoot = generatedFamily().root,
+                 const char* preproc = nullptr) {
+    int in[2], out[2], err[2];
+    if (pipe(in) != 0 || pipe(out) != 0 || pipe(err) != 0) throw std::runtime_error("pipe");
+    const std::string avatar = (familyRoot / "ava.avatar").string();
+    const std::string engine = (familyRoot / "vivra.model").string();
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(in[0], 0);
+      dup2(out[1], 1);
+      dup2(err[1], 2);
+      for (int fd : {in[0], in[1], out[0], out[1], err[0], err[1]}) close(fd);
+      setenv("TMPDIR", tmp.c_str(), 1);
+      if (preproc != nullptr) setenv("LUMORA2_AUDIO_PREPROC", preproc, 1);
+      execl(LUMORA2_MODEL_BIN, LUMORA2_MODEL_BIN, "render-stream", avatar.c_str(), "--engine",
+            engine.c_str(), static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    close(in[0]);
+    close(out[1]);
+    close(err[1]);
+    in_ = in[1];
+    out_ = out[0];
+    err_ = err[0];
+  }
+  ~Child() {
+    if (in_ >= 0) close(in_);
+    close(out_);
+    close(err_);
+    if (pid_ > 0 && status_ < 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+  }
+
+  std::string headerLine() {
+    std::string line;
+    char c = 0;
+    while (::read(out_, &c, 1) == 1 && c != '\n') line += c;
+    return line;
+  }
+  // Sends the bytes, `chunk` at a time (every byte boundary with 1).
+  void send(const std::vector<std::uint8_t>& bytes, std::size_t chunk = 1 << 20) {
+    for (std::size_t at = 0; at < bytes.size(); at += chunk) {
+      const std::size_t n = std::min(chunk, bytes.size() - at);
+      ASSERT_EQ(::write(in_, bytes.data() + at, n), static_cast<ssize_t>(n));
+    }
+  }
+  void closeInput() {
+    close(in_);
+    in_ = -1;
+  }
+  // Frame records up to and including the next marker (the marker itself is not returned).
+  std::vector<Record> segment() {
+    std::vector<Record> records;
+    for (;;) {
+      std::uint8_t w[4];
+      if (!readExactly(w, 4)) throw std::runtime_error("standard output ended inside a segment");
+      const std::uint32_t value =
+          w[0] | w[1] << 8 | w[2] << 16 | static_cast<std::uint32_t>(w[3]) << 24;
+      if (value == kMarker) return records;
+      Record r{value, std::vector<std::uint8_t>(kFrameBytes)};
+      if (!readExactly(r.rgb.data(), kFrameBytes)) throw std::runtime_error("short frame record");
+      records.push_back(std::move(r));
+    }
+  }
+  // The rest of standard output (byte count) and standard error, then the exit status.
+  int finish(std::size_t* restOfOutput = nullptr) {
+    std::vector<std::uint8_t> rest(1 << 16);
+    std::size_t total = 0;
+    for (ssize_t n; (n = ::read(out_, rest.data(), rest.size())) > 0;) total += n;
+    if (restOfOutput != nullptr) *restOfOutput = total;
+    char buffer[4096];
+    for (ssize_t n; (n = ::read(err_, buffer, sizeof buffer)) > 0;) stderr_.append(buffer, n);
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return status_;
+  }
+  const std::string& errorText() const { return stderr_; }
+  pid_t pid() const { return pid_; }
+
+ private:
+  bool readExactly(std::uint8_t* into, std::size_t size) {
+    while (size > 0) {
+      const ssize_t n = ::read(out_, into, size);
+      if (n <= 0) return false;
+      into += n;
+      size -= static_cast<std::size_t>(n);
+    }
+    return true;
+  }
+
+  pid_t pid_ = -1;
+  int in_ = -1, out_ = -1, err_ = -1;
+  int status_ = -1;
+  std::string stderr_;
+};
+
+class RenderStream : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!generatedFamily().packed) GTEST_SKIP() << "the family is packed only with the host built";
+    ::setenv("LUMORA2_MLMODELC_CACHE", (generatedFamily().root / "stream-cache").c_str(), 1);
+  }
+  void TearDown() override {
+    EXPECT_TRUE(fs::is_empty(tmp)) << "a working directory was left behind";
+  }
+  fs::path tmp = scratchDir("render-stream-tmp");
+};
+
+TEST_F(RenderStream, ServesUtterancesAsFramesOfRealAudioThenAMarker) {
+  Child child(tmp);
+  EXPECT_EQ(child.headerLine(),
+            "READY {\"fps\":20,\"width\":416,\"height\":720,\"sample_rate\":16000,"
+            "\"decoder\":\"dec_p2_v3/all\"}");
+  for (int utterance = 0; utterance < 2; ++utterance) {
+    std::vector<std::uint8_t> message = audio(30000);
+    const std::vector<std::uint8_t> flush = word(kMarker);
+    message.insert(message.end(), flush.begin(), flush.end());
+    child.send(message);
+    const std::vector<Record> frames = child.segment();
+    // Exactly the frames whose centre lies in the 30,000 samples: positions 0 to 36.
+    ASSERT_EQ(frames.size(), 37u) << "utterance " << utterance;
+    for (std::size_t i = 0; i < frames.size(); ++i) EXPECT_EQ(frames[i].pos, i);
+    EXPECT_EQ(frames[0].rgb, frames[1].rgb);
+    EXPECT_NE(frames[1].rgb, frames[2].rgb);
+  }
+  child.send(word(kMarker));  // a flush with nothing new: only a marker
+  EXPECT_TRUE(child.segment().empty());
+  child.send(word(0));
+  std::size_t rest = 0;
+  EXPECT_EQ(child.finish(&rest), 0) << child.errorText();
+  EXPECT_EQ(rest, 0u);
+  EXPECT_THAT(child.errorText(), HasSubstr("[render-stream] stdin closed — exiting (produced "));
+}
+
+// The same short utterance arrives whole and split at every byte boundary, with a no-op and a
+// reset first: the answer is the same two frames and a marker.
+TEST_F(RenderStream, MessagesSplitAtEveryByteBoundaryReadTheSame) {
+  Child child(tmp);
+  child.headerLine();
+  std::vector<std::uint8_t> message = word(0xFFFFFFFD);
+  for (std::uint8_t b : word(12345)) message.push_back(b);
+  for (std::uint8_t b : word(0xFFFFFFFE)) message.push_back(b);
+  for (std::uint8_t b : audio(2000)) message.push_back(b);
+  for (std::uint8_t b : word(kMarker)) message.push_back(b);
+  for (const std::size_t chunk : {message.size(), std::size_t{1}}) {
+    child.send(message, chunk);
+    const std::vector<Record> frames = child.segment();
+    ASSERT_EQ(frames.size(), 2u) << "chunk " << chunk;
+    EXPECT_EQ(frames[0].pos, 0u);
+    EXPECT_EQ(frames[1].pos, 1u);
+  }
+  // Standard input ending inside a payload: the partial audio is dropped, status 0.
+  std::vector<std::uint8_t> partial = audio(1000);
+  partial.resize(partial.size() / 2);
+  child.send(partial);
+  child.closeInput();
+  EXPECT_EQ(child.finish(), 0) << child.errorText();
+}
+
+// The family's faulty student refuses non-finite audio (the linear preprocessing lets NaN reach
+// it), so NaN utterances end in failed segments. A good segment between two failed ones resets
+// the count; two failed segments in a row end the process with status 3 after the second marker,
+// leaving the working directory for the respawned child's parent to see.
+TEST_F(RenderStream, TwoFailedSegmentsInARowAskForARespawn) {
+  const fs::path faulty = scratchDir("faulty-family");
+  ProcessResult made = runProcess({LUMORA2_FAMILY_BIN, "--out", faulty.string(), "--faulty-student",
+                                   "--host", LUMORA2_MODEL_BIN});
+  ASSERT_EQ(made.status, 0) << made.output;
+  Child child(tmp, faulty, "linear");
+  child.headerLine();
+  std::vector<std::uint8_t> nan = word(25600);
+  const float value = std::nanf("");
+  for (int i = 0; i < 25600; ++i) {
+    const auto* b = reinterpret_cast<const std::uint8_t*>(&value);
+    nan.insert(nan.end(), b, b + 4);
+  }
+  auto segment = [&](const std::vector<std::uint8_t>& message) {
+    std::vector<std::uint8_t> all = message;
+    for (std::uint8_t b : word(kMarker)) all.push_back(b);
+    child.send(all);
+    return child.segment();
+  };
+  EXPECT_TRUE(segment(nan).empty());             // failed: 1
+  child.send(word(0xFFFFFFFE));                  // a reset does not save the process
+  EXPECT_EQ(segment(audio(30000)).size(), 37u);  // a good segment resets the count
+  child.send(word(0xFFFFFFFE));
+  EXPECT_TRUE(segment(nan).empty());  // failed: 1 again
+  child.send(word(0xFFFFFFFE));
+  EXPECT_TRUE(segment(nan).empty());  // failed: 2, marker written, then status 3
+  EXPECT_EQ(child.finish(), 3) << child.errorText();
+  EXPECT_THAT(child.errorText(), HasSubstr("FAILED (transient ANE error survived retry) — 1 "
+                                           "consecutive; recovers on next reset"));
+  EXPECT_THAT(child.errorText(), HasSubstr("— 2 consecutive; recovers on next reset"));
+  EXPECT_THAT(child.errorText(),
+              HasSubstr("[render-stream] engine failed 2 consecutive segments — exiting for a "
+                        "fresh respawn"));
+  fs::remove_all(tmp);  // the working directory stays on this path, by design
+  fs::create_directories(tmp);
+}
+
+class RenderStreamSignal : public RenderStream, public ::testing::WithParamInterface<int> {};
+
+TEST_P(RenderStreamSignal, EndsWith128PlusTheSignalAndRemovesItsDirectory) {
+  Child child(tmp);
+  child.headerLine();
+  kill(child.pid(), GetParam());
+  EXPECT_EQ(child.finish(), 128 + GetParam()) << child.errorText();
+  EXPECT_THAT(child.errorText(), HasSubstr("[render-stream] signal " + std::to_string(GetParam())));
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, RenderStreamSignal, ::testing::Values(SIGTERM, SIGINT, SIGHUP));
+
+}  // namespace
+}  // namespace lumora2::family::test
