@@ -10,10 +10,11 @@ packages=(
   zip unzip                           # legacy zip artifacts
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   libtorch-dev                        # neural graphs
-  libavformat-dev libavcodec-dev libswscale-dev libavutil-dev ffmpeg
+  libavformat-dev libavcodec-dev libswscale-dev libavutil-dev libswresample-dev ffmpeg
   libsndfile1-dev
   libopencv-core-dev libopencv-imgproc-dev
   hyperfine                           # benchmarks time whole commands
+  espeak-ng                           # the demo's spoken sentence
 )
 
 missing=()

@@ -1,0 +1,412 @@
+// lumora2-render on the packed reference family: real audio files in, the real executable with its
+// real render-stream child, the MP4 read back with FFmpeg's own tools.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "audio_input.h"
+#include "client_error.h"
+#include "family/identity.h"
+#include "family/portrait.h"
+#include "family_fixture.h"
+#include "stream_child.h"
+#include "utterances.h"
+
+namespace lumora2::family::test {
+namespace {
+
+namespace fs = std::filesystem;
+using render::kSamplesPerFrame;
+using ::testing::HasSubstr;
+
+constexpr std::size_t kFrameBytes = 416 * 720 * 3;
+constexpr std::size_t kRate = 16000;
+
+struct Shell {
+  int status = -1;
+  std::string out;  // standard output
+};
+
+// Runs a shell command line; standard output is captured, standard error goes to `errFile` when
+// given.
+Shell shell(const std::string& command, const fs::path& errFile = {}) {
+  const std::string line =
+      command + (errFile.empty() ? std::string(" 2>/dev/null") : " 2>'" + errFile.string() + "'");
+  Shell r;
+  FILE* pipe = ::popen(line.c_str(), "r");
+  if (pipe == nullptr) return r;
+  char buf[1 << 16];
+  for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, pipe)) > 0;) r.out.append(buf, n);
+  const int raw = ::pclose(pipe);
+  r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
+  return r;
+}
+
+// A mono 16 kHz WAV: 16-bit PCM, or 32-bit float (which carries any value, NaN included).
+void writeWav(const fs::path& path, const std::vector<float>& samples, bool asFloat = false) {
+  auto u32 = [](std::ofstream& o, std::uint32_t v) { o.write(reinterpret_cast<char*>(&v), 4); };
+  auto u16 = [](std::ofstream& o, std::uint16_t v) { o.write(reinterpret_cast<char*>(&v), 2); };
+  std::ofstream o(path, std::ios::binary);
+  const std::uint16_t width = asFloat ? 4 : 2;
+  const auto bytes = std::uint32_t(samples.size() * width);
+  o.write("RIFF", 4);
+  u32(o, 36 + bytes);
+  o.write("WAVEfmt ", 8);
+  u32(o, 16);
+  u16(o, asFloat ? 3 : 1);
+  u16(o, 1);
+  u32(o, kRate);
+  u32(o, kRate * width);
+  u16(o, width);
+  u16(o, std::uint16_t(8 * width));
+  o.write("data", 4);
+  u32(o, bytes);
+  for (float s : samples) {
+    if (asFloat) {
+      o.write(reinterpret_cast<const char*>(&s), 4);
+    } else {
+      u16(o, std::uint16_t(std::int16_t(std::lround(s * 32767))));
+    }
+  }
+}
+
+// Three tone bursts of 8 frames, three and a half seconds apart: three utterances.
+constexpr std::size_t kBursts[] = {20, 90, 160};  // first frame of each burst
+constexpr std::size_t kBurstFrames = 8;
+constexpr std::size_t kTotalSamples = 190 * kSamplesPerFrame + 123;  // a partial last frame
+
+std::vector<float> bursts() {
+  std::vector<float> audio(kTotalSamples, 0.0f);
+  for (std::size_t b : kBursts) {
+    for (std::size_t i = 0; i < kBurstFrames * kSamplesPerFrame; ++i) {
+      audio[b * kSamplesPerFrame + i] = float(0.5 * std::sin(2 * M_PI * 220.0 * double(i) / kRate));
+    }
+  }
+  return audio;
+}
+
+fs::path renderBin() { return LUMORA2_RENDER_BIN; }
+fs::path avatarFile() { return generatedFamily().root / "ava.avatar"; }
+fs::path engineFile() { return generatedFamily().root / "vivra.model"; }
+
+std::string renderCommand(const fs::path& audio, const fs::path& out) {
+  return "'" + renderBin().string() + "' '" + avatarFile().string() + "' --engine '" +
+         engineFile().string() + "' --audio '" + audio.string() + "' -o '" + out.string() + "'";
+}
+
+// How dark the mouth box is (mean of R, G, B), for frames of 416 x 720 R, G, B.
+double mouthGrey(const std::uint8_t* rgb) {
+  const Rect box = faceRegions(identityByCode("ava")).mouth;
+  double sum = 0;
+  for (int y = box.y0; y < box.y1; ++y) {
+    for (int x = box.x0; x < box.x1; ++x) {
+      const std::uint8_t* px = rgb + (std::size_t(y) * 416 + std::size_t(x)) * 3;
+      sum += px[0] + px[1] + px[2];
+    }
+  }
+  return sum / (3.0 * box.width() * box.height());
+}
+
+// The frame offset of each burst's opening: the first frame whose mouth is darker than half the
+// widest opening, from 8 frames before the burst. `grey(frame)` reads frame numbers of the audio.
+template <typename Grey>
+std::vector<long> openingOffsets(const Grey& grey, std::size_t frames) {
+  double shut = 0, widest = 0;
+  for (std::size_t f = 0; f < frames; ++f) shut = std::max(shut, grey(f));
+  for (std::size_t f = 0; f < frames; ++f) widest = std::max(widest, shut - grey(f));
+  std::vector<long> offsets;
+  for (std::size_t b : kBursts) {
+    std::size_t f = b - 8;
+    while (f < b + 24 && f < frames && shut - grey(f) < widest / 2) ++f;
+    offsets.push_back(long(f) - long(b));
+  }
+  return offsets;
+}
+
+double meanDifference(const std::uint8_t* a, const std::uint8_t* b) {
+  double sum = 0;
+  for (std::size_t i = 0; i < kFrameBytes; ++i) sum += std::abs(int(a[i]) - int(b[i]));
+  return sum / double(kFrameBytes);
+}
+
+// The burst recording rendered once for every case of the suite.
+class RenderClient : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    ASSERT_TRUE(generatedFamily().packed);
+    ::setenv("LUMORA2_MLMODELC_CACHE", (generatedFamily().root / "render-cache").c_str(), 1);
+    dir_ = new fs::path(scratchDir("render-client"));
+    writeWav(*dir_ / "bursts.wav", bursts());
+    summary_ = new Shell(
+        shell(renderCommand(*dir_ / "bursts.wav", *dir_ / "bursts.mp4"), *dir_ / "stderr"));
+    video_ = new std::string(shell("ffmpeg -v error -i '" + (*dir_ / "bursts.mp4").string() +
+                                   "' -f rawvideo -pix_fmt rgb24 -")
+                                 .out);
+  }
+  static void TearDownTestSuite() {
+    delete dir_;
+    delete summary_;
+    delete video_;
+  }
+
+  static const std::uint8_t* frame(std::size_t f) {
+    return reinterpret_cast<const std::uint8_t*>(video_->data()) + f * kFrameBytes;
+  }
+  static std::size_t frames() { return video_->size() / kFrameBytes; }
+
+  static fs::path* dir_;
+  static Shell* summary_;
+  static std::string* video_;
+};
+fs::path* RenderClient::dir_ = nullptr;
+Shell* RenderClient::summary_ = nullptr;
+std::string* RenderClient::video_ = nullptr;
+
+TEST_F(RenderClient, TheMp4HoldsOneFramePer800SamplesAndTheAudioSampleExact) {
+  ASSERT_EQ(summary_->status, 0) << readFile(*dir_ / "stderr");
+  EXPECT_THAT(summary_->out, HasSubstr("191 frames (9.55 s at 20 fps), 3 utterances"));
+  const Shell probe = shell(
+      "ffprobe -v error -show_entries stream=codec_name,width,height,pix_fmt,r_frame_rate,"
+      "nb_frames,sample_rate,channels,duration_ts -show_entries format=duration -of json '" +
+      (*dir_ / "bursts.mp4").string() + "'");
+  const nlohmann::json info = nlohmann::json::parse(probe.out);
+  ASSERT_EQ(info["streams"].size(), 2u) << probe.out;
+  const nlohmann::json& video = info["streams"][0];
+  const nlohmann::json& audio = info["streams"][1];
+  EXPECT_EQ(video["codec_name"], "h264");
+  EXPECT_EQ(video["pix_fmt"], "yuv420p");
+  EXPECT_EQ(video["width"], 416);
+  EXPECT_EQ(video["height"], 720);
+  EXPECT_EQ(video["r_frame_rate"], "20/1");
+  EXPECT_EQ(video["nb_frames"], "191");
+  EXPECT_EQ(audio["codec_name"], "aac");
+  EXPECT_EQ(audio["sample_rate"], "16000");
+  EXPECT_EQ(audio["channels"], 1);
+  EXPECT_EQ(audio["duration_ts"], kTotalSamples);  // 1/16000 time base: every sample, no more
+  EXPECT_NEAR(std::stod(info["format"]["duration"].get<std::string>()), 191 / 20.0, 0.001);
+  EXPECT_EQ(frames(), 191u);
+  // The index is at the front: the first box after "ftyp" is "moov".
+  const std::string head = readFile(*dir_ / "bursts.mp4").substr(0, 256);
+  ASSERT_EQ(head.substr(4, 4), "ftyp");
+  const auto ftypSize = std::size_t(std::uint8_t(head[2])) << 8 | std::uint8_t(head[3]);
+  EXPECT_EQ(head.substr(ftypSize + 4, 4), "moov") << "the index is not at the front";
+}
+
+// A frame in the middle of an utterance is the frame render-stream produced for it, through
+// H.264's small losses; the burst openings keep the engine's own constant offset; between the
+// bursts the mouth rests and the picture is the idle clip's.
+TEST_F(RenderClient, FramesAreTheStreamsInSyncAndTheIdleClipBetween) {
+  ASSERT_EQ(frames(), 191u);
+  // The samples the client sent: the recording as the client decodes it.
+  const std::vector<float> audio = render::decodeAudio(*dir_ / "bursts.wav");
+  const std::vector<render::Utterance> spans = render::splitUtterances(audio, {});
+  ASSERT_EQ(spans.size(), 3u);
+
+  std::unique_ptr<render::StreamChild> child =
+      render::StreamChild::start({LUMORA2_MODEL_BIN, avatarFile(), engineFile()});
+  std::map<std::size_t, std::vector<std::uint8_t>> streamed;  // by output frame
+  for (const render::Utterance& u : spans) {
+    const std::size_t from = u.firstFrame * kSamplesPerFrame;
+    const std::size_t to = std::min(audio.size(), u.endFrame * kSamplesPerFrame);
+    ASSERT_TRUE(child->renderSegment(audio.data() + from, to - from,
+                                     [&](std::uint32_t pos, const std::uint8_t* rgb) {
+                                       streamed[u.firstFrame + pos].assign(rgb, rgb + kFrameBytes);
+                                     }));
+  }
+
+  // The video's frame is nearer to the streamed frame of its own time than to its neighbours,
+  // and within H.264's losses of it, the mouth (which moves) as well as the whole picture.
+  const std::size_t middle = kBursts[1] + kBurstFrames / 2;
+  ASSERT_TRUE(streamed.count(middle - 1) && streamed.count(middle) && streamed.count(middle + 1));
+  const double own = meanDifference(frame(middle), streamed[middle].data());
+  EXPECT_LT(own, 2.0);
+  EXPECT_LT(own, meanDifference(frame(middle), streamed[middle - 1].data()));
+  EXPECT_LT(own, meanDifference(frame(middle), streamed[middle + 1].data()));
+  EXPECT_NEAR(mouthGrey(frame(middle)), mouthGrey(streamed[middle].data()), 2.0);
+
+  const std::vector<long> inVideo =
+      openingOffsets([&](std::size_t f) { return mouthGrey(frame(f)); }, frames());
+  const std::vector<long> alone = openingOffsets(
+      [&](std::size_t f) {
+        return streamed.count(f) ? mouthGrey(streamed[f].data()) : mouthGrey(frame(0));
+      },
+      frames());
+  EXPECT_THAT(inVideo, ::testing::Each(alone.front())) << "engine alone: " << alone.front();
+  EXPECT_THAT(alone, ::testing::Each(alone.front()));
+
+  // Half way between bursts lies the idle clip: the picture is one of its frames.
+  const std::string clip =
+      shell("ffmpeg -v error -i '" + (generatedFamily().avatar("ava") / "idle.mp4").string() +
+            "' -f rawvideo -pix_fmt rgb24 -")
+          .out;
+  ASSERT_GE(clip.size(), kFrameBytes);
+  for (std::size_t f : {kBursts[0] + 50, kBursts[1] + 50}) {
+    double nearest = 1e9;
+    for (std::size_t at = 0; at + kFrameBytes <= clip.size(); at += kFrameBytes) {
+      nearest = std::min(
+          nearest,
+          meanDifference(frame(f), reinterpret_cast<const std::uint8_t*>(clip.data()) + at));
+    }
+    EXPECT_LT(nearest, 1.5) << "frame " << f << " is not from the idle clip";
+  }
+}
+
+// Where idle and rendered pictures meet, no step between neighbouring frames is larger than the
+// largest step between neighbouring rendered frames, as the client measures them on the frames it
+// encodes.
+TEST_F(RenderClient, SeamsMoveNoMoreThanRenderedFrames) {
+  std::smatch m;
+  ASSERT_TRUE(std::regex_search(summary_->out, m,
+                                std::regex(R"(seams: largest step ([0-9.]+) \(between rendered )"
+                                           R"(frames: up to ([0-9.]+)\))")))
+      << summary_->out;
+  const double seam = std::stod(m[1]), rendered = std::stod(m[2]);
+  EXPECT_GT(rendered, 0.05);
+  EXPECT_LE(seam, rendered);
+}
+
+// The family's faulty student fails on non-finite audio (the linear preprocessing lets NaN reach
+// it). Two NaN utterances: the first fails in a live child; after the second the child asks to be
+// respawned, the utterance goes to a new child, fails again and is covered by idle frames; the
+// tone that follows renders, and the video keeps its full length.
+TEST(RenderClientRespawn, FailedUtterancesAreCoveredAndTheRenderGoesOn) {
+  const fs::path dir = scratchDir("render-respawn");
+  const fs::path faulty = dir / "family";
+  ASSERT_EQ(shell("'" LUMORA2_FAMILY_BIN "' --out '" + faulty.string() +
+                  "' --faulty-student --host '" LUMORA2_MODEL_BIN "'")
+                .status,
+            0);
+  std::vector<float> audio(120 * kSamplesPerFrame, 0.0f);
+  for (std::size_t b : {20u, 60u}) {
+    std::fill_n(audio.begin() + long(b * kSamplesPerFrame), 10 * kSamplesPerFrame, std::nanf(""));
+  }
+  for (std::size_t i = 0; i < 10 * kSamplesPerFrame; ++i) {
+    audio[100 * kSamplesPerFrame + i] = float(0.5 * std::sin(2 * M_PI * 220.0 * double(i) / kRate));
+  }
+  writeWav(dir / "in.wav", audio, true);
+  const Shell r = shell("LUMORA2_AUDIO_PREPROC=linear '" + renderBin().string() + "' '" +
+                            (faulty / "ava.avatar").string() + "' --engine '" +
+                            (faulty / "vivra.model").string() + "' --audio '" +
+                            (dir / "in.wav").string() + "' -o '" + (dir / "out.mp4").string() + "'",
+                        dir / "stderr");
+  const std::string err = readFile(dir / "stderr");
+  ASSERT_EQ(r.status, 0) << err;
+  EXPECT_THAT(r.out, HasSubstr("120 frames (6.00 s at 20 fps), 3 utterances"));
+  EXPECT_THAT(err,
+              HasSubstr("warning: utterance 1 could not be rendered; the idle clip covers it"));
+  EXPECT_THAT(err, HasSubstr("warning: render-stream asked to be respawned during utterance 2; "
+                             "sending it again to a new one"));
+  EXPECT_THAT(err,
+              HasSubstr("warning: utterance 2 could not be rendered; the idle clip covers it"));
+  EXPECT_THAT(err, ::testing::Not(HasSubstr("utterance 3 could not")));
+}
+
+// Audio in other formats, rates and channel counts lands on the same timeline.
+struct Format {
+  const char* name;
+  const char* ffmpegArgs;
+};
+
+class AudioFormats : public ::testing::TestWithParam<Format> {};
+
+TEST_P(AudioFormats, DecodeToTheSameTimelineLength) {
+  const fs::path dir = scratchDir("audio-formats");
+  writeWav(dir / "mono16k.wav", bursts());
+  const fs::path converted = dir / GetParam().name;
+  ASSERT_EQ(shell("ffmpeg -v error -i '" + (dir / "mono16k.wav").string() + "' " +
+                  GetParam().ffmpegArgs + " '" + converted.string() + "'")
+                .status,
+            0);
+  const std::vector<float> samples = render::decodeAudio(converted);
+  EXPECT_EQ((samples.size() + kSamplesPerFrame - 1) / kSamplesPerFrame, 191u);
+  EXPECT_NEAR(double(samples.size()), double(kTotalSamples), 40.0);
+  EXPECT_EQ(render::splitUtterances(samples, {}).size(), 3u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Inputs, AudioFormats,
+                         ::testing::Values(Format{"stereo44k.flac", "-ac 2 -ar 44100"},
+                                           Format{"mono8k.wav", "-ar 8000"},
+                                           Format{"stereo48k.ogg", "-ac 2 -ar 48000"}),
+                         [](const auto& p) {
+                           std::string n = p.param.name;
+                           return n.substr(0, n.find('.'));
+                         });
+
+TEST(RenderClientOutput, AStereoFlacRendersToTheSameVideoLength) {
+  const fs::path dir = scratchDir("render-flac");
+  writeWav(dir / "mono16k.wav", bursts());
+  ASSERT_EQ(shell("ffmpeg -v error -i '" + (dir / "mono16k.wav").string() + "' -ac 2 -ar 44100 '" +
+                  (dir / "in.flac").string() + "'")
+                .status,
+            0);
+  const Shell r = shell(renderCommand(dir / "in.flac", dir / "out.mp4"), dir / "stderr");
+  ASSERT_EQ(r.status, 0) << readFile(dir / "stderr");
+  EXPECT_THAT(r.out, HasSubstr("191 frames"));
+  EXPECT_EQ(
+      shell("ffprobe -v error -select_streams v -show_entries stream=nb_frames -of csv=p=0 '" +
+            (dir / "out.mp4").string() + "'")
+          .out,
+      "191\n");
+  // Progress without a terminal: one line per utterance.
+  EXPECT_THAT(readFile(dir / "stderr"), HasSubstr("utterance 3/3:"));
+}
+
+// Inputs that cannot be rendered: one error line, exit status 1, and no output file, partial or
+// not.
+struct Refusal {
+  const char* name;
+  std::string (*make)(const fs::path& dir);  // writes the input, returns its name
+  const char* message;
+};
+
+class RenderClientRefusal : public ::testing::TestWithParam<Refusal> {};
+
+TEST_P(RenderClientRefusal, SaysWhyAndLeavesNoFile) {
+  const fs::path dir = scratchDir("render-refusal");
+  const fs::path input = dir / GetParam().make(dir);
+  const Shell r = shell(renderCommand(input, dir / "out.mp4"), dir / "stderr");
+  EXPECT_EQ(r.status, 1);
+  const std::string err = readFile(dir / "stderr");
+  EXPECT_THAT(err, ::testing::StartsWith("error: "));
+  EXPECT_THAT(err, HasSubstr(GetParam().message));
+  std::vector<std::string> left;
+  for (const auto& e : fs::directory_iterator(dir)) left.push_back(e.path().filename());
+  EXPECT_THAT(left, ::testing::Not(::testing::Contains(::testing::HasSubstr("out.mp4"))));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Inputs, RenderClientRefusal,
+    ::testing::Values(Refusal{"NoAudioStream",
+                              [](const fs::path&) {
+                                return (generatedFamily().avatar("ava") / "idle.mp4").string();
+                              },
+                              "has no audio stream"},
+                      Refusal{"Unreadable",
+                              [](const fs::path& d) {
+                                std::ofstream(d / "notes.txt") << "not audio at all\n";
+                                return std::string("notes.txt");
+                              },
+                              "cannot read audio"},
+                      Refusal{"Empty",
+                              [](const fs::path& d) {
+                                writeWav(d / "empty.wav", {});
+                                return std::string("empty.wav");
+                              },
+                              "holds no audio samples"},
+                      Refusal{"Missing", [](const fs::path&) { return std::string("absent.wav"); },
+                              "cannot read audio"}),
+    [](const auto& p) { return std::string(p.param.name); });
+
+}  // namespace
+}  // namespace lumora2::family::test

@@ -1,0 +1,17 @@
+// Any audio file FFmpeg's libraries can read (WAV, FLAC, MP3, Ogg, M4A, ...; any rate and channel
+// count), decoded whole and converted to the engine's input: 16 kHz mono float samples.
+#pragma once
+
+#include <filesystem>
+#include <vector>
+
+namespace lumora2::render {
+
+inline constexpr int kEngineRate = 16000;
+
+// The first audio stream of `path`, resampled to kEngineRate and mixed down to one channel.
+// Throws ClientError naming the file when it cannot be opened or read, has no audio stream, or
+// holds no samples.
+std::vector<float> decodeAudio(const std::filesystem::path& path);
+
+}  // namespace lumora2::render

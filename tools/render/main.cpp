@@ -1,0 +1,128 @@
+// lumora2-render: renders a speech recording through an avatar into a playable MP4, with a
+// `lumora2-model render-stream` child doing the rendering.
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+extern "C" {
+#include <libavutil/log.h>
+}
+
+#include "client_error.h"
+#include "render_job.h"
+
+namespace {
+
+using lumora2::render::ClientError;
+namespace fs = std::filesystem;
+
+constexpr const char* kUsage =
+    "usage: lumora2-render <X.avatar> --engine vivra.model --audio speech.wav -o out.mp4\n"
+    "                      [--gap SECONDS] [--host PATH]\n"
+    "\n"
+    "Renders the speech in any audio file (WAV, FLAC, MP3, Ogg, M4A; any rate and channels)\n"
+    "through the avatar into an H.264 + AAC MP4 at 20 fps. Silences of at least --gap seconds\n"
+    "(default 0.6) separate utterances and show the avatar's idle clip. --host names the\n"
+    "lumora2-model that renders (default: the one beside lumora2-render).\n";
+
+// The partial output's name, for the signal handler (written before any handler can run).
+char partialName[4096];
+
+extern "C" void removePartialAndDie(int signal) {
+  if (partialName[0] != '\0') ::unlink(partialName);
+  ::signal(signal, SIG_DFL);
+  ::raise(signal);
+}
+
+fs::path besideMe(const char* name) {
+  std::error_code ec;
+  const fs::path self = fs::read_symlink("/proc/self/exe", ec);
+  return ec ? fs::path(name) : self.parent_path() / name;
+}
+
+double parseSeconds(const std::string& text) {
+  char* end = nullptr;
+  const double value = std::strtod(text.c_str(), &end);
+  if (text.empty() || *end != '\0' || !(value > 0) || value > 3600) {
+    throw ClientError("--gap wants a number of seconds above 0, not \"" + text + "\"");
+  }
+  return value;
+}
+
+lumora2::render::RenderOptions parseArguments(const std::vector<std::string>& args) {
+  lumora2::render::RenderOptions options;
+  options.host = besideMe("lumora2-model");
+  bool haveAvatar = false;
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    const std::string& a = args[i];
+    auto value = [&]() -> const std::string& {
+      if (i + 1 >= args.size()) throw ClientError(a + " needs a value");
+      return args[++i];
+    };
+    if (a == "--engine") {
+      options.engine = value();
+    } else if (a == "--audio") {
+      options.audio = value();
+    } else if (a == "-o" || a == "--output") {
+      options.output = value();
+    } else if (a == "--gap") {
+      options.gapSeconds = parseSeconds(value());
+    } else if (a == "--host") {
+      options.host = value();
+    } else if (!a.empty() && a[0] == '-') {
+      throw ClientError("unknown option " + a);
+    } else if (!haveAvatar) {
+      options.avatar = a;
+      haveAvatar = true;
+    } else {
+      throw ClientError("unexpected argument " + a);
+    }
+  }
+  if (!haveAvatar) throw ClientError("missing <X.avatar>");
+  if (options.engine.empty()) throw ClientError("missing --engine vivra.model");
+  if (options.audio.empty()) throw ClientError("missing --audio FILE");
+  if (options.output.empty()) throw ClientError("missing -o out.mp4");
+  return options;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::vector<std::string> args(argv + 1, argv + argc);
+  if (args.size() == 1 && (args[0] == "-h" || args[0] == "--help")) {
+    std::fputs(kUsage, stdout);
+    return 0;
+  }
+  // A child that dies while audio is written to it is a failed write, not our death.
+  ::signal(SIGPIPE, SIG_IGN);
+  // FFmpeg's own diagnostics stay quiet; failures reach the user as one error line each.
+  av_log_set_level(AV_LOG_QUIET);
+  try {
+    const lumora2::render::RenderOptions options = parseArguments(args);
+    const std::string partial = lumora2::render::partialNameFor(options.output).string();
+    if (partial.size() < sizeof partialName) {
+      std::memcpy(partialName, partial.c_str(), partial.size() + 1);
+    }
+    for (int s : {SIGINT, SIGTERM, SIGHUP}) ::signal(s, removePartialAndDie);
+    const lumora2::render::RenderReport r = lumora2::render::renderToMp4(options);
+    std::printf(
+        "%s: %zu frames (%.2f s at 20 fps), %zu utterances, %zu rendered frames; seams: largest "
+        "step %.2f (between rendered frames: up to %.2f)\n",
+        options.output.c_str(), r.frames, double(r.frames) / 20.0, r.utterances, r.renderedFrames,
+        r.largestSeamStep, r.largestRenderedStep);
+    return 0;
+  } catch (const ClientError& e) {
+    std::fprintf(stderr, "error: %s\n", e.what());
+    if (args.empty()) std::fputs(kUsage, stderr);
+    return 1;
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "error: %s\n", e.what());
+    return 1;
+  }
+}

@@ -1,0 +1,211 @@
+#include "mp4_writer.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/channel_layout.h>
+#include <libavutil/opt.h>
+#include <libswscale/swscale.h>
+}
+
+#include <algorithm>
+#include <cmath>
+#include <string>
+
+#include "client_error.h"
+
+namespace lumora2::render {
+namespace {
+
+std::string avError(int code) {
+  char text[AV_ERROR_MAX_STRING_SIZE] = {};
+  av_strerror(code, text, sizeof text);
+  return text;
+}
+
+void check(int rc, const std::string& what) {
+  if (rc < 0) throw ClientError(what + ": " + avError(rc));
+}
+
+}  // namespace
+
+struct Mp4Writer::State {
+  std::string path;
+  int width = 0, height = 0, fps = 0, sampleRate = 0;
+  const std::vector<float>* audio = nullptr;
+  AVFormatContext* format = nullptr;
+  AVCodecContext* video = nullptr;
+  AVCodecContext* sound = nullptr;
+  AVStream* videoStream = nullptr;
+  AVStream* soundStream = nullptr;
+  SwsContext* sws = nullptr;
+  AVFrame* picture = nullptr;
+  AVFrame* samples = nullptr;
+  AVPacket* packet = nullptr;
+  bool headerWritten = false;
+  std::int64_t framesIn = 0;
+  std::size_t audioSent = 0;  // samples handed to the audio encoder
+
+  ~State() {
+    av_packet_free(&packet);
+    av_frame_free(&samples);
+    av_frame_free(&picture);
+    sws_freeContext(sws);
+    avcodec_free_context(&sound);
+    avcodec_free_context(&video);
+    if (format != nullptr) {
+      if (format->pb != nullptr) avio_closep(&format->pb);
+      avformat_free_context(format);
+    }
+  }
+
+  // Moves every packet the encoder has ready into the file.
+  void drain(AVCodecContext* codec, AVStream* stream) {
+    for (;;) {
+      const int rc = avcodec_receive_packet(codec, packet);
+      if (rc == AVERROR(EAGAIN) || rc == AVERROR_EOF) return;
+      check(rc, "cannot encode " + path);
+      // The AAC encoder rounds the last packet's duration up; the track ends with the audio.
+      if (codec == sound && packet->pts != AV_NOPTS_VALUE &&
+          packet->pts + packet->duration > std::int64_t(audio->size())) {
+        packet->duration = std::max<std::int64_t>(0, std::int64_t(audio->size()) - packet->pts);
+      }
+      av_packet_rescale_ts(packet, codec->time_base, stream->time_base);
+      packet->stream_index = stream->index;
+      check(av_interleaved_write_frame(format, packet), "cannot write " + path);
+    }
+  }
+
+  // Encodes audio up to sample `until` in the encoder's frame size (the last frame may be short).
+  void sendAudio(std::size_t until) {
+    until = std::min(until, audio->size());
+    const auto frameSize = std::size_t(sound->frame_size);
+    while (audioSent < until && (until - audioSent >= frameSize || until == audio->size())) {
+      const std::size_t n = std::min(frameSize, until - audioSent);
+      check(av_frame_make_writable(samples), "cannot encode " + path);
+      samples->nb_samples = int(n);
+      // The encoder refuses non-finite samples; they play as silence.
+      auto* out = reinterpret_cast<float*>(samples->data[0]);
+      for (std::size_t i = 0; i < n; ++i) {
+        const float v = (*audio)[audioSent + i];
+        out[i] = std::isfinite(v) ? v : 0.0f;
+      }
+      samples->pts = std::int64_t(audioSent);
+      check(avcodec_send_frame(sound, samples), "cannot encode the audio of " + path);
+      audioSent += n;
+      drain(sound, soundStream);
+    }
+  }
+};
+
+Mp4Writer::Mp4Writer(const std::filesystem::path& path, int width, int height, int fps,
+                     const std::vector<float>& audio, int sampleRate)
+    : state_(std::make_unique<State>()) {
+  State& s = *state_;
+  s.path = path.string();
+  s.width = width;
+  s.height = height;
+  s.fps = fps;
+  s.sampleRate = sampleRate;
+  s.audio = &audio;
+  check(avformat_alloc_output_context2(&s.format, nullptr, "mp4", s.path.c_str()),
+        "cannot make an MP4 for " + s.path);
+
+  const AVCodec* h264 = avcodec_find_encoder_by_name("libx264");
+  if (h264 == nullptr) h264 = avcodec_find_encoder(AV_CODEC_ID_H264);
+  const AVCodec* aac = avcodec_find_encoder(AV_CODEC_ID_AAC);
+  if (h264 == nullptr || aac == nullptr) {
+    throw ClientError("this FFmpeg has no H.264 or no AAC encoder");
+  }
+  const bool globalHeader = (s.format->oformat->flags & AVFMT_GLOBALHEADER) != 0;
+
+  s.video = avcodec_alloc_context3(h264);
+  s.video->width = width;
+  s.video->height = height;
+  s.video->pix_fmt = AV_PIX_FMT_YUV420P;
+  s.video->time_base = AVRational{1, fps};
+  s.video->framerate = AVRational{fps, 1};
+  s.video->gop_size = fps * 2;
+  if (globalHeader) s.video->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+  // Near-transparent quality at a speed that keeps up with rendering.
+  av_opt_set(s.video->priv_data, "preset", "veryfast", 0);
+  av_opt_set(s.video->priv_data, "crf", "18", 0);
+  check(avcodec_open2(s.video, h264, nullptr), "cannot open the H.264 encoder");
+
+  s.sound = avcodec_alloc_context3(aac);
+  s.sound->sample_rate = sampleRate;
+  s.sound->sample_fmt = AV_SAMPLE_FMT_FLTP;
+  av_channel_layout_default(&s.sound->ch_layout, 1);
+  s.sound->bit_rate = 64000;
+  s.sound->time_base = AVRational{1, sampleRate};
+  if (globalHeader) s.sound->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+  check(avcodec_open2(s.sound, aac, nullptr), "cannot open the AAC encoder");
+
+  s.videoStream = avformat_new_stream(s.format, nullptr);
+  s.soundStream = avformat_new_stream(s.format, nullptr);
+  if (s.videoStream == nullptr || s.soundStream == nullptr) throw ClientError("out of memory");
+  check(avcodec_parameters_from_context(s.videoStream->codecpar, s.video), "H.264 parameters");
+  check(avcodec_parameters_from_context(s.soundStream->codecpar, s.sound), "AAC parameters");
+  s.videoStream->time_base = s.video->time_base;
+  s.videoStream->avg_frame_rate = s.video->framerate;
+  s.soundStream->time_base = s.sound->time_base;
+
+  s.sws = sws_getContext(width, height, AV_PIX_FMT_RGB24, width, height, AV_PIX_FMT_YUV420P,
+                         SWS_BICUBIC, nullptr, nullptr, nullptr);
+  s.picture = av_frame_alloc();
+  s.samples = av_frame_alloc();
+  s.packet = av_packet_alloc();
+  if (s.sws == nullptr || s.picture == nullptr || s.samples == nullptr || s.packet == nullptr) {
+    throw ClientError("out of memory");
+  }
+  s.picture->format = AV_PIX_FMT_YUV420P;
+  s.picture->width = width;
+  s.picture->height = height;
+  check(av_frame_get_buffer(s.picture, 0), "out of memory");
+  s.samples->format = AV_SAMPLE_FMT_FLTP;
+  s.samples->nb_samples = s.sound->frame_size;
+  check(av_channel_layout_copy(&s.samples->ch_layout, &s.sound->ch_layout), "out of memory");
+  s.samples->sample_rate = sampleRate;
+  check(av_frame_get_buffer(s.samples, 0), "out of memory");
+
+  check(avio_open(&s.format->pb, s.path.c_str(), AVIO_FLAG_WRITE), "cannot create " + s.path);
+  AVDictionary* options = nullptr;
+  av_dict_set(&options, "movflags", "+faststart", 0);
+  // Edit lists are in the movie's time scale: at the sample rate, the audio track ends on its last
+  // sample (at the default of 1/1000 s it would be rounded up).
+  av_dict_set_int(&options, "movie_timescale", sampleRate, 0);
+  const int rc = avformat_write_header(s.format, &options);
+  av_dict_free(&options);
+  check(rc, "cannot write " + s.path);
+  s.headerWritten = true;
+}
+
+Mp4Writer::~Mp4Writer() = default;
+
+std::int64_t Mp4Writer::frames() const { return state_->framesIn; }
+
+void Mp4Writer::addFrame(const std::uint8_t* rgb) {
+  State& s = *state_;
+  check(av_frame_make_writable(s.picture), "cannot encode " + s.path);
+  const std::uint8_t* src[1] = {rgb};
+  const int srcStride[1] = {s.width * 3};
+  sws_scale(s.sws, src, srcStride, 0, s.height, s.picture->data, s.picture->linesize);
+  s.picture->pts = s.framesIn++;
+  check(avcodec_send_frame(s.video, s.picture), "cannot encode the video of " + s.path);
+  s.drain(s.video, s.videoStream);
+  // The audio that plays until the end of this frame.
+  s.sendAudio(std::size_t(s.framesIn) * std::size_t(s.sampleRate) / std::size_t(s.fps));
+}
+
+void Mp4Writer::finish() {
+  State& s = *state_;
+  s.sendAudio(s.audio->size());
+  check(avcodec_send_frame(s.video, nullptr), "cannot finish the video of " + s.path);
+  s.drain(s.video, s.videoStream);
+  check(avcodec_send_frame(s.sound, nullptr), "cannot finish the audio of " + s.path);
+  s.drain(s.sound, s.soundStream);
+  check(av_write_trailer(s.format), "cannot finish " + s.path);
+  check(avio_closep(&s.format->pb), "cannot close " + s.path);
+}
+
+}  // namespace lumora2::render

@@ -1,0 +1,36 @@
+// Mp4Writer: an H.264 (yuv420p) video stream and an AAC audio stream muxed into one MP4 whose
+// index sits at the front (faststart), so that it plays anywhere and starts before it is fully
+// downloaded. Written with libavformat and libavcodec.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <vector>
+
+namespace lumora2::render {
+
+class Mp4Writer {
+ public:
+  // Opens `path` for a video of width x height at `fps` beside the mono `audio` at `sampleRate`
+  // (kept by reference until finish()). Throws ClientError when an encoder or the file cannot be
+  // opened.
+  Mp4Writer(const std::filesystem::path& path, int width, int height, int fps,
+            const std::vector<float>& audio, int sampleRate);
+  ~Mp4Writer();  // an unfinished file is left as it is; the caller removes it
+  Mp4Writer(const Mp4Writer&) = delete;
+  Mp4Writer& operator=(const Mp4Writer&) = delete;
+
+  // Appends one frame (width x height x 3 bytes, R, G, B) and the audio that plays during it.
+  void addFrame(const std::uint8_t* rgb);
+  // Encodes the rest of the audio, drains both encoders and writes the index.
+  void finish();
+
+  std::int64_t frames() const;
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
+}  // namespace lumora2::render

@@ -1,0 +1,48 @@
+// renderToMp4: the whole of lumora2-render. Decodes the audio, splits it into utterances, has a
+// render-stream child render each one (respawning it once when it asks to), lays the rendered
+// frames on a timeline of one frame per 800 input samples, fills the rest with the avatar's idle
+// clip, blends the seams where idle and rendered pictures meet, and writes the MP4 under a
+// temporary name that becomes `output` only when the file is complete.
+#pragma once
+
+#include <cstddef>
+#include <filesystem>
+#include <string>
+
+namespace lumora2::render {
+
+struct RenderOptions {
+  std::filesystem::path avatar;
+  std::filesystem::path engine;
+  std::filesystem::path audio;
+  std::filesystem::path output;
+  std::filesystem::path host;  // lumora2-model
+  double gapSeconds = 0.6;
+};
+
+// What a render did, for its closing line and for tests.
+struct RenderReport {
+  std::size_t frames = 0;            // in the video: ceil(samples / 800)
+  std::size_t samples = 0;           // of 16 kHz audio
+  std::size_t utterances = 0;        // found in the audio
+  std::size_t renderedFrames = 0;    // frames that came from the engine (blended ones included)
+  std::size_t failedUtterances = 0;  // covered by idle frames after a failed respawn
+  std::size_t respawns = 0;
+  // The largest mean absolute difference (per colour byte) between two neighbouring output
+  // frames at a seam between idle and rendered pictures, and between two neighbouring rendered
+  // frames: the blending keeps the first near the second.
+  double largestSeamStep = 0;
+  double largestRenderedStep = 0;
+};
+
+// Throws ClientError for everything the user must hear about; the output file then does not
+// exist (an earlier file of that name is left untouched). Progress goes to standard error: one
+// updating line on a terminal, else one line per utterance.
+RenderReport renderToMp4(const RenderOptions& options);
+
+// The temporary name `output` is written under (a hidden name in the same directory, so that the
+// final rename never crosses file systems; it holds the process id). A signal handler that ends
+// the process removes it.
+std::filesystem::path partialNameFor(const std::filesystem::path& output);
+
+}  // namespace lumora2::render
