@@ -131,14 +131,7 @@ class RenderStream {
   // Every ready frame, as position + R, G, B in one write each.
   void drain() {
     while (auto item = engine_->pullPos()) {
-      putLittleEndian(scratch_.data(), static_cast<std::uint32_t>(item->pos));
-      const std::uint8_t* bgr = item->frame.data();
-      std::uint8_t* rgb = scratch_.data() + 4;
-      for (std::size_t i = 0; i + 2 < kFrameBytes; i += 3) {
-        rgb[i] = bgr[i + 2];
-        rgb[i + 1] = bgr[i + 1];
-        rgb[i + 2] = bgr[i];
-      }
+      formatFrameRecord(static_cast<std::uint32_t>(item->pos), item->frame, scratch_.data());
       if (!writeAll(scratch_.data(), scratch_.size())) parentGone();
     }
   }
