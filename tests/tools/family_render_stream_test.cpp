@@ -8,11 +8,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
+#include <tuple>
 #include <vector>
 
 #include "family/host_pack.h"
@@ -81,7 +85,7 @@ class Child {
   }
   ~Child() {
     if (in_ >= 0) close(in_);
-    close(out_);
+    if (out_ >= 0) close(out_);
     close(err_);
     if (pid_ > 0 && status_ < 0) {
       kill(pid_, SIGKILL);
@@ -105,6 +109,22 @@ class Child {
   void closeInput() {
     close(in_);
     in_ = -1;
+  }
+  // Sends from a thread of its own, for messages larger than the child takes while its frames are
+  // not read.
+  std::thread sendInBackground(std::vector<std::uint8_t> bytes) {
+    return std::thread([this, bytes = std::move(bytes)] {
+      for (std::size_t at = 0; at < bytes.size();) {
+        const ssize_t n = ::write(in_, bytes.data() + at, bytes.size() - at);
+        if (n <= 0) return;  // the child has gone
+        at += std::size_t(n);
+      }
+    });
+  }
+  // The parent stops listening: the child's next write finds no reader.
+  void closeOutput() {
+    close(out_);
+    out_ = -1;
   }
   // Frame records up to and including the next marker (the marker itself is not returned).
   std::vector<Record> segment() {
@@ -135,6 +155,7 @@ class Child {
   }
   const std::string& errorText() const { return stderr_; }
   pid_t pid() const { return pid_; }
+  int outputFd() const { return out_; }
 
  private:
   bool readExactly(std::uint8_t* into, std::size_t size) {
@@ -181,6 +202,11 @@ TEST_F(RenderStream, ServesUtterancesAsFramesOfRealAudioThenAMarker) {
     for (std::size_t i = 0; i < frames.size(); ++i) EXPECT_EQ(frames[i].pos, i);
     EXPECT_EQ(frames[0].rgb, frames[1].rgb);
     EXPECT_NE(frames[1].rgb, frames[2].rgb);
+    // Pixels come in R, G, B order: ava's teal shirt (46, 122, 106) at the bottom left.
+    const std::uint8_t* shirt = frames[2].rgb.data() + (710 * 416 + 100) * 3;
+    EXPECT_NEAR(shirt[0], 46, 12);
+    EXPECT_NEAR(shirt[1], 122, 12);
+    EXPECT_NEAR(shirt[2], 106, 12);
   }
   child.send(word(kMarker));  // a flush with nothing new: only a marker
   EXPECT_TRUE(child.segment().empty());
@@ -257,17 +283,102 @@ TEST_F(RenderStream, TwoFailedSegmentsInARowAskForARespawn) {
   fs::create_directories(tmp);
 }
 
-class RenderStreamSignal : public RenderStream, public ::testing::WithParamInterface<int> {};
-
-TEST_P(RenderStreamSignal, EndsWith128PlusTheSignalAndRemovesItsDirectory) {
+// A reset ends the utterance at once: the frames already rendered are written, and no marker; the
+// next utterance starts again at position 0, and one marker follows it.
+TEST_F(RenderStream, AResetWritesTheReadyFramesWithoutAMarker) {
   Child child(tmp);
   child.headerLine();
-  kill(child.pid(), GetParam());
-  EXPECT_EQ(child.finish(), 128 + GetParam()) << child.errorText();
-  EXPECT_THAT(child.errorText(), HasSubstr("[render-stream] signal " + std::to_string(GetParam())));
+  std::vector<std::uint8_t> bytes = audio(30000);
+  for (std::uint8_t b : word(0xFFFFFFFE)) bytes.push_back(b);
+  for (std::uint8_t b : audio(30000)) bytes.push_back(b);
+  for (std::uint8_t b : word(kMarker)) bytes.push_back(b);
+  std::thread sender = child.sendInBackground(std::move(bytes));
+  const std::vector<Record> frames = child.segment();
+  sender.join();
+  ASSERT_GE(frames.size(), 37u);
+  const std::size_t cut = frames.size() - 37;  // the frames the reset found ready
+  EXPECT_LE(cut, 37u);
+  for (std::size_t i = 0; i < cut; ++i) EXPECT_EQ(frames[i].pos, i);
+  for (std::size_t i = 0; i < 37; ++i) EXPECT_EQ(frames[cut + i].pos, i);
+  child.closeInput();
+  std::size_t rest = 0;
+  EXPECT_EQ(child.finish(&rest), 0) << child.errorText();
+  EXPECT_EQ(rest, 0u) << "output after the one marker";
 }
 
-INSTANTIATE_TEST_SUITE_P(Signals, RenderStreamSignal, ::testing::Values(SIGTERM, SIGINT, SIGHUP));
+// A parent that stops reading holds the child back: it stops taking audio (the sender blocks) and
+// drops nothing; when the parent reads again, every frame arrives in order.
+TEST_F(RenderStream, AParentThatStopsReadingHoldsTheChildBackAndLosesNothing) {
+  Child child(tmp);
+  child.headerLine();
+  std::vector<std::uint8_t> bytes;  // 20 s in messages of half a second
+  for (int i = 0; i < 40; ++i) {
+    for (std::uint8_t b : audio(8000)) bytes.push_back(b);
+  }
+  for (std::uint8_t b : word(kMarker)) bytes.push_back(b);
+  std::atomic<bool> sent{false};
+  std::thread sender([&] {
+    child.sendInBackground(std::move(bytes)).join();
+    sent = true;
+  });
+  std::this_thread::sleep_for(std::chrono::seconds(3));
+  EXPECT_FALSE(sent) << "the child took 20 s of audio while nobody read its frames";
+  const std::vector<Record> frames = child.segment();
+  sender.join();
+  ASSERT_EQ(frames.size(), 400u);
+  for (std::size_t i = 0; i < frames.size(); ++i) ASSERT_EQ(frames[i].pos, i);
+  child.closeInput();
+  EXPECT_EQ(child.finish(), 0) << child.errorText();
+}
+
+// A parent that goes away while frames are being written: the child ends quietly with one line,
+// status 0, and removes its working directory (the fixture checks).
+TEST_F(RenderStream, AParentThatGoesAwayEndsTheChildQuietly) {
+  Child child(tmp);
+  child.headerLine();
+  std::vector<std::uint8_t> bytes = audio(4 * 16000);
+  for (std::uint8_t b : word(kMarker)) bytes.push_back(b);
+  std::thread sender = child.sendInBackground(std::move(bytes));
+  std::uint8_t first[4];
+  ASSERT_EQ(::read(child.outputFd(), first, 4), 4) << "no frame record began";
+  child.closeOutput();
+  sender.join();  // ends once the child has gone
+  child.closeInput();
+  EXPECT_EQ(child.finish(), 0) << child.errorText();
+  EXPECT_THAT(child.errorText(),
+              HasSubstr("[render-stream] standard output closed (the parent went away) — exiting"));
+}
+
+// Each signal, while the child waits for audio and while it renders, ends it with 128 + n after
+// one line, its working directory removed.
+class RenderStreamSignal : public RenderStream,
+                           public ::testing::WithParamInterface<std::tuple<int, bool>> {};
+
+TEST_P(RenderStreamSignal, EndsWith128PlusTheSignalAndRemovesItsDirectory) {
+  const auto [signal, rendering] = GetParam();
+  Child child(tmp);
+  std::thread sender;
+  child.headerLine();
+  if (rendering) {
+    std::vector<std::uint8_t> bytes = audio(10 * 16000);
+    for (std::uint8_t b : word(kMarker)) bytes.push_back(b);
+    sender = child.sendInBackground(std::move(bytes));
+    std::uint8_t first[4];
+    ASSERT_EQ(::read(child.outputFd(), first, 4), 4) << "no frame record began";
+  }
+  kill(child.pid(), signal);
+  EXPECT_EQ(child.finish(), 128 + signal) << child.errorText();
+  if (sender.joinable()) sender.join();
+  EXPECT_THAT(child.errorText(), HasSubstr("[render-stream] signal " + std::to_string(signal)));
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, RenderStreamSignal,
+                         ::testing::Combine(::testing::Values(SIGTERM, SIGINT, SIGHUP),
+                                            ::testing::Bool()),
+                         [](const auto& p) {
+                           return "signal" + std::to_string(std::get<0>(p.param)) +
+                                  (std::get<1>(p.param) ? "_rendering" : "_idle");
+                         });
 
 }  // namespace
 }  // namespace lumora2::family::test
