@@ -408,5 +408,47 @@ INSTANTIATE_TEST_SUITE_P(
                               "cannot read audio"}),
     [](const auto& p) { return std::string(p.param.name); });
 
+// A child that is not a working render-stream: the error names what it said last, and no output
+// file is left.
+struct BrokenHost {
+  const char* name;
+  const char* script;  // the child's shell script
+  const char* message;
+};
+
+class RenderClientBrokenHost : public ::testing::TestWithParam<BrokenHost> {};
+
+TEST_P(RenderClientBrokenHost, EndsWithTheChildsLastLines) {
+  const fs::path dir = scratchDir("render-host");
+  writeWav(dir / "in.wav", bursts());
+  const fs::path host = dir / "host.sh";
+  std::ofstream(host) << "#!/bin/sh\n" << GetParam().script << "\n";
+  fs::permissions(host, fs::perms::owner_all);
+  const Shell r =
+      shell(renderCommand(dir / "in.wav", dir / "out.mp4") + " --host '" + host.string() + "'",
+            dir / "stderr");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_THAT(readFile(dir / "stderr"), HasSubstr(GetParam().message));
+  EXPECT_FALSE(fs::exists(dir / "out.mp4"));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Hosts, RenderClientBrokenHost,
+    ::testing::Values(
+        BrokenHost{"DiesAtStartUp",
+                   "echo 'warming up' >&2; echo 'error: no engine here' >&2; exit 1",
+                   "render-stream ended before it was ready (exit status 1); its last lines:\n"
+                   "warming up\nerror: no engine here"},
+        BrokenHost{
+            "PromisesAnotherRate",
+            "echo 'READY {\"fps\":25,\"width\":416,\"height\":720,\"sample_rate\":16000}'",
+            "promises 25 fps from 16000 Hz audio; lumora2-render needs 20 fps from 16000 Hz"},
+        BrokenHost{"DiesWhileRendering",
+                   "echo 'READY {\"fps\":20,\"width\":416,\"height\":720,\"sample_rate\":16000}'; "
+                   "head -c 100 >/dev/null; echo 'engine crashed' >&2; exit 9",
+                   "render-stream ended with exit status 9 during utterance 1; its last lines:\n"
+                   "engine crashed"}),
+    [](const auto& p) { return std::string(p.param.name); });
+
 }  // namespace
 }  // namespace lumora2::family::test

@@ -121,6 +121,10 @@ std::unique_ptr<StreamChild> StreamChild::start(const Command& command) {
     throw ClientError("cannot start " + command.host.string() + ": " + std::strerror(rc));
   }
 
+  // The child's ends belong to the child alone: the stderr reader sees the end of the stream when
+  // the child exits, even while start() still waits for the header.
+  for (int* end : {&in.fd[0], &out.fd[1], &err.fd[1]}) ::close(std::exchange(*end, -1));
+
   std::unique_ptr<StreamChild> child(new StreamChild());
   child->pid_ = pid;
   child->input_ = in.release(1);
@@ -149,7 +153,6 @@ std::unique_ptr<StreamChild> StreamChild::start(const Command& command) {
     if (c->tail_.size() > kTailLines) c->tail_.pop_front();
     ::close(errRead);
   });
-  // The Pipe destructors close the child's ends here, so the child alone holds them.
 
   std::string line;
   char c = 0;
