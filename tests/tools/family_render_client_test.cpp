@@ -1,7 +1,11 @@
 // lumora2-render on the packed reference family: real audio files in, the real executable with its
 // real render-stream child, the MP4 read back with FFmpeg's own tools.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <cstdint>
@@ -407,6 +411,49 @@ INSTANTIATE_TEST_SUITE_P(
                       Refusal{"Missing", [](const fs::path&) { return std::string("absent.wav"); },
                               "cannot read audio"}),
     [](const auto& p) { return std::string(p.param.name); });
+
+// Interrupted while it writes: the partial file goes with the process, the child ends with it, and
+// nothing is left in the output's directory or in TMPDIR.
+TEST(RenderClientSignal, TermRemovesThePartialFile) {
+  const fs::path dir = scratchDir("render-signal");
+  std::vector<float> audio;
+  for (int i = 0; i < 6; ++i) {
+    const std::vector<float> b = bursts();
+    audio.insert(audio.end(), b.begin(), b.end());
+  }
+  writeWav(dir / "in.wav", audio);
+  const fs::path tmp = scratchDir("render-signal-tmp");
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    ::setenv("TMPDIR", tmp.c_str(), 1);
+    const int null = ::open("/dev/null", O_WRONLY);
+    ::dup2(null, 1);
+    ::dup2(null, 2);
+    const std::string bin = renderBin().string(), avatar = avatarFile().string(),
+                      engine = engineFile().string(), in = (dir / "in.wav").string(),
+                      out = (dir / "out.mp4").string();
+    ::execl(bin.c_str(), bin.c_str(), avatar.c_str(), "--engine", engine.c_str(), "--audio",
+            in.c_str(), "-o", out.c_str(), static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  auto partial = [&] {
+    for (const auto& e : fs::directory_iterator(dir)) {
+      if (e.path().filename().string().find("out.mp4") != std::string::npos) return true;
+    }
+    return false;
+  };
+  for (int i = 0; i < 600 && !partial(); ++i) ::usleep(50'000);
+  ASSERT_TRUE(partial()) << "no partial file appeared";
+  ::kill(pid, SIGTERM);
+  int raw = 0;
+  ::waitpid(pid, &raw, 0);
+  ASSERT_TRUE(WIFSIGNALED(raw));
+  EXPECT_EQ(WTERMSIG(raw), SIGTERM);
+  EXPECT_FALSE(partial());
+  std::vector<std::string> left;
+  for (const auto& e : fs::directory_iterator(tmp)) left.push_back(e.path().filename());
+  EXPECT_THAT(left, ::testing::IsEmpty()) << "left in TMPDIR";
+}
 
 // A child that is not a working render-stream: the error names what it said last, and no output
 // file is left.

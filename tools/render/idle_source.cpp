@@ -6,6 +6,7 @@
 #include "container/archive.h"
 #include "container/imx.h"
 #include "engine/idle_clip_stream.h"
+#include "signal_cleanup.h"
 
 namespace lumora2::render {
 namespace {
@@ -24,6 +25,10 @@ std::filesystem::path extractClip(const std::filesystem::path& avatar,
       if (!out.flush()) throw ClientError("cannot write " + clip.string());
     } else if (Lumora2Container::isLegacyZip(avatar)) {
       Archive::unzip(avatar, dir);
+      // Only the clip stays, so that the directory empties with it.
+      for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+        if (entry.path().filename() != kClipName) std::filesystem::remove_all(entry.path());
+      }
     } else {
       throw ClientError(avatar.string() + " is not an avatar file");
     }
@@ -42,6 +47,7 @@ std::filesystem::path extractClip(const std::filesystem::path& avatar,
 
 IdleSource::IdleSource(const std::filesystem::path& avatar, int width, int height)
     : scratch_("lumora2-render-idle-") {
+  signal_cleanup::setIdleClip(scratch_.path() / kClipName, scratch_.path());
   auto [clip, why] = IdleClipStream::open(extractClip(avatar, scratch_.path()), width, height);
   if (!clip) throw ClientError("the idle clip of " + avatar.string() + ": " + why.value_or("?"));
   clip_ = std::move(clip);
@@ -54,7 +60,7 @@ IdleSource::IdleSource(const std::filesystem::path& avatar, int width, int heigh
   }
 }
 
-IdleSource::~IdleSource() = default;
+IdleSource::~IdleSource() { signal_cleanup::setIdleClip({}, {}); }
 
 const std::vector<std::uint8_t>& IdleSource::next() {
   std::optional<PixelBuffer> picture = clip_->next();

@@ -16,6 +16,7 @@ extern "C" {
 
 #include "client_error.h"
 #include "render_job.h"
+#include "signal_cleanup.h"
 
 namespace {
 
@@ -30,15 +31,6 @@ constexpr const char* kUsage =
     "through the avatar into an H.264 + AAC MP4 at 20 fps. Silences of at least --gap seconds\n"
     "(default 0.6) separate utterances and show the avatar's idle clip. --host names the\n"
     "lumora2-model that renders (default: the one beside lumora2-render).\n";
-
-// The partial output's name, for the signal handler (written before any handler can run).
-char partialName[4096];
-
-extern "C" void removePartialAndDie(int signal) {
-  if (partialName[0] != '\0') ::unlink(partialName);
-  ::signal(signal, SIG_DFL);
-  ::raise(signal);
-}
 
 fs::path besideMe(const char* name) {
   std::error_code ec;
@@ -105,11 +97,9 @@ int main(int argc, char** argv) {
   av_log_set_level(AV_LOG_QUIET);
   try {
     const lumora2::render::RenderOptions options = parseArguments(args);
-    const std::string partial = lumora2::render::partialNameFor(options.output).string();
-    if (partial.size() < sizeof partialName) {
-      std::memcpy(partialName, partial.c_str(), partial.size() + 1);
-    }
-    for (int s : {SIGINT, SIGTERM, SIGHUP}) ::signal(s, removePartialAndDie);
+    lumora2::render::signal_cleanup::setPartialFile(
+        lumora2::render::partialNameFor(options.output));
+    lumora2::render::signal_cleanup::install();
     const lumora2::render::RenderReport r = lumora2::render::renderToMp4(options);
     std::printf(
         "%s: %zu frames (%.2f s at 20 fps), %zu utterances, %zu rendered frames; seams: largest "

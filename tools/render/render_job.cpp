@@ -205,7 +205,9 @@ class Composer {
 class Progress {
  public:
   explicit Progress(double totalSeconds)
-      : total_(totalSeconds), terminal_(::isatty(STDERR_FILENO) == 1), start_(Clock::now()) {}
+      : total_(totalSeconds), terminal_(::isatty(STDERR_FILENO) == 1), start_(Clock::now()) {
+    if (terminal_) std::fprintf(stderr, "starting render-stream (its engine warms up first)\n");
+  }
 
   void frames(std::size_t done, std::size_t total) {
     if (!terminal_) return;
@@ -218,6 +220,12 @@ class Progress {
     std::fprintf(stderr, "\rrendering: %.1f s of %.1f s audio, %.0f fps, %.0f s left   ",
                  std::min(double(done) / 20.0, total_), total_, fps, left);
     std::fflush(stderr);
+  }
+
+  // Starts the clock once the child is ready, so that rates and time left leave its warm-up out.
+  void begin() {
+    start_ = Clock::now();
+    if (terminal_) std::fprintf(stderr, "render-stream ready; rendering\n");
   }
 
   void utterance(std::size_t index, std::size_t count, const Utterance& u, std::size_t done) {
@@ -240,7 +248,7 @@ class Progress {
  private:
   const double total_;
   const bool terminal_;
-  const Clock::time_point start_;
+  Clock::time_point start_;
   Clock::time_point shown_{};
 };
 
@@ -359,6 +367,7 @@ RenderReport renderToMp4(const RenderOptions& options) {
   PartialFile partial{partialNameFor(options.output)};
   Mp4Writer writer(partial.path, geometry.width, geometry.height, geometry.fps, audio, kEngineRate);
   Composer composer(writer, idle, frameBytes);
+  progress.begin();
 
   for (std::size_t k = 0; k < utterances.size(); ++k) {
     const Utterance& u = utterances[k];

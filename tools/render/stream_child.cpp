@@ -13,6 +13,7 @@
 #include <nlohmann/json.hpp>
 
 #include "client_error.h"
+#include "signal_cleanup.h"
 
 extern char** environ;
 
@@ -114,8 +115,19 @@ std::unique_ptr<StreamChild> StreamChild::start(const Command& command) {
   std::vector<char*> argv;
   for (std::string& a : args) argv.push_back(a.data());
   argv.push_back(nullptr);
+  // The child's working directory goes into a temporary directory of its own, removed with this
+  // object: nothing stays behind whichever way the child ends (exit status 3 leaves its directory
+  // by design, a killed child cannot remove it).
+  auto tmp = std::make_unique<ScratchDir>("lumora2-render-child-");
+  std::vector<std::string> env = {"TMPDIR=" + tmp->path().string()};
+  for (char** e = environ; *e != nullptr; ++e) {
+    if (std::strncmp(*e, "TMPDIR=", 7) != 0) env.emplace_back(*e);
+  }
+  std::vector<char*> envp;
+  for (std::string& e : env) envp.push_back(e.data());
+  envp.push_back(nullptr);
   pid_t pid = -1;
-  const int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+  const int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
   posix_spawn_file_actions_destroy(&actions);
   if (rc != 0) {
     throw ClientError("cannot start " + command.host.string() + ": " + std::strerror(rc));
@@ -127,6 +139,8 @@ std::unique_ptr<StreamChild> StreamChild::start(const Command& command) {
 
   std::unique_ptr<StreamChild> child(new StreamChild());
   child->pid_ = pid;
+  child->tmp_ = std::move(tmp);
+  signal_cleanup::setChild(pid, child->tmp_->path());
   child->input_ = in.release(1);
   child->output_ = out.release(0);
   // Larger pipes let a whole frame record pass in one piece.
@@ -169,8 +183,9 @@ std::unique_ptr<StreamChild> StreamChild::start(const Command& command) {
 }
 
 StreamChild::~StreamChild() {
-  waitForExit(true);
+  // Output first: a child blocked writing a frame record nobody will read ends at once.
   if (output_ >= 0) ::close(output_);
+  waitForExit(true);
 }
 
 void StreamChild::closeInput() {
@@ -200,6 +215,7 @@ void StreamChild::reap(bool terminateIfSlow) {
     }
     status_ = decodeStatus(raw);
     pid_ = -1;
+    signal_cleanup::setChild(-1, {});
   }
   if (stderrReader_.joinable()) stderrReader_.join();
 }
@@ -211,6 +227,7 @@ bool StreamChild::exitsWithin(std::chrono::milliseconds wait) {
     if (::waitpid(pid_, &raw, WNOHANG) == pid_) {
       status_ = decodeStatus(raw);
       pid_ = -1;
+      signal_cleanup::setChild(-1, {});
       break;
     }
     if (std::chrono::steady_clock::now() > deadline) return false;

@@ -19,6 +19,8 @@
 #include <thread>
 #include <vector>
 
+#include "container/platform.h"
+
 namespace lumora2::render {
 
 // What the child's header line promises.
@@ -48,8 +50,8 @@ class StreamChild {
   // is not acceptable; the message names the child's last lines on standard error.
   static std::unique_ptr<StreamChild> start(const Command& command);
 
-  // Closes the child's standard input (the end of the stream) and waits for it to exit; one that
-  // is still running after 10 s gets SIGTERM.
+  // Closes the child's standard output and input (the end of the stream) and waits for it to
+  // exit; one that is still running after 10 s gets SIGTERM.
   ~StreamChild();
   StreamChild(const StreamChild&) = delete;
   StreamChild& operator=(const StreamChild&) = delete;
@@ -83,6 +85,7 @@ class StreamChild {
   void reap(bool terminateIfSlow);
   void closeInput();
 
+  std::unique_ptr<ScratchDir> tmp_;  // the child's TMPDIR; declared first, so removed last
   pid_t pid_ = -1;
   int input_ = -1;   // the child's standard input (write end)
   int output_ = -1;  // the child's standard output (read end)
