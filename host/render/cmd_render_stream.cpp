@@ -30,6 +30,7 @@
 #include "host/command.h"
 #include "host/stream_messages.h"
 #include "render_commands.h"
+#include "render_staging.h"
 #include "render_support.h"
 
 namespace lumora2 {
@@ -247,19 +248,9 @@ int renderStream(const Positionals& positionals, const Options& options) {
   std::shared_ptr<Lumora2Engine> engine = Lumora2Engine::create();
   const fs::path workDir = fs::temp_directory_path() / ("ane-render-" + newUUID());
   fs::create_directories(workDir);
-  const fs::path engineDir = workDir / "engine";
-  const fs::path avatarDir = workDir / "avatar";
-  Archive::unzip(enginePath, engineDir);  // a failure leaves the working directory in place
-  Archive::unzip(avatarPath, avatarDir);
-  Lumora2Engine::setActiveAgentDir(avatarDir);
-  ::setenv("MORVANE_VIVRA_DIR", engineDir.c_str(), 1);
-
-  std::optional<std::vector<float>> warmSpeech;
-  try {
-    warmSpeech = loadWav(engineDir / "warm.wav", warmSamples());
-  } catch (const std::exception&) {
-    // No warm speech: warm-up runs without its speech pass.
-  }
+  // A failure to unpack leaves the working directory in place.
+  const std::optional<std::vector<float>> warmSpeech =
+      stageForRendering(enginePath, avatarPath, workDir);
   stderrLine("[render-stream] warming up identity=" + avatarPath.filename().string() + " …");
   const auto started = Clock::now();
   engine->warmUp(warmSpeech);

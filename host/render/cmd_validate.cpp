@@ -24,6 +24,7 @@
 #include "host/args.h"
 #include "host/command.h"
 #include "render_commands.h"
+#include "render_staging.h"
 #include "render_support.h"
 
 namespace lumora2 {
@@ -117,19 +118,9 @@ int renderValidate(const Positionals& positionals, const Options& options) {
         " compatible · checksums OK");
 
   const ScratchDir scratch("");
+  const std::optional<std::vector<float>> warmSpeech =
+      stageForRendering(enginePath, avatarPath, scratch.path());
   const fs::path engineDir = scratch.path() / "engine";
-  const fs::path avatarDir = scratch.path() / "avatar";
-  Archive::unzip(enginePath, engineDir);
-  Archive::unzip(avatarPath, avatarDir);
-  Lumora2Engine::setActiveAgentDir(avatarDir);
-  ::setenv("MORVANE_VIVRA_DIR", engineDir.c_str(), 1);
-
-  std::optional<std::vector<float>> warmSpeech;
-  try {
-    warmSpeech = loadWav(engineDir / "warm.wav", warmSamples());
-  } catch (const std::exception&) {
-    // No warm speech: warm-up runs without its speech pass.
-  }
   print("  warming up (this loads + compiles the CoreML graphs)…");
   std::shared_ptr<Lumora2Engine> engine = Lumora2Engine::create();
   engine->warmUp(warmSpeech);

@@ -11,16 +11,11 @@ extern "C" {
 #include <memory>
 #include <string>
 
+#include "av_error.h"
 #include "client_error.h"
 
 namespace lumora2::render {
 namespace {
-
-std::string avError(int code) {
-  char text[AV_ERROR_MAX_STRING_SIZE] = {};
-  av_strerror(code, text, sizeof text);
-  return text;
-}
 
 struct FormatCloser {
   void operator()(AVFormatContext* c) const { avformat_close_input(&c); }

@@ -12,16 +12,11 @@ extern "C" {
 #include <cmath>
 #include <string>
 
+#include "av_error.h"
 #include "client_error.h"
 
 namespace lumora2::render {
 namespace {
-
-std::string avError(int code) {
-  char text[AV_ERROR_MAX_STRING_SIZE] = {};
-  av_strerror(code, text, sizeof text);
-  return text;
-}
 
 void check(int rc, const std::string& what) {
   if (rc < 0) throw ClientError(what + ": " + avError(rc));
