@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -334,17 +335,21 @@ TEST_P(AudioFormats, DecodeToTheSameTimelineLength) {
             0);
   const std::vector<float> samples = render::decodeAudio(converted);
   EXPECT_EQ((samples.size() + kSamplesPerFrame - 1) / kSamplesPerFrame, 191u);
-  EXPECT_NEAR(double(samples.size()), double(kTotalSamples), 40.0);
+  // Lossy codecs may keep a little of their padding: within a quarter of a frame.
+  EXPECT_NEAR(double(samples.size()), double(kTotalSamples), 200.0);
   EXPECT_EQ(render::splitUtterances(samples, {}).size(), 3u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Inputs, AudioFormats,
                          ::testing::Values(Format{"stereo44k.flac", "-ac 2 -ar 44100"},
                                            Format{"mono8k.wav", "-ar 8000"},
-                                           Format{"stereo48k.ogg", "-ac 2 -ar 48000"}),
+                                           Format{"stereo48k.ogg", "-ac 2 -ar 48000"},
+                                           Format{"stereo44k.mp3", "-ac 2 -ar 44100"},
+                                           Format{"mono48k.m4a", "-ar 48000"}),
                          [](const auto& p) {
                            std::string n = p.param.name;
-                           return n.substr(0, n.find('.'));
+                           std::replace(n.begin(), n.end(), '.', '_');
+                           return n;
                          });
 
 TEST(RenderClientOutput, AStereoFlacRendersToTheSameVideoLength) {
