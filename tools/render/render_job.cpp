@@ -302,8 +302,9 @@ class StreamSession {
       const bool none = composer.renderedFrames() == before;
       placed += composer.renderedFrames() - before;
       // A segment the engine failed ends with a marker and no frames; the child leaves right
-      // after such a marker when it wants to be respawned.
-      if (served && none && child_->exitsWithin(std::chrono::milliseconds(500))) served = false;
+      // after such a marker when it wants to be respawned. Shutting its engine down takes a
+      // moment, longer on a busy machine, so it gets a few seconds; failed segments are rare.
+      if (served && none && child_->exitsWithin(std::chrono::seconds(3))) served = false;
       if (served) return placed > 0;
       const int status = child_->exitStatus();
       const std::string tail = child_->stderrTail();
