@@ -59,13 +59,6 @@ TEST_F(ScratchTest, LaterEntriesReplaceWhateverStandsAtTheirPlace) {
   EXPECT_EQ(test::readBytes(scratch_ / "out/x"), "second");
 }
 
-TEST_F(ScratchTest, FileThenDirectoryOnTheSamePathFails) {
-  const fs::path file = ImxBuilder().add("a", "file").add("a/b", "inner").writeTo(scratch_ / "c");
-  EXPECT_EQ(imxError([&] { C::unpack(file, scratch_ / "out"); }),
-            "ENOTDIR " + (scratch_ / "out/a").string());
-  EXPECT_EQ(test::listTree(scratch_ / "out"), (Listing{"a (4 bytes)"}));
-}
-
 TEST_F(ScratchTest, NamesDeeperThanPathMax) {
   std::string deep;
   for (int i = 0; i < 2100; ++i) deep += "d/";  // 4,200 bytes: past PATH_MAX

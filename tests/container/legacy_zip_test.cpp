@@ -40,27 +40,6 @@ TEST_F(LegacyZipTest, ReadsTheManifestAndUnpacksAZipArtifact) {
                   StartsWith("IMX: " + artifact.string() + ": legacy ZIP container")));
 }
 
-TEST_F(LegacyZipTest, ZipReplacesTheOutputAndResolvesARelativeOutputPath) {
-  fs::path artifact = zipArtifact("first");
-  const fs::path previous = fs::current_path();
-  fs::current_path(scratch_.path());
-  scratch_.write("stage/manifest.json", "second");
-  zipStage("old.model");  // relative to our directory, not the zip's
-  fs::current_path(previous);
-  EXPECT_EQ(Archive::readManifest(artifact), "second");
-}
-
-TEST_F(LegacyZipTest, AbsentOrEmptyManifestIsRefused) {
-  EXPECT_THAT([&] { Archive::readManifest(zipArtifact("")); },
-              ThrowsMessage<ArtifactError>(::testing::StrEq("no manifest.json in old.model")));
-  fs::remove(scratch_ / "stage/manifest.json");
-  zipStage(scratch_ / "bare.model");
-  EXPECT_THAT([&] { Archive::readManifest(scratch_ / "bare.model"); },
-              ThrowsMessage<ArtifactError>(StartsWith("`/usr/bin/unzip -p " +
-                                                      (scratch_ / "bare.model").string() +
-                                                      " manifest.json` exited 11:\n")));
-}
-
 // zip's own directory walk follows links; packed content must still be exactly the declared
 // members, in both forms, whatever the staging tree links to or however its names are spelt.
 TEST_F(LegacyZipTest, BothFormsPackTheSameMembersAndNeverFollowLinks) {
@@ -77,17 +56,6 @@ TEST_F(LegacyZipTest, BothFormsPackTheSameMembersAndNeverFollowLinks) {
                                           "pkg.mlpackage/model.pt (7 bytes)"};
   EXPECT_EQ(test::listTree(scratch_ / "from-zip"), expected);
   EXPECT_EQ(test::listTree(scratch_ / "from-imx"), expected);
-}
-
-TEST_F(LegacyZipTest, ImxArtifactsNeverReachTheZipTools) {
-  // unzip would fail on these bytes; success shows the built-in reader took them.
-  fs::path imx = test::ImxBuilder()
-                     .add("a/b.bin", "B")
-                     .add("manifest.json", "{}")
-                     .writeTo(scratch_ / "n.model");
-  EXPECT_EQ(Archive::readManifest(imx), "{}");
-  Archive::unzip(imx, scratch_ / "out");
-  EXPECT_EQ(test::readBytes(scratch_ / "out/a/b.bin"), "B");
 }
 
 }  // namespace

@@ -42,22 +42,6 @@ TEST(ManifestEncodeTest, EngineManifestHasExactBytesInKeyOrderAndRoundTrips) {
   EXPECT_EQ(ManifestJSON::decodeEngine(text), m);
 }
 
-TEST(ManifestEncodeTest, AvatarRoundTripsOmittingAbsentFields) {
-  AvatarManifest avatar;
-  avatar.format = "vivra-avatar/1";
-  avatar.code = "ava";
-  avatar.name = "Åsa \"Q\"";
-  avatar.requiresEngineAbi = 3;
-  avatar.provenance.bundleManifestSha256 = "ff";
-  avatar.files["canon"] = {"canon.f32", "00", 4};
-  std::string text = ManifestJSON::encode(avatar);
-  EXPECT_EQ(ManifestJSON::decodeAvatar(text), avatar);
-  EXPECT_THAT(text, HasSubstr("\"bundle_manifest_sha256\": \"ff\""));
-  EXPECT_EQ(text.find("student_sha"), std::string::npos);  // absent fields are omitted, not null
-  EXPECT_THAT(ManifestJSON::encode(AvatarManifest{}), HasSubstr("\"provenance\": {},"));
-  EXPECT_EQ(ManifestJSON::decodeProvenance("{\"agent_code\": null, \"extra\": 1}"), Provenance{});
-}
-
 TEST(ManifestDecodeTest, RefusalsNameWhatIsWrong) {
   const std::pair<std::string, const char*> table[] = {
       {"{\"format\": ", "manifest: [json.exception.parse_error"},

@@ -52,17 +52,6 @@ class Decoder : public ::testing::Test {
   std::shared_ptr<Lumora2Engine> engine = Lumora2Engine::create();
 };
 
-TEST_F(Decoder, LoadsOnTheDeclaredUnitUnderAPerIdentityKey) {
-  writeDecoder(kAlive);
-  auto model = loadDecp2();
-  ASSERT_TRUE(model);
-  EXPECT_EQ(log, Lines{});
-  EXPECT_EQ(engine->decp2Description(), "dec_p2_v3/all");
-  EXPECT_EQ(engine->decp2UnitInUse(), "all");
-  EXPECT_EQ(model->computeUnits(), ComputeUnits::all);
-  EXPECT_TRUE(cacheEntry::belongsTo(scratch.cacheEntries().at(0), "dec_p2_v3_all-alice"));
-}
-
 class Contract : public Decoder, public ::testing::WithParamInterface<std::string> {};
 
 TEST_P(Contract, RefusesADecoderOfAnotherShape) {

@@ -84,58 +84,6 @@ float busy(int p, int y, int x) {
   return wave + 0.3f * noise + ((x / 9 + y / 7) % 5 == 0 ? 0.4f : 0.0f);
 }
 
-struct PlainCase {
-  float value;
-  std::uint8_t expected;
-};
-
-class PlainConversionTest : public ::testing::TestWithParam<PlainCase> {};
-
-TEST_P(PlainConversionTest, ClipsScalesAndRoundsToNearest) {
-  const auto [value, expected] = GetParam();
-  const Raw raw = makeFrame([v = value](int, int, int) { return v; });
-  for (FrameKernels kernels : kBothKernels) {
-    for (float amount : {0.0f, -1.0f}) {
-      FramePath path(kernels);
-      const Bytes out = path.frameToBGR(raw.data(), amount);
-      ASSERT_EQ(out.size(), FramePath::frameBytes);
-      EXPECT_EQ(std::count(out.begin(), out.end(), expected), std::ssize(out))
-          << "value " << value << " became " << int{out[0]};
-    }
-  }
-}
-
-INSTANTIATE_TEST_SUITE_P(Values, PlainConversionTest,
-                         ::testing::Values(PlainCase{1.5f, 255}, PlainCase{-0.2f, 0},
-                                           PlainCase{0.5f, 128}, PlainCase{0.25f, 64},
-                                           PlainCase{1.0f, 255}, PlainCase{0.0f, 0},
-                                           PlainCase{1e-6f, 0}, PlainCase{kInf, 255},
-                                           PlainCase{-kInf, 0}, PlainCase{std::nanf(""), 0}));
-
-TEST(FramePath, PixelsAreBgrOfTheSamePlanePosition) {
-  // Every (plane, row, column) gets its own byte value, exact after the half round trip.
-  auto code = [](int p, int y, int x) { return (p * 97 + y * 13 + x * 7) % 256; };
-  const Raw raw = makeFrame([&](int p, int y, int x) { return code(p, y, x) / 255.0f; });
-  for (FrameKernels kernels : kBothKernels) {
-    FramePath path(kernels);
-    const Bytes out = path.frameToBGR(raw.data(), 0.0f);
-    EXPECT_EQ(out[0], code(2, 0, 0));
-    EXPECT_EQ(out[1], code(1, 0, 0));
-    EXPECT_EQ(out[2], code(0, 0, 0));
-    const std::size_t last = FramePath::frameBytes - 3;
-    EXPECT_EQ(out[last], code(2, H - 1, W - 1));
-    EXPECT_EQ(out[last + 1], code(1, H - 1, W - 1));
-    EXPECT_EQ(out[last + 2], code(0, H - 1, W - 1));
-    std::size_t wrong = 0;
-    for (int p = 0; p < 3; ++p) {
-      for (int y = 0; y < H; ++y) {
-        for (int x = 0; x < W; ++x) wrong += out[byteIndex(y, x, p)] != code(p, y, x);
-      }
-    }
-    EXPECT_EQ(wrong, 0u);
-  }
-}
-
 class SharpenTest : public ::testing::TestWithParam<float> {};
 
 TEST_P(SharpenTest, WithinOneOfTheDirectConvolution) {

@@ -54,42 +54,6 @@ TEST(GraphRuntime, PredictsByNameWithHalfAndIntegerArrays) {
   }
 }
 
-struct ProbeCase {
-  const char* label;
-  std::string source, io;
-  std::optional<std::string> reason;
-};
-
-class DeadGraphReason : public ::testing::TestWithParam<ProbeCase> {};
-
-TEST_P(DeadGraphReason, JudgesTheSyntheticPrediction) {
-  testing::Scratch scratch;
-  std::vector<float> oneNaN(1000, 1.0f);
-  oneNaN[500] = std::numeric_limits<float>::quiet_NaN();
-  auto model = makeGraph(scratch.dir() / "g.mlpackage", GetParam().source, GetParam().io,
-                         {{"n", {1000}, 0.0f, oneNaN}}, ComputeUnits::cpuAndNeuralEngine);
-  ASSERT_TRUE(model);
-  EXPECT_EQ(Liveness::deadGraphReason(*model), GetParam().reason);
-}
-
-const std::string kX = feature("x", "[1000]"), kY = feature("y", "[1000]");
-
-INSTANTIATE_TEST_SUITE_P(
-    Graphs, DeadGraphReason,
-    ::testing::Values(
-        ProbeCase{"alive", "def forward(self, x):\n  return x * 2.0\n", io(kX, kY), std::nullopt},
-        ProbeCase{"zeros", "def forward(self, x):\n  return x * 0.0\n", io(kX, kY),
-                  "ALL 1000 outputs are ZERO"},
-        ProbeCase{"one_nan", "def forward(self, x):\n  return (x, x + self.n)\n",
-                  io(kX, kY + "," + feature("z", "[1000]")), "1 of 2000 outputs are NaN/Inf"},
-        ProbeCase{"integer_output_unjudged", "def forward(self, x):\n  return (x * 0.0, x.int())\n",
-                  io(kX, kY + "," + feature("i", "[1000]", "int32")), std::nullopt},
-        ProbeCase{"flexible_input_unjudged", "def forward(self, x):\n  return x * 0.0\n",
-                  io(feature("x", "[1,-1]"), kY), std::nullopt},
-        ProbeCase{"failing_prediction", "def forward(self, x):\n  return x.view(7)\n",
-                  io(feature("x", "[2,3]"), kY), "prediction FAILED"}),
-    [](const auto& param) { return std::string(param.param.label); });
-
 // A result that breaks its description fails the prediction where it enters, like any other
 // failed prediction, instead of reaching the frame path with the wrong size or type.
 struct ResultCase {

@@ -121,31 +121,6 @@ INSTANTIATE_TEST_SUITE_P(
                       LoopCase{"LengthOverstated", 12, {"matroska", 10, 20}, 23}),
     caseName<LoopCase>);
 
-// B, G, R order on a coloured clip whose rows are padded in the decoded pictures (40 pixels of 4
-// bytes round up to a 192-byte stride).
-class IdleClipColour : public ::testing::TestWithParam<std::array<int, 3>> {};
-
-TEST_P(IdleClipColour, FirstFrameIsBlueGreenRed) {
-  const std::array<int, 3> bgr = GetParam();
-  Scratch scratch;
-  const fs::path path = scratch.dir() / "idle.mp4";
-  writeClip(path, flat(1, 40, 32, [&](int) { return bgr; }), 40, 32);
-  auto [clip, why] = IdleClipStream::open(path, 40, 32);
-  ASSERT_TRUE(clip) << why.value_or("");
-  const std::vector<std::uint8_t>& first = clip->firstFrameBGR();
-  ASSERT_EQ(first.size(), 40u * 32 * 3);
-  for (std::size_t i = 0; i < first.size(); ++i) {
-    ASSERT_NEAR(first[i], bgr[i % 3], 6) << "byte " << i;
-  }
-  std::optional<PixelBuffer> frame = clip->next();
-  ASSERT_TRUE(frame);
-  EXPECT_GE(frame->stride, 40u * 4);
-  EXPECT_EQ(bgrOf(*frame), first);
-}
-
-INSTANTIATE_TEST_SUITE_P(Colours, IdleClipColour,
-                         ::testing::Values(std::array{30, 60, 200}, std::array{220, 140, 40}));
-
 struct RefusalCase {
   const char* name;
   bool url;                                   // open the clip's path, or no url at all

@@ -51,36 +51,5 @@ TEST(ModelResolution, ModelsSearchEveryDirectoryButResourcesOnlyAnActiveIdentity
   ModelResolution::setEngineDir(std::nullopt);
 }
 
-TEST(ModelResolution, DevDirPrefersANonEmptyLumora2DirAndExpandsTilde) {
-  using Opt = std::optional<std::string>;
-  const std::tuple<Opt, Opt, Opt> cases[] = {
-      {"/a", "/b", "/a"}, {"", "/b", "/b"}, {"", "", std::nullopt}, {"~/m", "/b", "/home/t/m"}};
-  Scratch scratch;
-  scratch.env().set("HOME", "/home/t");
-  for (const auto& [lumora2, vivra, expected] : cases) {
-    scratch.env().set("MORVANE_LUMORA2_DIR", lumora2);
-    scratch.env().set("MORVANE_VIVRA_DIR", vivra);
-    auto dir = ModelResolution::devDir();
-    EXPECT_EQ(dir ? Opt(dir->string()) : std::nullopt, expected) << lumora2.value_or("<unset>");
-  }
-}
-
-TEST(ComputeUnits, PerGraphKnobsApplyInOrderAndDecoderNamesDefaultToNeuralEngine) {
-  testing::EnvOverride env;
-  env.set("LUMORA2_STUDENT_CU", "cpuOnly");
-  env.set("LUMORA2_W2V_CU", "cpuAndGPU");
-  env.set("LUMORA2_ATOK_CU", "all");
-  env.set("LUMORA2_SOMETHING_CU", "cpuOnly");
-  EXPECT_EQ(ComputeUnitChoice::cuNameFromEnv("LUMORA2_SOMETHING_CU", "all"), "all");  // not a knob
-  const std::pair<const char*, ComputeUnits> models[] = {
-      {"w2v_student", ComputeUnits::cpuOnly},
-      {"audiotokenizer_w2v", ComputeUnits::cpuAndGPU},
-      {"audiotokenizer_cpuAndNE", ComputeUnits::all},
-      {"AudioTokenizer", ComputeUnits::cpuAndNeuralEngine}};
-  for (auto [name, units] : models) EXPECT_EQ(ComputeUnitChoice::cuForModel(name), units) << name;
-  EXPECT_EQ(ComputeUnitChoice::cuFromName("cpuAndGPU"), ComputeUnits::cpuAndGPU);
-  EXPECT_EQ(ComputeUnitChoice::cuFromName("cpuonly"), ComputeUnits::cpuAndNeuralEngine);
-}
-
 }  // namespace
 }  // namespace lumora2

@@ -174,33 +174,5 @@ INSTANTIATE_TEST_SUITE_P(Signals, WsolaTempoTest,
                                            StretchCase{"oddLength", speech, 3001, 2401}),
                          [](const auto& p) { return p.param.name; });
 
-TEST(WsolaTempo, WindowLengthsAsTheEngineUsesThem) {
-  EXPECT_EQ(WsolaTempo::apply(speech(44000), 35200).size(), 35200u);
-  const std::vector<float> empty = WsolaTempo::apply({}, 35200);
-  EXPECT_EQ(empty, std::vector<float>(35200, 0.0f));
-  // Full scale survives the quantisation round trip (the upper clamp reads back as 1.0).
-  const std::vector<float> sq = WsolaTempo::apply(square(44000), 35200);
-  EXPECT_EQ(sq[0], 1.0f);
-  EXPECT_EQ(*std::min_element(sq.begin(), sq.end()), -1.0f);
-}
-
-TEST(ResampleTo, CountsAndNonFiniteSamples) {
-  EXPECT_TRUE(resampleTo({1.0f, 2.0f}, 0).empty());
-  EXPECT_EQ(resampleTo({7.0f, 2.0f}, 1), std::vector<float>{7.0f});
-  EXPECT_THROW(resampleTo({}, 10), std::invalid_argument);
-
-  // A NaN spoils exactly the interpolations that read it, and nothing else.
-  const float nan = std::nanf("");
-  const std::vector<float> y = resampleTo({0.0f, 1.0f, nan, 3.0f, 4.0f, 5.0f}, 11);
-  ASSERT_EQ(y.size(), 11u);
-  for (int i = 0; i < 11; ++i) {
-    if (i >= 2 && i < 6) {
-      EXPECT_TRUE(std::isnan(y[i])) << i;
-    } else {
-      EXPECT_EQ(y[i], 0.5f * static_cast<float>(i)) << i;
-    }
-  }
-}
-
 }  // namespace
 }  // namespace lumora2

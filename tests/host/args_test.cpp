@@ -82,28 +82,5 @@ INSTANTIATE_TEST_SUITE_P(
                       NumberCase{"1,5", no, no}, NumberCase{"--1", no, no},
                       NumberCase{"true", no, no}));
 
-struct WarmCase {
-  std::optional<std::string> value;  // nullopt: LUMORA2_WARM_SECS unset
-  std::int64_t samples;
-};
-
-class WarmSamplesTest : public ::testing::TestWithParam<WarmCase> {
- protected:
-  void TearDown() override { unsetenv("LUMORA2_WARM_SECS"); }
-};
-
-TEST_P(WarmSamplesTest, ReadsSecondsOfWarmUpSpeech) {
-  if (GetParam().value) setenv("LUMORA2_WARM_SECS", GetParam().value->c_str(), 1);
-  EXPECT_EQ(warmSamples(), GetParam().samples) << GetParam().value.value_or("(unset)");
-}
-
-// 16 kHz speech; 20 s unless the variable is a number; negative is none; a part sample is dropped.
-INSTANTIATE_TEST_SUITE_P(Env, WarmSamplesTest,
-                         ::testing::Values(WarmCase{"2.5", 40000}, WarmCase{"-3", 0},
-                                           WarmCase{"abc", 320000}, WarmCase{no, 320000},
-                                           WarmCase{" 2", 320000}, WarmCase{"", 320000},
-                                           WarmCase{"0", 0}, WarmCase{"0.00001", 0},
-                                           WarmCase{"1e1", 160000}, WarmCase{"1e300", kMax}));
-
 }  // namespace
 }  // namespace lumora2

@@ -45,45 +45,6 @@ INSTANTIATE_TEST_SUITE_P(
             ArtifactKind::avatar, {"dec_p2_v3_all.mlpackage/model.pt", "idle.mp4"}, {"canon.f32"}},
         NeedsCase{ArtifactKind::avatar, kFullEngine, {"dec_p2_v3_all.mlpackage/", "canon.f32"}}));
 
-struct LabelCase {
-  Names members;
-  std::vector<LabelledPath> labels;
-};
-
-class LabelFilesTest : public ::testing::TestWithParam<LabelCase> {};
-
-TEST_P(LabelFilesTest, GivesStableUniqueLabels) {
-  EXPECT_EQ(labelFiles(GetParam().members), GetParam().labels);
-}
-
-// The fixed labels of the known members are pinned by the golden command-line cases.
-INSTANTIATE_TEST_SUITE_P(
-    Rule, LabelFilesTest,
-    ::testing::Values(
-        // Other entries drop their last extension; files below other directories keep their path.
-        LabelCase{{"a.tar.gz", "extra.mlpackage/model.pt", "README", ".env", "x.", "extras/a.bin",
-                   "extras/deep/b", ".mlpackage/x"},
-                  {{"a.tar", "a.tar.gz"},
-                   {"extra", "extra.mlpackage"},
-                   {"README", "README"},
-                   {".env", ".env"},
-                   {"x", "x."},
-                   {"extras/a.bin", "extras/a.bin"},
-                   {"extras/deep/b", "extras/deep/b"},
-                   {".mlpackage/x", ".mlpackage/x"}}},
-        // Fixed labels are claimed first even when the clashing name sorts earlier; other
-        // collisions are numbered in name order, skipping numbers already taken.
-        LabelCase{{"canon.bin", "canon.f32", "notes-2.txt", "notes.md", "notes.mlpackage/x",
-                   "notes.txt", "warm.txt", "warm.wav"},
-                  {{"canon-2", "canon.bin"},
-                   {"canon", "canon.f32"},
-                   {"notes-2", "notes-2.txt"},
-                   {"notes", "notes.md"},
-                   {"notes-3", "notes.mlpackage"},
-                   {"notes-4", "notes.txt"},
-                   {"warm-2", "warm.txt"},
-                   {"warm", "warm.wav"}}}));
-
 using Sha = std::optional<std::string>;
 
 struct VerdictCase {

@@ -1,4 +1,4 @@
-// The render host's WAV loader and sharpness measure, on real files and hand-made frames.
+// The render host's WAV loader on real files.
 #include "render_support.h"
 
 #include <gmock/gmock.h>
@@ -54,50 +54,6 @@ INSTANTIATE_TEST_SUITE_P(Lengths, LoadWav,
                                            LoopCase{5, {0.25f, 0.5f, 0.75f, 0.25f, 0.5f}},
                                            LoopCase{2, {0.25f, 0.5f}}, LoopCase{0, {}},
                                            LoopCase{-4, {}}));
-
-struct SharpCase {
-  const char* label;
-  int w, h;
-  std::vector<std::uint8_t> frame;
-  double expected;  // NaN: not a number
-};
-
-class Sharpness : public ::testing::TestWithParam<SharpCase> {};
-
-TEST_P(Sharpness, IsThePopulationVarianceOfTheGreyLaplacian) {
-  const SharpCase& c = GetParam();
-  const double got = sharpness(c.frame, c.w, c.h);
-  if (std::isnan(c.expected)) {
-    EXPECT_TRUE(std::isnan(got)) << got;
-  } else {
-    EXPECT_DOUBLE_EQ(got, c.expected);
-  }
-}
-
-// 4 × 3 grey levels (each pixel's three bytes equal): interior pixels (1,1) and (2,1).
-std::vector<std::uint8_t> greyFrame(const std::vector<std::uint8_t>& levels) {
-  std::vector<std::uint8_t> out;
-  for (std::uint8_t v : levels) out.insert(out.end(), {v, v, v});
-  return out;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Frames, Sharpness,
-    ::testing::Values(
-        // Grey 10 at (1,1) among zeros: Laplacians −40 there and 10 at (2,1), mean −15.
-        SharpCase{"two_interior", 4, 3, greyFrame({0, 0, 0, 0, 0, 10, 0, 0, 0, 0, 0, 0}), 625.0},
-        SharpCase{"flat", 4, 3, greyFrame(std::vector<std::uint8_t>(12, 7)), 0.0},
-        // The grey value is the mean of the three bytes, in stored order.
-        SharpCase{"byte_mean", 4, 3,
-                  [] {
-                    std::vector<std::uint8_t> f(36, 0);
-                    f[15] = 30;  // pixel (1,1): bytes 30, 0, 0 → grey 10, as above
-                    return f;
-                  }(),
-                  625.0},
-        SharpCase{"short_frame", 4, 3, std::vector<std::uint8_t>(35, 1), 0.0},
-        SharpCase{"one_pixel_wide", 1, 5, std::vector<std::uint8_t>(15, 1), std::nan("")}),
-    [](const auto& param) { return std::string(param.param.label); });
 
 }  // namespace
 }  // namespace lumora2

@@ -90,16 +90,6 @@ class UnpackCommandTest : public test::ScratchTest {
   std::map<std::string, FileRef> declared_;
 };
 
-// The zip form's report is pinned by the golden command-line cases.
-TEST_F(UnpackCommandTest, VerifiesEveryDeclaredMember) {
-  Outcome o = unpack({pack(engineManifest()).string(), dest_});
-  EXPECT_EQ(o.status, 0) << o.err;
-  EXPECT_EQ(o.out, "unpacked e.model → " + dest_ +
-                       "   [IMX\\0]\n  ENGINE format=vivra-engine/1 abi=3\n" +
-                       okLine("frontend", "w2v.mlpackage") + okLine("warm    ", "warm.wav") +
-                       "  checksums OK (2 members)\n");
-}
-
 TEST_F(UnpackCommandTest, MissingAndAlteredMembersEndWithStatusTwoUnlessNotVerified) {
   declared_["ghost"] = {"ghost.bin", std::string(64, '0'), 1};
   fs::path artifact = pack(engineManifest());
@@ -126,27 +116,6 @@ TEST_F(UnpackCommandTest, MissingAndAlteredMembersEndWithStatusTwoUnlessNotVerif
     EXPECT_EQ(o.out, "unpacked e.model → " + dest_ +
                          "   [IMX\\0]\n  ENGINE format=vivra-engine/1 abi=3\n"
                          "  --no-verify — member checksums NOT checked\n");
-  }
-}
-
-TEST_F(UnpackCommandTest, AcceptsTheLegacyAvatarTagAndRefusesUnknownFormats) {
-  AvatarManifest m;
-  m.format = "lumora2-avatar/1";
-  m.code = "ava";
-  m.requiresEngineAbi = 3;
-  m.files["warm"] = declared_["warm"];
-  Outcome o = unpack({pack(ManifestJSON::encode(m)).string(), dest_});
-  EXPECT_EQ(o.status, 0) << o.err;
-  EXPECT_THAT(
-      o.out, ::testing::HasSubstr("\n  AVATAR code=ava requires_engine_abi=3\n" +
-                                  okLine("warm    ", "warm.wav") + "  checksums OK (1 members)\n"));
-  fs::remove_all(dest_);
-  for (const std::string& manifest : {engineManifest("vivra-engine/2"), std::string("not json")}) {
-    o = unpack({pack(manifest).string(), dest_});
-    EXPECT_EQ(o.status, kExitFailure);
-    EXPECT_EQ(o.out, "");
-    EXPECT_EQ(o.err, "error: unrecognized manifest format in e.model\n");
-    EXPECT_FALSE(fs::exists(dest_));
   }
 }
 

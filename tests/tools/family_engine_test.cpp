@@ -142,32 +142,6 @@ TEST_F(FamilyEngine, BackPressureHoldsAtTheLimitAndResumesOnPulls) {
   EXPECT_EQ(engine->queuedFrames(), 63 + 32);
 }
 
-// A reset discards pending audio and the frames of a chunk in flight; queued frames survive a
-// reset that keeps them.
-TEST_F(FamilyEngine, ResetsDropPendingWork) {
-  Engine engine = warmed();
-  engine->feed(tone(kChunk));
-  settle(engine);
-  engine->feed(tone(kChunk + 100));
-  engine->resetState(false);
-  settle(engine);
-  EXPECT_EQ(engine->chunkIndex(), 0);
-  EXPECT_FALSE(engine->hasPendingTail());
-  EXPECT_EQ(positions(drain(engine)), range(0, 22));
-}
-
-TEST_F(FamilyEngine, BenchSyncRendersChunkZeroAndLeavesTheEngineReset) {
-  Engine engine = warmed();
-  const std::int64_t before = engine->producedTotal();
-  StderrCapture capture;
-  engine->benchSync(2);
-  std::vector<std::string> log = logTexts(capture.finish());
-  EXPECT_EQ(engine->producedTotal() - before, 22);
-  EXPECT_THAT(log, Contains(HasSubstr("[vivra-BENCH] generated 22 frames (2s audio) in ")));
-  EXPECT_EQ(engine->queuedFrames(), 0);
-  EXPECT_FALSE(engine->hasPendingTail());
-}
-
 // Destroying an engine with work queued neither crashes nor leaks: queued chunks are dropped,
 // and a chunk running at that moment finishes and then lets the engine go.
 TEST_F(FamilyEngine, DestroyingAnEngineWithQueuedWorkIsSafe) {

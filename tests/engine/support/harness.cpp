@@ -124,6 +124,4 @@ Child::~Child() {
   ::close(errFd_);
 }
 
-std::string outputOf(const std::vector<std::string>& argv) { return Child(argv).finish().first; }
-
 }  // namespace lumora2::testing

@@ -66,7 +66,4 @@ class Child {
   int pid_ = -1, outFd_, errFd_;
 };
 
-// The standard output of running argv to its end.
-std::string outputOf(const std::vector<std::string>& argv);
-
 }  // namespace lumora2::testing
