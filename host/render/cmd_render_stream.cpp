@@ -1,10 +1,11 @@
 // render-stream <X.avatar> --engine <vivra.model>: the long-lived child a parent feeds with audio
-// and reads frames from. After warm-up it writes one header line, then serves length-prefixed
-// messages from standard input (audio, reset, flush, no-op, end) and answers with frame records
-// (4-byte position + R, G, B pixels) and end-of-segment markers on standard output. One serial
-// output queue alone writes standard output after the header; the main thread only reads, feeds
-// and waits. SIGTERM, SIGINT and SIGHUP are taken by one thread (sigwait) that removes the working
-// directory and ends the process with 128 + the signal number.
+// and reads frames from. It refuses containers given in each other's place and members that fail
+// their checksums before it warms up. After warm-up it writes one header line, then serves
+// length-prefixed messages from standard input (audio, reset, flush, no-op, end) and answers with
+// frame records (4-byte position + R, G, B pixels) and end-of-segment markers on standard output.
+// One serial output queue alone writes standard output after the header; the main thread only
+// reads, feeds and waits. SIGTERM, SIGINT and SIGHUP are taken by one thread (sigwait) that removes
+// the working directory and ends the process with 128 + the signal number.
 #include <pthread.h>
 #include <unistd.h>
 
@@ -245,12 +246,20 @@ int renderStream(const Positionals& positionals, const Options& options) {
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   std::signal(SIGPIPE, SIG_IGN);
 
+  // Which file is which, from the manifests alone, before anything is unpacked or loaded.
+  const RenderManifests manifests = readRenderManifests(enginePath, avatarPath);
   std::shared_ptr<Lumora2Engine> engine = Lumora2Engine::create();
   const fs::path workDir = fs::temp_directory_path() / ("ane-render-" + newUUID());
   fs::create_directories(workDir);
-  // A failure to unpack leaves the working directory in place.
-  const std::optional<std::vector<float>> warmSpeech =
-      stageForRendering(enginePath, avatarPath, workDir);
+  // Every member is checked against its manifest before the engine sees it.
+  std::optional<std::vector<float>> warmSpeech;
+  try {
+    warmSpeech = stageForRendering(enginePath, avatarPath, workDir);
+    verifyStaged(workDir, manifests);
+  } catch (...) {
+    removeTreeQuietly(workDir);
+    throw;
+  }
   stderrLine("[render-stream] warming up identity=" + avatarPath.filename().string() + " …");
   const auto started = Clock::now();
   engine->warmUp(warmSpeech);

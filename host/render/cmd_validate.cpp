@@ -90,16 +90,10 @@ int renderValidate(const Positionals& positionals, const Options& options) {
   const double minSharp = decimalOption(options, "min-sharp", kDefaultMinSharp);
   const double onsetRatio = decimalOption(options, "onset-ratio", kDefaultOnsetRatio);
 
-  const EngineManifest engineManifest =
-      ManifestJSON::decodeEngine(Archive::readManifest(enginePath));
-  const AvatarManifest avatarManifest =
-      ManifestJSON::decodeAvatar(Archive::readManifest(avatarPath));
-  if (!EngineManifest::kAcceptedFormats.contains(engineManifest.format)) {
-    throw Err("engine: bad format '" + engineManifest.format + "'");
-  }
-  if (!AvatarManifest::kAcceptedFormats.contains(avatarManifest.format)) {
-    throw Err("avatar: bad format '" + avatarManifest.format + "'");
-  }
+  // Swapped files are named as such; then the format tags.
+  const RenderManifests manifests = readRenderManifests(enginePath, avatarPath);
+  const EngineManifest& engineManifest = manifests.engine;
+  const AvatarManifest& avatarManifest = manifests.avatar;
   if (avatarManifest.requiresEngineAbi != engineManifest.abi) {
     throw Err("ABI mismatch: avatar requires engine abi " +
               std::to_string(avatarManifest.requiresEngineAbi) + ", engine is abi " +

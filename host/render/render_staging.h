@@ -5,7 +5,26 @@
 #include <optional>
 #include <vector>
 
+#include "container/manifest.h"
+
 namespace lumora2 {
+
+struct RenderManifests {
+  EngineManifest engine;
+  AvatarManifest avatar;
+};
+
+// Reads both manifests without unpacking anything. A container given in the other's place is
+// refused by its format tag ("<path> is an avatar file, not an engine file", or the reverse, both
+// in one line when both are swapped); otherwise a manifest that does not decode throws the
+// decoder's error and an unknown format tag throws "engine: bad format '…'" ("avatar: …").
+RenderManifests readRenderManifests(const std::filesystem::path& engine,
+                                    const std::filesystem::path& avatar);
+
+// Digests every declared member of both containers as stageForRendering unpacked them under
+// `dir` (engine first) and throws Err "checksum problems: <problem>; <problem>…" in one line when
+// any is missing or does not match, in the forms validate and unpack print.
+void verifyStaged(const std::filesystem::path& dir, const RenderManifests& manifests);
 
 // Unpacks the engine into `dir`/engine and the avatar into `dir`/avatar (throwing the archive's
 // error; what was unpacked stays for the caller to remove), points the engine at them (the active
