@@ -80,10 +80,14 @@ std::string shellWord(const std::string& word) {
 // streams go to files under `capture`, so that a chatty child never stalls on a pipe.
 Outcome runProcess(const std::vector<std::string>& argv, const fs::path& cwd, const Env& env,
                    const fs::path& capture) {
-  std::string command = "cd " + shellWord(cwd) + " && exec /usr/bin/env -i";
-  for (const auto& [name, value] : env) command += " " + shellWord(name + "=" + value);
-  for (const std::string& word : argv) command += " " + shellWord(word);
-  command += " </dev/null >" + shellWord(capture / "out") + " 2>" + shellWord(capture / "err");
+  // Appended piece by piece: GCC 12 warns falsely (-Wrestrict) about `" " + std::string`.
+  std::string command = "cd ";
+  auto word = [&](const std::string& text) { command.append(" ").append(shellWord(text)); };
+  command.append(shellWord(cwd)).append(" && exec /usr/bin/env -i");
+  for (const auto& [name, value] : env) word(std::string(name).append("=").append(value));
+  for (const std::string& w : argv) word(w);
+  command.append(" </dev/null >").append(shellWord(capture / "out"));
+  command.append(" 2>").append(shellWord(capture / "err"));
   int raw = std::system(command.c_str());
   return {WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw), slurp(capture / "out"),
           slurp(capture / "err")};
