@@ -15,6 +15,7 @@
 #include "liveness.h"
 #include "model_cache.h"
 #include "model_resolution.h"
+#include "protocol/dev_env.h"
 
 namespace lumora2 {
 namespace {
@@ -112,13 +113,31 @@ void Lumora2Engine::warmUp(const std::optional<std::vector<float>>& speech) {
       resetCtxLocked();
     }
 
+    // The two passes below prime state that rendering reads only under some arms: every segment
+    // starts again from resetState, whose context is the canonical frame unless ctx_seed=warm
+    // keeps the speech pass's context, and whose chunk 0 looks back (prepends) by the token
+    // count of the last chunk only under the prepend and clamp_only onset arms. The graphs
+    // themselves were already run at load (GraphModel times three predictions of each). So the
+    // speech pass, most of the warm-up, runs only for ctx_seed=warm, and the silence pass only
+    // for those arms or to draw the rest pose when there is no idle clip; the frames rendered
+    // afterwards are the same bytes either way. LUMORA2_WARMUP=full runs both always.
+    const bool full = DevEnv::knob("LUMORA2_WARMUP").value_or("") == "full";
+    const bool warmSeed = ctxSeedArm().armed == "warm";
+    const std::string& onset = onsetArm().armed;
+    const bool prepends = onset != "gpu" && onset != "gpu_noclamp";
+    const bool silencePass = full || warmSeed || prepends || !idleClip_;
+    const bool speechPass = full || warmSeed;
+
     // Silence pass: four chunks from the canonical context; its last frame is the rest pose.
-    {
-      MutexLock hold(lock_);
-      buf_.assign(static_cast<std::size_t>(kSilenceSamples), 0.0f);
-      bufBase_ = 0;
+    std::vector<std::vector<std::uint16_t>> silence;
+    if (silencePass) {
+      {
+        MutexLock hold(lock_);
+        buf_.assign(static_cast<std::size_t>(kSilenceSamples), 0.0f);
+        bufBase_ = 0;
+      }
+      silence = renderAllDraining(true);
     }
-    std::vector<std::vector<std::uint16_t>> silence = renderAllDraining(true);
     {
       MutexLock hold(pulling_);
       if (!framePath_) framePath_ = std::make_unique<FramePath>();
@@ -131,7 +150,10 @@ void Lumora2Engine::warmUp(const std::optional<std::vector<float>>& speech) {
     }
 
     // Speech pass: leaves the context in a speaking state; its frames are never shown.
-    if (speech && static_cast<std::int64_t>(speech->size()) / 1024 > 24) {
+    if (!speechPass) {
+      engineLog("[vivra] speech pass skipped (ctx_seed=" + ctxSeedArm().armed +
+                ": every segment starts from the canonical frame)");
+    } else if (speech && static_cast<std::int64_t>(speech->size()) / 1024 > 24) {
       {
         MutexLock hold(lock_);
         buf_ = *speech;

@@ -14,12 +14,13 @@
 namespace lumora2::DevEnv {
 
 // The honoured knob names, in their documented order.
-inline constexpr std::array<std::string_view, 15> kMeasurementKnobNames{
+inline constexpr std::array<std::string_view, 16> kMeasurementKnobNames{
     "LUMORA2_ONSET",          "LUMORA2_CTX_SEED",      "LUMORA2_SHARPEN",
     "VIVRA_SHARPEN",          "LUMORA2_AUDIO_PREPROC", "LUMORA2_SHARED_W2V",
     "LUMORA2_GRAPH_LIVENESS", "LUMORA2_STUDENT_CU",    "LUMORA2_W2V_CU",
     "LUMORA2_ATOK_CU",        "LUMORA2_DECP2_V3_CU",   "LUMORA2_MLMODELC_CACHE",
     "LUMORA2_MLMODELC_CACHE_KEEP", "MORVANE_LUMORA2_DIR", "MORVANE_VIVRA_DIR",
+    "LUMORA2_WARMUP",
 };
 
 // The process-wide set, built once on first use (thread-safe static initialisation).
