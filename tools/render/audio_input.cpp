@@ -49,7 +49,7 @@ void convert(SwrContext* swr, const AVFrame* frame, std::vector<float>& out) {
 
 }  // namespace
 
-std::vector<float> decodeAudio(const std::filesystem::path& path) {
+std::vector<float> decodeAudio(const std::filesystem::path& path, const DecodeProgress& progress) {
   const std::string name = path.string();
   AVFormatContext* raw = nullptr;
   if (int rc = avformat_open_input(&raw, name.c_str(), nullptr, nullptr); rc < 0) {
@@ -90,8 +90,12 @@ std::vector<float> decodeAudio(const std::filesystem::path& path) {
   std::vector<float> samples;
   auto drain = [&] {
     while (avcodec_receive_frame(decoder.get(), frame.get()) == 0) {
+      const std::size_t before = samples.size();
       convert(swr.get(), frame.get(), samples);
       av_frame_unref(frame.get());
+      if (progress && samples.size() > before) {
+        progress(samples.data() + before, samples.size() - before);
+      }
     }
   };
   for (;;) {
@@ -106,7 +110,10 @@ std::vector<float> decodeAudio(const std::filesystem::path& path) {
   }
   avcodec_send_packet(decoder.get(), nullptr);
   drain();
+  const std::size_t before = samples.size();
   convert(swr.get(), nullptr, samples);
+  if (progress && samples.size() > before)
+    progress(samples.data() + before, samples.size() - before);
   if (samples.empty()) throw ClientError(name + " holds no audio samples");
   return samples;
 }

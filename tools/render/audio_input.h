@@ -2,7 +2,9 @@
 // count), decoded whole and converted to the engine's input: 16 kHz mono float samples.
 #pragma once
 
+#include <cstddef>
 #include <filesystem>
+#include <functional>
 #include <vector>
 
 namespace lumora2::render {
@@ -12,6 +14,9 @@ inline constexpr int kEngineRate = 16000;
 // The first audio stream of `path`, resampled to kEngineRate and mixed down to one channel.
 // Throws ClientError naming the file when it cannot be opened or read, has no audio stream, or
 // holds no samples.
-std::vector<float> decodeAudio(const std::filesystem::path& path);
+// `progress`, when given, sees the samples as they are decoded, in order, before the call returns.
+using DecodeProgress = std::function<void(const float* samples, std::size_t count)>;
+std::vector<float> decodeAudio(const std::filesystem::path& path,
+                               const DecodeProgress& progress = {});
 
 }  // namespace lumora2::render

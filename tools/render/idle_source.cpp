@@ -1,10 +1,17 @@
 #include "idle_source.h"
 
+extern "C" {
+#include <libavformat/avformat.h>
+}
+
+#include <algorithm>
 #include <fstream>
+#include <limits>
 
 #include "client_error.h"
 #include "container/archive.h"
 #include "container/imx.h"
+#include "container/platform.h"
 #include "engine/idle_clip_stream.h"
 #include "signal_cleanup.h"
 
@@ -12,6 +19,8 @@ namespace lumora2::render {
 namespace {
 
 constexpr const char* kClipName = "idle.mp4";
+// Frames held at most (30 s at 20 fps, 270 MiB at 416 x 720); a longer clip loops over its start.
+constexpr std::size_t kMaxFrames = 600;
 
 // Copies the avatar's idle clip to `dir`/idle.mp4 and returns that path.
 std::filesystem::path extractClip(const std::filesystem::path& avatar,
@@ -25,10 +34,6 @@ std::filesystem::path extractClip(const std::filesystem::path& avatar,
       if (!out.flush()) throw ClientError("cannot write " + clip.string());
     } else if (Lumora2Container::isLegacyZip(avatar)) {
       Archive::unzip(avatar, dir);
-      // Only the clip stays, so that the directory empties with it.
-      for (const auto& entry : std::filesystem::directory_iterator(dir)) {
-        if (entry.path().filename() != kClipName) std::filesystem::remove_all(entry.path());
-      }
     } else {
       throw ClientError(avatar.string() + " is not an avatar file");
     }
@@ -43,39 +48,153 @@ std::filesystem::path extractClip(const std::filesystem::path& avatar,
   return clip;
 }
 
+// The size of the clip's first video stream as its header declares it; 0 x 0 when unknown (the
+// reader then reports what is wrong).
+std::pair<int, int> declaredSize(const std::filesystem::path& clip) {
+  AVFormatContext* format = nullptr;
+  if (avformat_open_input(&format, clip.c_str(), nullptr, nullptr) < 0) return {0, 0};
+  std::pair<int, int> size{0, 0};
+  if (avformat_find_stream_info(format, nullptr) >= 0) {
+    for (unsigned i = 0; i < format->nb_streams; ++i) {
+      const AVCodecParameters* p = format->streams[i]->codecpar;
+      if (p->codec_type == AVMEDIA_TYPE_VIDEO) {
+        size = {p->width, p->height};
+        break;
+      }
+    }
+  }
+  avformat_close_input(&format);
+  return size;
+}
+
 }  // namespace
 
-IdleSource::IdleSource(const std::filesystem::path& avatar, int width, int height)
-    : scratch_("lumora2-render-idle-") {
-  signal_cleanup::setIdleClip(scratch_.path() / kClipName, scratch_.path());
-  auto [clip, why] = IdleClipStream::open(extractClip(avatar, scratch_.path()), width, height);
+IdleSource::IdleSource(const std::filesystem::path& avatar, int width, int height) {
+  // The clip is read whole here, so its extracted copy lives only as long as this constructor.
+  ScratchDir scratch("lumora2-render-idle-");
+  signal_cleanup::setIdleClip(scratch.path() / kClipName, scratch.path());
+  struct Unregister {
+    ~Unregister() { signal_cleanup::setIdleClip({}, {}); }
+  } unregister;
+  const std::filesystem::path clipPath = extractClip(avatar, scratch.path());
+  if (width == 0 || height == 0) std::tie(width, height) = declaredSize(clipPath);
+  auto [clip, why] = IdleClipStream::open(clipPath, width, height);
   if (!clip) throw ClientError("the idle clip of " + avatar.string() + ": " + why.value_or("?"));
-  clip_ = std::move(clip);
-  frame_.resize(std::size_t(width) * std::size_t(height) * 3);
-  const std::vector<std::uint8_t>& bgr = clip_->firstFrameBGR();
-  for (std::size_t i = 0; i + 2 < frame_.size() && i + 2 < bgr.size(); i += 3) {
-    frame_[i] = bgr[i + 2];
-    frame_[i + 1] = bgr[i + 1];
-    frame_[i + 2] = bgr[i];
+
+  PictureConverter converter(width, height, PictureConverter::Layout::bgra);
+  while (frames_.size() < kMaxFrames) {
+    std::optional<PixelBuffer> bgra = clip->next();
+    if (clip->wraps() > 0) break;
+    if (!bgra || !bgra->bytes) continue;  // an unusable picture is left out
+    converter.convert(bgra->bytes->data(), frames_.emplace_back(width, height), bgra->stride);
+  }
+  if (frames_.empty()) throw ClientError("the idle clip of " + avatar.string() + " has no frame");
+
+  // The moving parts: thumbnail cells whose level changes by kMovingLevels or more across the
+  // clip. A clip that hardly moves is compared everywhere.
+  constexpr int kMovingLevels = 4;
+  std::vector<std::vector<std::uint8_t>> thumbs;
+  for (const Picture& f : frames_) thumbs.push_back(thumbnail(f));
+  const std::size_t cells = thumbs.front().size();
+  for (std::size_t c = 0; c < cells; ++c) {
+    int lo = 255, hi = 0;
+    for (const auto& t : thumbs) {
+      lo = std::min<int>(lo, t[c]);
+      hi = std::max<int>(hi, t[c]);
+    }
+    if (hi - lo >= kMovingLevels) moving_.push_back(c);
+  }
+  if (moving_.size() * 100 < cells) {
+    moving_.clear();
+    for (std::size_t c = 0; c < cells; ++c) moving_.push_back(c);
+  }
+  for (const Picture& f : frames_) likenesses_.push_back(likeness(f));
+
+  const std::size_t n = frames_.size();
+  distances_.assign(n * n, 0.0);
+  for (std::size_t a = 0; a < n; ++a) {
+    for (std::size_t b = a + 1; b < n; ++b) {
+      distances_[a * n + b] = distances_[b * n + a] =
+          thumbnailDistance(likenesses_[a], likenesses_[b]);
+    }
+  }
+  for (std::size_t a = 0; a < n; ++a) {
+    largestNaturalStep_ = std::max(largestNaturalStep_, distance(a, a + 1));
   }
 }
 
-IdleSource::~IdleSource() { signal_cleanup::setIdleClip({}, {}); }
+IdleSource::~IdleSource() = default;
 
-const std::vector<std::uint8_t>& IdleSource::next() {
-  std::optional<PixelBuffer> picture = clip_->next();
-  if (!picture || !picture->bytes) return frame_;
-  const std::uint8_t* src = picture->bytes->data();
-  std::uint8_t* dst = frame_.data();
-  for (int y = 0; y < picture->height; ++y) {
-    const std::uint8_t* row = src + std::size_t(y) * picture->stride;
-    for (int x = 0; x < picture->width; ++x, dst += 3) {
-      dst[0] = row[4 * x + 2];
-      dst[1] = row[4 * x + 1];
-      dst[2] = row[4 * x];
+const Picture& IdleSource::next() {
+  const Picture& f = frames_[cursor_];
+  cursor_ = (cursor_ + 1) % frames_.size();
+  return f;
+}
+
+IdleSource::Likeness IdleSource::likeness(const Picture& picture) const {
+  const std::vector<std::uint8_t> t = thumbnail(picture);
+  Likeness out;
+  out.reserve(moving_.size());
+  for (std::size_t c : moving_) out.push_back(c < t.size() ? t[c] : 0);
+  return out;
+}
+
+double IdleSource::distance(const Likeness& picture, std::size_t index) const {
+  return thumbnailDistance(picture, likenesses_[index % frames_.size()]);
+}
+
+std::size_t IdleSource::nearest(const Likeness& picture) const {
+  std::size_t best = 0;
+  double bestDistance = std::numeric_limits<double>::infinity();
+  for (std::size_t i = 0; i < likenesses_.size(); ++i) {
+    const double d = thumbnailDistance(picture, likenesses_[i]);
+    if (d < bestDistance) {
+      bestDistance = d;
+      best = i;
     }
   }
-  return frame_;
+  return best;
+}
+
+IdleSource::Plan IdleSource::planIdle(std::size_t start, std::size_t count, std::size_t target,
+                                      std::ptrdiff_t previous, const JumpCheck& acceptable) const {
+  const std::size_t n = frames_.size();
+  Plan plan;
+  plan.frames.resize(count);
+  if (count == 0) return plan;
+  start %= n;
+  // Frame t is start + t before the jump and target - (count - 1 - t) from it on. Jumping at s
+  // puts frame (landing + s) right after (start + s - 1), or after `previous` when s is 0.
+  const std::size_t landing = (target % n + n * count - (count - 1)) % n;
+  std::ptrdiff_t jumpAt = -1;
+  plan.lands = (start + count - 1) % n == target % n;
+  if (!plan.lands) {
+    // Candidate moments, the least visible first; the few best are put to `acceptable`.
+    constexpr std::size_t kChecked = 8;
+    std::vector<std::pair<double, std::size_t>> candidates;
+    for (std::size_t s = 0; s < count; ++s) {
+      if (s == 0 && previous < 0) continue;
+      const std::size_t before = s == 0 ? std::size_t(previous) : start + s - 1;
+      const double cost = distance(before, landing + s);
+      if (cost <= largestNaturalStep_) candidates.emplace_back(cost, s);
+    }
+    std::sort(candidates.begin(), candidates.end());
+    for (std::size_t k = 0; k < std::min(kChecked, candidates.size()); ++k) {
+      const std::size_t s = candidates[k].second;
+      const std::size_t before = s == 0 ? std::size_t(previous) : start + s - 1;
+      if (acceptable(before % n, (landing + s) % n)) {
+        jumpAt = std::ptrdiff_t(s);
+        plan.jump = candidates[k].first;
+        plan.lands = true;
+        break;
+      }
+    }
+  }
+  for (std::size_t t = 0; t < count; ++t) {
+    const bool jumped = jumpAt >= 0 && t >= std::size_t(jumpAt);
+    plan.frames[t] = jumped ? (landing + t) % n : (start + t) % n;
+  }
+  return plan;
 }
 
 }  // namespace lumora2::render

@@ -1,37 +1,79 @@
 // IdleSource: the avatar's idle clip ("idle.mp4"), read out of the avatar file itself (either
-// container form) and played frame by frame, looping at its end, as R, G, B pictures. One cursor
-// serves the whole video, so the idle motion only ever moves forward.
+// container form), decoded once through the engine's own idle-clip reader and held in memory as
+// the pictures the encoder gets. A cursor plays it in a loop; because every frame is at hand, the
+// client can also continue the clip from the frame that looks most like a given picture, and
+// plan a stretch of idle that ends on such a frame (see planIdle).
+//
+// A clip of the reference family (120 frames of 416 x 720) takes 54 MiB.
 #pragma once
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <vector>
 
-#include "container/platform.h"
-
-namespace lumora2 {
-class IdleClipStream;
-}
+#include "picture.h"
 
 namespace lumora2::render {
 
 class IdleSource {
  public:
-  // Throws ClientError when the avatar holds no usable idle clip of width x height.
-  IdleSource(const std::filesystem::path& avatar, int width, int height);
+  // Throws ClientError when the avatar holds no usable idle clip, or (with width and height
+  // given) one of another size. Width and height 0 take the clip's own size.
+  explicit IdleSource(const std::filesystem::path& avatar, int width = 0, int height = 0);
   ~IdleSource();
   IdleSource(const IdleSource&) = delete;
   IdleSource& operator=(const IdleSource&) = delete;
 
-  // The next frame of the clip, width x height x 3 bytes, R, G, B; the previous one again when
-  // the clip cannot deliver (its first frame before any).
-  const std::vector<std::uint8_t>& next();
+  int width() const { return frames_.front().width; }
+  int height() const { return frames_.front().height; }
+  std::size_t frameCount() const { return frames_.size(); }
+  const Picture& frame(std::size_t index) const { return frames_[index % frames_.size()]; }
+
+  // The frame at the cursor; the cursor moves on by one (from the last frame to frame 0).
+  const Picture& next();
+  std::size_t cursor() const { return cursor_; }
+  void seek(std::size_t index) { cursor_ = index % frames_.size(); }
+
+  // A picture's likeness key: its luma thumbnail over the parts of the picture that move in the
+  // clip (eyes, lids, head), where two pictures that look alike elsewhere can still differ.
+  using Likeness = std::vector<std::uint8_t>;
+  Likeness likeness(const Picture& picture) const;
+  // How different a picture and a clip frame, or two clip frames, look (mean absolute luma
+  // difference over the moving parts of the thumbnails).
+  double distance(const Likeness& picture, std::size_t index) const;
+  double distance(std::size_t a, std::size_t b) const {
+    return distances_[(a % frames_.size()) * frames_.size() + b % frames_.size()];
+  }
+  // The clip frame most like a picture.
+  std::size_t nearest(const Likeness& picture) const;
+  // The largest distance between neighbouring clip frames (the authored seam included): a jump
+  // no larger than this looks like the clip's own motion.
+  double largestNaturalStep() const { return largestNaturalStep_; }
+
+  // The clip frames to show for `count` idle frames from clip frame `start` (the frame shown
+  // just before is clip frame `previous`, or none when negative), so that the last one is
+  // `target` where the clip allows it: the clip plays on and at most once jumps to the stretch
+  // that ends on `target`, at the moment where that jump looks most like the clip's own motion,
+  // only when it looks no larger than that and `acceptable(from, to)` agrees to showing clip
+  // frame `to` right after clip frame `from`.
+  struct Plan {
+    std::vector<std::size_t> frames;
+    double jump = 0;     // the distance the jump crosses; 0 without one
+    bool lands = false;  // the last frame is `target`
+  };
+  using JumpCheck = std::function<bool(std::size_t from, std::size_t to)>;
+  Plan planIdle(std::size_t start, std::size_t count, std::size_t target, std::ptrdiff_t previous,
+                const JumpCheck& acceptable) const;
 
  private:
-  ScratchDir scratch_;  // holds the extracted clip while it plays
-  std::unique_ptr<IdleClipStream> clip_;
-  std::vector<std::uint8_t> frame_;
+  std::vector<Picture> frames_;
+  std::vector<Likeness> likenesses_;
+  std::vector<std::size_t> moving_;  // thumbnail cells that change within the clip
+  std::vector<double> distances_;    // frameCount x frameCount
+  double largestNaturalStep_ = 0;
+  std::size_t cursor_ = 0;
 };
 
 }  // namespace lumora2::render

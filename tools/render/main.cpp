@@ -15,6 +15,9 @@ extern "C" {
 }
 
 #include "client_error.h"
+#include "container/archive.h"
+#include "container/manifest.h"
+#include "output_path.h"
 #include "render_job.h"
 #include "signal_cleanup.h"
 
@@ -83,6 +86,49 @@ lumora2::render::RenderOptions parseArguments(const std::vector<std::string>& ar
   return options;
 }
 
+// What a container's manifest says it is, "engine" or "avatar"; "" when the file cannot tell
+// (missing, unreadable, neither): the render reports those itself. Digests are not checked here:
+// render-stream does that.
+std::string artifactKind(const fs::path& file) {
+  std::error_code ec;
+  if (!fs::is_regular_file(file, ec)) return "";
+  std::string manifest;
+  try {
+    manifest = lumora2::Archive::readManifest(file);
+  } catch (const std::exception&) {
+    return "";
+  }
+  try {
+    const std::string format = lumora2::ManifestJSON::decodeEngine(manifest).format;
+    if (lumora2::EngineManifest::kAcceptedFormats.contains(format)) return "engine";
+  } catch (const std::exception&) {
+    // Not an engine's manifest.
+  }
+  try {
+    const std::string format = lumora2::ManifestJSON::decodeAvatar(manifest).format;
+    if (lumora2::AvatarManifest::kAcceptedFormats.contains(format)) return "avatar";
+  } catch (const std::exception&) {
+    // Neither.
+  }
+  return "";
+}
+
+// Refuses an engine given as the avatar or the other way round, before a child is started.
+void checkKinds(const lumora2::render::RenderOptions& options) {
+  const std::string avatar = artifactKind(options.avatar);
+  const std::string engine = artifactKind(options.engine);
+  std::string wrong;
+  if (engine == "avatar")
+    wrong = options.engine.string() + " is an avatar file, not an engine file";
+  if (avatar == "engine") {
+    wrong += (wrong.empty() ? "" : "; ") + options.avatar.string() +
+             " is an engine file, not an avatar file";
+  }
+  if (!wrong.empty()) throw ClientError(wrong);
+}
+
+const char* plural(std::size_t count) { return count == 1 ? "" : "s"; }
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -97,15 +143,21 @@ int main(int argc, char** argv) {
   av_log_set_level(AV_LOG_QUIET);
   try {
     const lumora2::render::RenderOptions options = parseArguments(args);
+    lumora2::render::checkOutputPath(
+        options.output,
+        {{"audio", options.audio}, {"avatar", options.avatar}, {"engine", options.engine}});
+    checkKinds(options);
     lumora2::render::signal_cleanup::setPartialFile(
         lumora2::render::partialNameFor(options.output));
     lumora2::render::signal_cleanup::install();
     const lumora2::render::RenderReport r = lumora2::render::renderToMp4(options);
     std::printf(
-        "%s: %zu frames (%.2f s at 20 fps), %zu utterances, %zu rendered frames; seams: largest "
-        "step %.2f (between rendered frames: up to %.2f)\n",
-        options.output.c_str(), r.frames, double(r.frames) / 20.0, r.utterances, r.renderedFrames,
-        r.largestSeamStep, r.largestRenderedStep);
+        "%s: %zu frame%s (%.2f s at 20 fps), %zu utterance%s, %zu rendered frame%s; seams: "
+        "largest step %.2f (between rendered frames: up to %.2f; idle and rendered pictures up "
+        "to %.2f apart)\n",
+        options.output.c_str(), r.frames, plural(r.frames), double(r.frames) / 20.0, r.utterances,
+        plural(r.utterances), r.renderedFrames, plural(r.renderedFrames), r.largestSeamStep,
+        r.largestRenderedStep, r.largestSeamGap);
     return 0;
   } catch (const ClientError& e) {
     std::fprintf(stderr, "error: %s\n", e.what());

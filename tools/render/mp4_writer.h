@@ -8,6 +8,8 @@
 #include <memory>
 #include <vector>
 
+#include "picture.h"
+
 namespace lumora2::render {
 
 class Mp4Writer {
@@ -21,8 +23,9 @@ class Mp4Writer {
   Mp4Writer(const Mp4Writer&) = delete;
   Mp4Writer& operator=(const Mp4Writer&) = delete;
 
-  // Appends one frame (width x height x 3 bytes, R, G, B) and the audio that plays during it.
-  void addFrame(const std::uint8_t* rgb);
+  // Appends one frame (width x height, BT.601 limited range, as the file declares) and the audio
+  // that plays during it.
+  void addFrame(const Picture& picture);
   // Encodes the rest of the audio, drains both encoders and writes the index.
   void finish();
 

@@ -7,12 +7,14 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <future>
 #include <memory>
 #include <optional>
 #include <vector>
 
 #include "audio_input.h"
 #include "client_error.h"
+#include "composer.h"
 #include "idle_source.h"
 #include "mp4_writer.h"
 #include "stream_child.h"
@@ -22,192 +24,13 @@ namespace lumora2::render {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using Frame = std::vector<std::uint8_t>;
-
-// Mean absolute difference per colour byte.
-double meanStep(const std::uint8_t* a, const std::uint8_t* b, std::size_t size) {
-  std::uint64_t sum = 0;
-  for (std::size_t i = 0; i < size; ++i) sum += std::uint64_t(std::abs(int(a[i]) - int(b[i])));
-  return size == 0 ? 0 : double(sum) / double(size);
-}
-
-// (1 - alpha) * a + alpha * b. Each byte rounds at its own fixed threshold (a hash of its index),
-// so that across a dissolve the bytes that differ by a level or two change at evenly spread
-// moments instead of all at once at alpha = 1/2: every step of the dissolve moves the picture by
-// about the same amount.
-void mix(const std::uint8_t* a, const std::uint8_t* b, double alpha, std::uint8_t* out,
-         std::size_t size) {
-  const auto w = int(std::lround(alpha * 256));
-  for (std::size_t i = 0; i < size; ++i) {
-    const int threshold = int((std::uint32_t(i) * 2654435761u) >> 24);  // 0 .. 255
-    out[i] = std::uint8_t((int(a[i]) * 256 + (int(b[i]) - int(a[i])) * w + threshold) >> 8);
-  }
-}
-
-// Lays frames on the video's timeline in order and dissolves where idle and rendered pictures
-// meet. A seam is dissolved over n frames when the jump across it is more than half the largest
-// step between neighbouring rendered frames seen so far (the reference): n = ceil(2 * jump /
-// reference) - 1, at most kMaxBlend, so each step of the dissolve moves half a reference or
-// less. Entering an utterance, the last idle picture holds still while the rendered frames fade
-// in over it; leaving one, the last rendered picture fades into the next idle frame, which holds
-// still meanwhile. The idle clip stands still while rendered frames show, so the idle motion picks
-// up where it left off and never jumps back.
-class Composer {
- public:
-  static constexpr std::size_t kMaxBlend = 20;  // one second
-  // The reference never falls below this (mean absolute difference per byte): a jump this small
-  // is not seen.
-  static constexpr double kQuietStep = 0.05;
-
-  Composer(Mp4Writer& writer, IdleSource& idle, std::size_t frameBytes)
-      : writer_(writer), idle_(idle), bytes_(frameBytes), scratch_(frameBytes) {}
-
-  // Output frames decided so far (written or held for an entry dissolve).
-  std::size_t position() const { return written_ + entry_.size(); }
-
-  // Idle frames up to output frame `end`, leaving a finished utterance through its exit dissolve.
-  void idleUntil(std::size_t end) {
-    settleEntry();
-    while (position() < end) {
-      if (exit_) {
-        // The first idle frame after an utterance, held while the last rendered one fades.
-        // With too little room before `end` the dissolve stops part way, its steps as small as
-        // ever; an utterance that follows dissolves from there.
-        const Frame& target = idle_.next();
-        const std::size_t n = blendLength(meanStep(exit_->data(), target.data(), bytes_));
-        const std::size_t room = end - position();
-        for (std::size_t i = 1; i <= std::min(n, room); ++i) {
-          mix(exit_->data(), target.data(), double(i) / double(n + 1), scratch_.data(), bytes_);
-          put(scratch_.data(), Kind::Seam);
-        }
-        if (room > n) put(target.data(), Kind::Seam);
-        exit_.reset();
-        continue;
-      }
-      put(idle_.next().data(), Kind::Idle);
-    }
-  }
-
-  void beginUtterance() {
-    settleEntry();
-    entering_ = written_ > 0;
-    exit_.reset();
-    previousRendered_.reset();
-  }
-
-  // The next rendered frame of the current utterance.
-  void rendered(const std::uint8_t* rgb) {
-    ++renderedCount_;
-    if (previousRendered_) {
-      largestRendered_ =
-          std::max(largestRendered_, meanStep(previousRendered_->data(), rgb, bytes_));
-    } else {
-      previousRendered_.emplace(bytes_);
-    }
-    std::copy_n(rgb, bytes_, previousRendered_->data());
-    if (entering_) {
-      entry_.emplace_back(rgb, rgb + bytes_);
-      if (entry_.size() == kMaxBlend + 1) settleEntry();
-      return;
-    }
-    put(rgb, Kind::Rendered);
-  }
-
-  void endUtterance() {
-    settleEntry();
-    exit_ = std::move(previousRendered_);
-    previousRendered_.reset();
-  }
-
-  std::size_t renderedFrames() const { return renderedCount_; }
-  double largestSeamStep() const { return largestSeam_; }
-  double largestRenderedStep() const { return largestRendered_; }
-
- private:
-  enum class Kind { Idle, Rendered, Seam };
-
-  std::size_t blendLength(double jump) const {
-    const double reference = std::max(largestRendered_, kQuietStep);
-    if (2 * jump <= reference) return 0;
-    return std::min(kMaxBlend, std::size_t(std::ceil(2 * jump / reference)) - 1);
-  }
-
-  // Writes the frames held for the entry dissolve. Frame i shows (1 - alpha_i) * P + alpha_i *
-  // R_i over the last idle frame P, with alpha_i the largest weight (not below alpha_(i-1)) that
-  // keeps the step from the previous output within the reference. Keeping the weight always
-  // fits (the step is then alpha times a rendered step), so the dissolve never jumps; one that has
-  // not reached the rendered picture when the held frames run out completes there.
-  void settleEntry() {
-    if (!entering_) return;
-    entering_ = false;
-    const Frame held = last_;
-    const double reference = std::max(largestRendered_, kQuietStep);
-    double alpha = 0;
-    bool arrived = false;  // a frame has shown the rendered picture alone
-    for (std::size_t i = 0; i < entry_.size(); ++i) {
-      const std::uint8_t* r = entry_[i].data();
-      if (alpha < 1 && i + 1 < entry_.size()) {
-        auto stepAt = [&](double a) {
-          mix(held.data(), r, a, scratch_.data(), bytes_);
-          return meanStep(last_.data(), scratch_.data(), bytes_);
-        };
-        if (stepAt(1) <= reference) {
-          alpha = 1;
-        } else {
-          double lo = alpha, hi = 1;
-          for (int k = 0; k < 8; ++k) {
-            const double mid = (lo + hi) / 2;
-            (stepAt(mid) <= reference ? lo : hi) = mid;
-          }
-          alpha = lo;
-        }
-      } else {
-        alpha = 1;
-      }
-      if (alpha < 1) {
-        mix(held.data(), r, alpha, scratch_.data(), bytes_);
-        put(scratch_.data(), Kind::Seam);
-      } else {
-        put(r, arrived ? Kind::Rendered : Kind::Seam);
-        arrived = true;
-      }
-    }
-    entry_.clear();
-  }
-
-  void put(const std::uint8_t* rgb, Kind kind) {
-    if (written_ > 0 && kind == Kind::Seam) {
-      largestSeam_ = std::max(largestSeam_, meanStep(last_.data(), rgb, bytes_));
-    }
-    writer_.addFrame(rgb);
-    if (last_.empty()) last_.resize(bytes_);
-    std::copy_n(rgb, bytes_, last_.data());
-    ++written_;
-  }
-
-  Mp4Writer& writer_;
-  IdleSource& idle_;
-  const std::size_t bytes_;
-  Frame scratch_;
-  Frame last_;  // the last frame written
-  std::size_t written_ = 0;
-  std::size_t renderedCount_ = 0;
-  bool entering_ = false;
-  std::vector<Frame> entry_;  // rendered frames held until the entry dissolve is decided
-  std::optional<Frame> previousRendered_;  // the utterance's latest rendered frame
-  std::optional<Frame> exit_;              // the last rendered frame, to fade out
-  double largestSeam_ = 0;
-  double largestRendered_ = 0;
-};
 
 // Progress on standard error: one line rewritten in place on a terminal, else one line per
 // utterance.
 class Progress {
  public:
   explicit Progress(double totalSeconds)
-      : total_(totalSeconds), terminal_(::isatty(STDERR_FILENO) == 1), start_(Clock::now()) {
-    if (terminal_) std::fprintf(stderr, "starting render-stream (its engine warms up first)\n");
-  }
+      : total_(totalSeconds), terminal_(::isatty(STDERR_FILENO) == 1), start_(Clock::now()) {}
 
   void frames(std::size_t done, std::size_t total) {
     if (!terminal_) return;
@@ -223,13 +46,22 @@ class Progress {
   }
 
   // Starts the clock once the child is ready, so that rates and time left leave its warm-up out.
-  void begin() {
+  void begin(bool rendering) {
     start_ = Clock::now();
-    if (terminal_) std::fprintf(stderr, "render-stream ready; rendering\n");
+    if (terminal_) {
+      std::fprintf(stderr, rendering ? "render-stream ready; rendering\n"
+                                     : "no speech in the audio: the idle clip only\n");
+    }
   }
 
-  void utterance(std::size_t index, std::size_t count, const Utterance& u, std::size_t done) {
+  void utterance(std::size_t index, std::size_t count, const Utterance& u, std::size_t done,
+                 bool rendered) {
     if (terminal_) return;
+    if (!rendered) {
+      std::fprintf(stderr, "utterance %zu/%zu: %.2f s to %.2f s not rendered (idle clip shown)\n",
+                   index + 1, count, double(u.firstFrame) / 20.0, double(u.endFrame) / 20.0);
+      return;
+    }
     const double elapsed = std::chrono::duration<double>(Clock::now() - start_).count();
     std::fprintf(
         stderr, "utterance %zu/%zu: %.2f s to %.2f s rendered (%.1f s of %.1f s, %.0f fps)\n",
@@ -275,10 +107,11 @@ void requireFile(const std::filesystem::path& path, const char* what) {
 // status 3) starts a new one and sends the interrupted utterance again, once.
 class StreamSession {
  public:
-  StreamSession(StreamChild::Command command, Progress& progress)
+  StreamSession(StreamChild::Command command, std::unique_ptr<StreamChild> child,
+                Progress& progress)
       : command_(std::move(command)),
         progress_(progress),
-        child_(StreamChild::start(command_)),
+        child_(std::move(child)),
         geometry_(child_->geometry()) {}
 
   const StreamGeometry& geometry() const { return geometry_; }
@@ -349,9 +182,26 @@ RenderReport renderToMp4(const RenderOptions& options) {
   }
   if (!(options.gapSeconds > 0)) throw ClientError("--gap must be a positive number of seconds");
 
-  const std::vector<float> audio = decodeAudio(options.audio);
+  // The child's engine warms up for a few seconds: it starts as soon as the audio holds a sample
+  // loud enough to belong to an utterance, and warms up while the rest of the audio is decoded
+  // and analysed and the idle clip is read. Audio with no such sample has no utterance, and then
+  // no child is started at all.
   SilenceRule rule;
   rule.gapSeconds = options.gapSeconds;
+  const StreamChild::Command command{options.host, options.avatar, options.engine};
+  std::future<std::unique_ptr<StreamChild>> starting;
+  auto startChild = [&] {
+    if (!starting.valid()) {
+      starting = std::async(std::launch::async, [command] { return StreamChild::start(command); });
+    }
+  };
+  const std::vector<float> audio =
+      decodeAudio(options.audio, [&](const float* samples, std::size_t count) {
+        if (starting.valid()) return;
+        for (std::size_t i = 0; i < count; ++i) {
+          if (std::fabs(samples[i]) >= rule.absoluteFloor) return startChild();
+        }
+      });
   const std::vector<Utterance> utterances = splitUtterances(audio, rule);
 
   RenderReport report;
@@ -360,20 +210,33 @@ RenderReport renderToMp4(const RenderOptions& options) {
   report.utterances = utterances.size();
 
   Progress progress(double(audio.size()) / kEngineRate);
-  StreamSession session({options.host, options.avatar, options.engine}, progress);
-  const StreamGeometry& geometry = session.geometry();
-  const std::size_t frameBytes = std::size_t(geometry.width) * std::size_t(geometry.height) * 3;
-  IdleSource idle(options.avatar, geometry.width, geometry.height);
+  IdleSource idle(options.avatar);
+  std::optional<StreamSession> session;
+  if (!utterances.empty()) {
+    startChild();
+    session.emplace(command, starting.get(), progress);
+    const StreamGeometry& geometry = session->geometry();
+    if (geometry.width != idle.width() || geometry.height != idle.height()) {
+      throw ClientError("render-stream renders " + std::to_string(geometry.width) + " x " +
+                        std::to_string(geometry.height) + " frames, the idle clip of " +
+                        options.avatar.string() + " is " + std::to_string(idle.width()) + " x " +
+                        std::to_string(idle.height()));
+    }
+  }
 
   PartialFile partial{partialNameFor(options.output)};
-  Mp4Writer writer(partial.path, geometry.width, geometry.height, geometry.fps, audio, kEngineRate);
-  Composer composer(writer, idle, frameBytes);
-  progress.begin();
+  Mp4Writer writer(partial.path, idle.width(), idle.height(), kEngineRate / int(kSamplesPerFrame),
+                   audio, kEngineRate);
+  Composer composer([&writer](const Picture& picture, Composer::Kind) { writer.addFrame(picture); },
+                    idle);
+  PictureConverter converter(idle.width(), idle.height(), PictureConverter::Layout::rgb24);
+  Picture picture(idle.width(), idle.height());
+  progress.begin(session.has_value());
 
   for (std::size_t k = 0; k < utterances.size(); ++k) {
     const Utterance& u = utterances[k];
     composer.idleUntil(u.firstFrame);
-    progress.frames(composer.position(), report.frames);
+    progress.frames(composer.written(), report.frames);
     composer.beginUtterance();
     const std::size_t from = u.firstFrame * kSamplesPerFrame;
     const std::size_t to = std::min(audio.size(), u.endFrame * kSamplesPerFrame);
@@ -383,19 +246,22 @@ RenderReport renderToMp4(const RenderOptions& options) {
       const std::size_t at = u.firstFrame + position;
       if (at < composer.position() || at >= u.endFrame) return;
       if (at > composer.position()) composer.idleUntil(at);
-      composer.rendered(rgb);
-      progress.frames(composer.position(), report.frames);
+      converter.convert(rgb, picture);
+      composer.rendered(picture);
+      progress.frames(composer.written(), report.frames);
     };
-    if (!session.render(k, audio.data() + from, to - from, onFrame, composer)) {
+    const bool rendered = session->render(k, audio.data() + from, to - from, onFrame, composer);
+    if (!rendered) {
       ++report.failedUtterances;
       progress.warn("utterance " + std::to_string(k + 1) +
                     " could not be rendered; the idle clip covers it");
     }
     composer.endUtterance();
-    progress.utterance(k, utterances.size(), u, composer.position());
+    progress.utterance(k, utterances.size(), u, composer.position(), rendered);
   }
   composer.idleUntil(report.frames);
-  progress.frames(composer.position(), report.frames);
+  composer.finish();
+  progress.frames(composer.written(), report.frames);
   writer.finish();
   progress.finish();
 
@@ -404,9 +270,10 @@ RenderReport renderToMp4(const RenderOptions& options) {
   if (ec) throw ClientError("cannot write " + options.output.string() + ": " + ec.message());
   partial.kept = true;
   report.renderedFrames = composer.renderedFrames();
-  report.respawns = session.respawns();
+  report.respawns = session ? session->respawns() : 0;
   report.largestSeamStep = composer.largestSeamStep();
   report.largestRenderedStep = composer.largestRenderedStep();
+  report.largestSeamGap = composer.largestSeamGap();
   return report;
 }
 

@@ -28,11 +28,15 @@ struct RenderReport {
   std::size_t renderedFrames = 0;    // frames that came from the engine (blended ones included)
   std::size_t failedUtterances = 0;  // covered by idle frames after a failed respawn
   std::size_t respawns = 0;
-  // The largest mean absolute difference (per colour byte) between two neighbouring output
-  // frames at a seam between idle and rendered pictures, and between two neighbouring rendered
-  // frames: the blending keeps the first near the second.
+  // The largest step (pictureStep: per byte of the pictures the encoder gets, or the change of
+  // mean brightness where that is larger) between two neighbouring output frames at a seam
+  // between idle and rendered pictures, and between two neighbouring rendered frames: the
+  // blending keeps the first near the second.
   double largestSeamStep = 0;
   double largestRenderedStep = 0;
+  // The largest difference between the idle and the rendered picture that met at a seam, before
+  // the dissolve joined them.
+  double largestSeamGap = 0;
 };
 
 // Throws ClientError for everything the user must hear about; the output file then does not

@@ -2,6 +2,7 @@
 
 #include <signal.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -32,9 +33,15 @@ extern "C" void onSignal(int signal) {
   if (idleDir[0] != '\0') ::rmdir(idleDir);
   const pid_t pid = childPid;
   if (pid > 0) {
+    // SIGTERM lets the child remove its working directory; SIGCONT wakes a stopped one so that it
+    // can. One that has not gone within 5 s is killed.
     ::kill(pid, SIGTERM);
+    ::kill(pid, SIGCONT);
     int raw = 0;
-    while (::waitpid(pid, &raw, 0) < 0 && errno == EINTR) {
+    for (int waited = 0; ::waitpid(pid, &raw, WNOHANG) == 0; ++waited) {
+      if (waited == 500) ::kill(pid, SIGKILL);
+      const timespec tick{0, 10'000'000};
+      ::nanosleep(&tick, nullptr);
     }
     if (childTmp[0] != '\0') ::rmdir(childTmp);
   }

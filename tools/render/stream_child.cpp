@@ -1,13 +1,16 @@
 #include "stream_child.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstring>
 
 #include <nlohmann/json.hpp>
@@ -25,6 +28,10 @@ constexpr std::uint32_t kMarker = 0xFFFFFFFF;
 constexpr std::size_t kPieceSamples = 16000;  // one second of audio per message
 constexpr std::size_t kTailLines = 8;
 constexpr std::size_t kMaxHeader = 4096;
+constexpr auto kTermGrace = std::chrono::seconds(10);  // before SIGTERM
+constexpr auto kKillGrace = std::chrono::seconds(5);   // after SIGTERM, before SIGKILL
+
+using Clock = std::chrono::steady_clock;
 
 bool writeAll(int fd, const void* data, std::size_t size) {
   const auto* p = static_cast<const std::uint8_t*>(data);
@@ -38,17 +45,37 @@ bool writeAll(int fd, const void* data, std::size_t size) {
   return true;
 }
 
-// Reads exactly `size` bytes; false at the end of the stream (or an error) before that.
-bool readAll(int fd, void* data, std::size_t size) {
+enum class ReadResult { complete, ended, late };
+
+// Reads exactly `size` bytes by `deadline`: `ended` at the end of the stream (or an error) before
+// that, `late` when the deadline passes first.
+ReadResult readAll(int fd, void* data, std::size_t size, Clock::time_point deadline) {
   auto* p = static_cast<std::uint8_t*>(data);
   while (size > 0) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    if (left <= 0) return ReadResult::late;
+    pollfd ready{fd, POLLIN, 0};
+    const int polled = ::poll(&ready, 1, int(std::min<long long>(left, INT_MAX)));
+    if (polled < 0 && errno == EINTR) continue;
+    if (polled < 0) return ReadResult::ended;
+    if (polled == 0) continue;
     const ssize_t n = ::read(fd, p, size);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
+    if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+    if (n <= 0) return ReadResult::ended;
     p += n;
     size -= std::size_t(n);
   }
-  return true;
+  return ReadResult::complete;
+}
+
+// Whether `pid` exits by `deadline`; its raw status in `raw` when it does.
+bool exitsBy(pid_t pid, int& raw, Clock::time_point deadline) {
+  for (;;) {
+    const pid_t r = ::waitpid(pid, &raw, WNOHANG);
+    if (r == pid || (r < 0 && errno != EINTR)) return true;
+    if (Clock::now() >= deadline) return false;
+    ::usleep(10'000);
+  }
 }
 
 int decodeStatus(int raw) {
@@ -170,7 +197,18 @@ std::unique_ptr<StreamChild> StreamChild::start(const Command& command) {
 
   std::string line;
   char c = 0;
-  while (line.size() < kMaxHeader && readAll(child->output_, &c, 1) && c != '\n') line += c;
+  ReadResult got = ReadResult::ended;
+  const auto deadline = Clock::now() + kWarmUpLimit;
+  while (line.size() < kMaxHeader &&
+         (got = readAll(child->output_, &c, 1, deadline)) == ReadResult::complete && c != '\n') {
+    line += c;
+  }
+  if (got == ReadResult::late) {
+    child->kill();
+    throw ClientError("render-stream stopped answering: not ready within " +
+                      std::to_string(kWarmUpLimit.count()) +
+                      " s (it was ended); its last lines:\n" + child->stderrTail());
+  }
   if (c != '\n') {
     const int status = child->exitStatus();
     throw ClientError("render-stream ended before it was ready (exit status " +
@@ -184,33 +222,29 @@ std::unique_ptr<StreamChild> StreamChild::start(const Command& command) {
 
 StreamChild::~StreamChild() {
   // Output first: a child blocked writing a frame record nobody will read ends at once.
-  if (output_ >= 0) ::close(output_);
-  waitForExit(true);
+  if (output_ >= 0) ::close(std::exchange(output_, -1));
+  waitForExit();
 }
 
 void StreamChild::closeInput() {
   if (input_ >= 0) ::close(std::exchange(input_, -1));
 }
 
-void StreamChild::waitForExit(bool terminateIfSlow) {
+void StreamChild::waitForExit() {
   closeInput();
-  reap(terminateIfSlow);
+  reap(kTermGrace);
 }
 
-void StreamChild::reap(bool terminateIfSlow) {
+void StreamChild::reap(std::chrono::milliseconds grace) {
   if (pid_ > 0) {
+    // SIGTERM stays pending in a stopped child; SIGKILL ends it all the same.
     int raw = 0;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (terminateIfSlow && ::waitpid(pid_, &raw, WNOHANG) == 0) {
-      if (std::chrono::steady_clock::now() > deadline) {
-        ::kill(pid_, SIGTERM);
-        terminateIfSlow = false;
-      } else {
-        ::usleep(10'000);
-      }
-    }
-    if (!terminateIfSlow) {
-      while (::waitpid(pid_, &raw, 0) < 0 && errno == EINTR) {
+    if (!exitsBy(pid_, raw, Clock::now() + grace)) {
+      ::kill(pid_, SIGTERM);
+      if (!exitsBy(pid_, raw, Clock::now() + kKillGrace)) {
+        ::kill(pid_, SIGKILL);
+        while (::waitpid(pid_, &raw, 0) < 0 && errno == EINTR) {
+        }
       }
     }
     status_ = decodeStatus(raw);
@@ -220,25 +254,40 @@ void StreamChild::reap(bool terminateIfSlow) {
   if (stderrReader_.joinable()) stderrReader_.join();
 }
 
-bool StreamChild::exitsWithin(std::chrono::milliseconds wait) {
-  const auto deadline = std::chrono::steady_clock::now() + wait;
-  while (pid_ > 0) {
+void StreamChild::kill() {
+  if (pid_ > 0) {
+    ::kill(pid_, SIGKILL);
     int raw = 0;
-    if (::waitpid(pid_, &raw, WNOHANG) == pid_) {
-      status_ = decodeStatus(raw);
-      pid_ = -1;
-      signal_cleanup::setChild(-1, {});
-      break;
+    while (::waitpid(pid_, &raw, 0) < 0 && errno == EINTR) {
     }
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    ::usleep(10'000);
+    status_ = decodeStatus(raw);
+    pid_ = -1;
+    signal_cleanup::setChild(-1, {});
   }
-  reap(false);  // joins the stderr reader
+  if (stderrReader_.joinable()) stderrReader_.join();
+  if (output_ >= 0) ::close(std::exchange(output_, -1));
+  tmp_.reset();
+}
+
+std::chrono::milliseconds StreamChild::segmentLimit(std::size_t count) {
+  const double seconds = 8.0 + 5.0 * double(count) / 25600.0 + 2.0;
+  return std::chrono::milliseconds(std::int64_t(seconds * 1000.0));
+}
+
+bool StreamChild::exitsWithin(std::chrono::milliseconds wait) {
+  if (pid_ > 0) {
+    int raw = 0;
+    if (!exitsBy(pid_, raw, Clock::now() + wait)) return false;
+    status_ = decodeStatus(raw);
+    pid_ = -1;
+    signal_cleanup::setChild(-1, {});
+  }
+  reap(kTermGrace);  // joins the stderr reader
   return true;
 }
 
 int StreamChild::exitStatus() {
-  waitForExit(false);
+  waitForExit();
   return status_;
 }
 
@@ -259,21 +308,43 @@ bool StreamChild::renderSegment(const float* samples, std::size_t count, const F
     }
     writeAll(fd, &kFlush, sizeof kFlush);
   });
+  const auto limit = segmentLimit(count);
+  const auto deadline = Clock::now() + limit;
+  ReadResult got = ReadResult::ended;
   bool marker = false;
-  for (;;) {
-    std::uint32_t word = 0;
-    if (!readAll(output_, &word, sizeof word)) break;
-    if (word == kMarker) {
-      marker = true;
-      break;
+  try {
+    for (;;) {
+      std::uint32_t word = 0;
+      if ((got = readAll(output_, &word, sizeof word, deadline)) != ReadResult::complete) break;
+      if (word == kMarker) {
+        marker = true;
+        break;
+      }
+      if ((got = readAll(output_, record_.data(), record_.size(), deadline)) !=
+          ReadResult::complete) {
+        break;
+      }
+      onFrame(word, record_.data());
     }
-    if (!readAll(output_, record_.data(), record_.size())) break;
-    onFrame(word, record_.data());
+  } catch (...) {
+    // Ending the child makes a blocked write fail, so the writer can be joined; standard input is
+    // closed only after that, so that its descriptor is never reused under the writer.
+    kill();
+    writer.join();
+    closeInput();
+    throw;
+  }
+  if (got == ReadResult::late) {
+    kill();
+    writer.join();
+    closeInput();
+    throw ClientError("render-stream stopped answering: no end of segment within " +
+                      std::to_string(limit.count() / 1000) + " s (it was ended)");
   }
   if (!marker) {
     // The child's output ended. Once it has exited, a writer blocked on the full pipe gets its
     // error; only then is the pipe closed.
-    reap(false);
+    reap(kTermGrace);
   }
   writer.join();
   if (!marker) closeInput();

@@ -45,13 +45,17 @@ class StreamChild {
     std::filesystem::path engine;
   };
 
+  // How long the child may take to warm up and write its header.
+  static constexpr std::chrono::seconds kWarmUpLimit{120};
+
   // Starts the child and waits for its header (the child warms its engine up first, a few
-  // seconds). Throws ClientError when it cannot be started, ends before the header, or the header
-  // is not acceptable; the message names the child's last lines on standard error.
+  // seconds). Throws ClientError when it cannot be started, ends before the header, does not
+  // write it within kWarmUpLimit (the child is then ended), or the header is not acceptable; the
+  // message names the child's last lines on standard error.
   static std::unique_ptr<StreamChild> start(const Command& command);
 
   // Closes the child's standard output and input (the end of the stream) and waits for it to
-  // exit; one that is still running after 10 s gets SIGTERM.
+  // exit; one that is still running after 10 s gets SIGTERM, and SIGKILL 5 s later.
   ~StreamChild();
   StreamChild(const StreamChild&) = delete;
   StreamChild& operator=(const StreamChild&) = delete;
@@ -62,9 +66,15 @@ class StreamChild {
   // thread, so that the child's back-pressure never stalls the reading), and hands every frame
   // record to `onFrame(position, rgb)` until the end-of-segment marker. True when the marker
   // arrived; false when the child's output ended first, after which the child is gone and
-  // exitStatus() says how it ended.
+  // exitStatus() says how it ended. A marker that does not arrive within segmentLimit(count)
+  // ends the child and throws ClientError; so does an exception from `onFrame`, which is thrown
+  // on once the child is ended.
   using FrameFn = std::function<void(std::uint32_t position, const std::uint8_t* rgb)>;
   bool renderSegment(const float* samples, std::size_t count, const FrameFn& onFrame);
+
+  // How long a segment of `count` samples may take: render-stream answers for every 1.6 s chunk
+  // of audio within 5 s and for a flush within 8 s (its own time-outs), plus 2 s of slack.
+  static std::chrono::milliseconds segmentLimit(std::size_t count);
 
   // Closes standard input and waits: the exit status, or 128 + n for signal n.
   int exitStatus();
@@ -79,10 +89,13 @@ class StreamChild {
  private:
   StreamChild() = default;
   // Closes standard input, then reaps.
-  void waitForExit(bool terminateIfSlow);
-  // Waits for the child to exit (with terminateIfSlow: SIGTERM after 10 s), records its status
+  void waitForExit();
+  // Waits for the child to exit (SIGTERM after `grace`, SIGKILL 5 s later), records its status
   // and joins the stderr reader.
-  void reap(bool terminateIfSlow);
+  void reap(std::chrono::milliseconds grace);
+  // Ends the child at once: SIGKILL, reap, close its output and remove its TMPDIR. Standard
+  // input stays open for a writer that may still hold it.
+  void kill();
   void closeInput();
 
   std::unique_ptr<ScratchDir> tmp_;  // the child's TMPDIR; declared first, so removed last

@@ -1,0 +1,342 @@
+// lumora2-render and render-stream when things go wrong: outputs that must not be replaced,
+// containers swapped or damaged, a full disk, a child that stops answering. Each ends with one
+// `error:` line and exit status 1, the inputs untouched and nothing left behind.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cmath>
+#include <fstream>
+#include <functional>
+#include <ostream>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "container/imx.h"
+#include "family_fixture.h"
+#include "render_test_support.h"
+
+namespace lumora2::family::test {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using Clock = std::chrono::steady_clock;
+
+// A 220 Hz tone whose loudness swings 2.5 times a second (the mouth moves, the video does not
+// compress to nothing), `seconds` long, then `pause` seconds of silence, `repeats` times.
+std::vector<float> speech(double seconds, double pause = 0, int repeats = 1) {
+  std::vector<float> audio;
+  for (int r = 0; r < repeats; ++r) {
+    for (std::size_t i = 0; i < std::size_t(seconds * kRate); ++i) {
+      const double t = double(i) / kRate;
+      audio.push_back(float((0.2 + 0.8 * std::abs(std::sin(2 * M_PI * 2.5 * t))) * 0.5 *
+                            std::sin(2 * M_PI * 220.0 * t)));
+    }
+    audio.resize(audio.size() + std::size_t(pause * kRate), 0.0f);
+  }
+  return audio;
+}
+
+std::set<std::string> names(const fs::path& dir) {
+  std::set<std::string> found;
+  for (const auto& e : fs::directory_iterator(dir)) found.insert(e.path().filename());
+  return found;
+}
+
+std::vector<std::string> errorLines(const std::string& err) {
+  std::vector<std::string> lines;
+  std::istringstream in(err);
+  for (std::string line; std::getline(in, line);) {
+    if (line.rfind("error: ", 0) == 0) lines.push_back(line);
+  }
+  return lines;
+}
+
+// Runs lumora2-render with `args` in a process of its own: TMPDIR is `tmp`, standard output and
+// error go to files in `logs`, and `prepare` runs in that process just before the exec.
+pid_t startRender(const std::vector<std::string>& args, const fs::path& tmp, const fs::path& logs,
+                  const std::function<void()>& prepare = {}) {
+  std::vector<std::string> argv = {renderBin().string()};
+  argv.insert(argv.end(), args.begin(), args.end());
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    ::setenv("TMPDIR", tmp.c_str(), 1);
+    ::dup2(::open((logs / "stdout").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 1);
+    ::dup2(::open((logs / "stderr").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), 2);
+    if (prepare) prepare();
+    std::vector<char*> raw;
+    for (std::string& a : argv) raw.push_back(a.data());
+    raw.push_back(nullptr);
+    ::execv(raw[0], raw.data());
+    ::_exit(127);
+  }
+  return pid;
+}
+
+int statusOf(int raw) { return WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw); }
+
+// A render's working directory: the inputs (copies of the family's containers, so that a broken
+// refusal can only ever replace these), the child's TMPDIR and the logs.
+class RenderRobustness : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(generatedFamily().packed);
+    ::setenv("LUMORA2_MLMODELC_CACHE", (generatedFamily().root / "render-cache").c_str(), 1);
+    dir_ = scratchDir("render-robust");
+    tmp_ = scratchDir("render-robust-tmp");
+    logs_ = scratchDir("render-robust-logs");
+    fs::copy_file(avatarFile(), dir_ / "ava.avatar");
+    fs::copy_file(engineFile(), dir_ / "vivra.model");
+    writeWav(dir_ / "in.wav", speech(1.0));
+  }
+
+  std::vector<std::string> args(const fs::path& out, const fs::path& audio) const {
+    return {(dir_ / "ava.avatar").string(),
+            "--engine",
+            (dir_ / "vivra.model").string(),
+            "--audio",
+            audio.string(),
+            "-o",
+            out.string()};
+  }
+
+  // Snapshots the inputs for expectCleanFailure().
+  void remember() {
+    before_ = names(dir_);
+    for (const char* f : {"ava.avatar", "vivra.model", "in.wav"}) {
+      contents_.push_back(readFile(dir_ / f));
+    }
+  }
+
+  // Exit status 1, exactly one `error:` line (the last) holding `message`, the inputs as they
+  // were, no new file beside them and an empty TMPDIR.
+  void expectCleanFailure(int status, const std::string& message) {
+    const std::string err = readFile(logs_ / "stderr");
+    EXPECT_EQ(status, 1) << err;
+    const std::vector<std::string> errors = errorLines(err);
+    ASSERT_EQ(errors.size(), 1u) << err;
+    EXPECT_THAT(errors[0], HasSubstr(message));
+    EXPECT_THAT(err, ::testing::EndsWith(errors[0] + "\n"));
+    EXPECT_EQ(names(dir_), before_);
+    std::size_t i = 0;
+    for (const char* f : {"ava.avatar", "vivra.model", "in.wav"}) {
+      EXPECT_EQ(readFile(dir_ / f), contents_[i++]) << f << " changed";
+    }
+    EXPECT_THAT(names(tmp_), IsEmpty()) << "left in TMPDIR";
+  }
+
+  int run(const std::vector<std::string>& arguments, const std::function<void()>& prepare = {}) {
+    remember();
+    int raw = 0;
+    ::waitpid(startRender(arguments, tmp_, logs_, prepare), &raw, 0);
+    return statusOf(raw);
+  }
+
+  fs::path dir_, tmp_, logs_;
+  std::set<std::string> before_;
+  std::vector<std::string> contents_;
+};
+
+// Refused before a child is started: the host is a script that leaves a mark when it runs.
+struct Refusal {
+  const char* name;
+  std::function<void(const fs::path& dir)> setup;  // makes what the case needs in `dir`
+  // Changes the arguments: [0] the avatar, [2] the engine, [4] the audio, [6] the output.
+  std::function<void(std::vector<std::string>& args, const fs::path& dir)> change;
+  const char* message;
+  bool unprivileged = false;  // run as "nobody" when root (root may write anywhere)
+};
+
+void PrintTo(const Refusal& refusal, std::ostream* out) { *out << refusal.name; }
+
+class RenderRefusal : public RenderRobustness, public ::testing::WithParamInterface<Refusal> {};
+
+TEST_P(RenderRefusal, BeforeAnyWork) {
+  const fs::path host = logs_ / "host.sh";
+  std::ofstream(host) << "#!/bin/sh\ntouch '" << (logs_ / "spawned").string() << "'\nexit 1\n";
+  fs::permissions(host, fs::perms::all);
+  if (GetParam().setup) GetParam().setup(dir_);
+  std::vector<std::string> a = args(dir_ / "out.mp4", dir_ / "in.wav");
+  GetParam().change(a, dir_);
+  a.insert(a.end(), {"--host", host.string()});
+  const bool drop = GetParam().unprivileged && ::geteuid() == 0;
+  const int status = run(a, [drop] {
+    if (drop && (::setgid(65534) != 0 || ::setuid(65534) != 0)) ::_exit(99);
+  });
+  expectCleanFailure(status, GetParam().message);
+  EXPECT_FALSE(fs::exists(logs_ / "spawned")) << "a child was started";
+  struct stat null {};
+  ASSERT_EQ(::stat("/dev/null", &null), 0);
+  EXPECT_TRUE(S_ISCHR(null.st_mode)) << "/dev/null was replaced";
+}
+
+// The output replaced by `out` (relative to the directory unless absolute).
+std::function<void(std::vector<std::string>&, const fs::path&)> outputAs(std::string out) {
+  return [out](std::vector<std::string>& a, const fs::path& d) { a[6] = (d / out).string(); };
+}
+
+void makeSub(const fs::path& d) { fs::create_directory(d / "sub"); }
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, RenderRefusal,
+    ::testing::Values(
+        Refusal{"OutputIsTheAudio", {}, outputAs("in.wav"), "is the audio file"},
+        Refusal{"OutputIsTheAudioSpeltOtherwise", makeSub, outputAs("sub/../in.wav"),
+                "is the audio file"},
+        Refusal{"OutputIsAHardLinkOfTheAudio",
+                [](const fs::path& d) { fs::create_hard_link(d / "in.wav", d / "link.wav"); },
+                outputAs("link.wav"), "is the audio file"},
+        Refusal{"OutputIsTheAvatar", {}, outputAs("./ava.avatar"), "is the avatar file"},
+        Refusal{"OutputIsTheEngine", {}, outputAs("vivra.model"), "is the engine file"},
+        Refusal{"OutputIsADirectory", makeSub, outputAs("sub"), "sub is a directory"},
+        Refusal{"OutputIsADevice",
+                {},
+                outputAs("/dev/null"),
+                "/dev/null exists and is not a regular file"},
+        Refusal{
+            "OutputDirectoryIsMissing", {}, outputAs("absent/out.mp4"), "absent does not exist"},
+        Refusal{
+            "OutputDirectoryIsAFile", {}, outputAs("in.wav/out.mp4"), "in.wav is not a directory"},
+        Refusal{"OutputDirectoryIsNotWritable",
+                [](const fs::path& d) {
+                  fs::permissions(d, fs::perms::others_read | fs::perms::others_exec,
+                                  fs::perm_options::add);
+                  fs::create_directory(d / "ro");
+                  fs::permissions(d / "ro", fs::perms::owner_read | fs::perms::owner_exec |
+                                                fs::perms::others_read | fs::perms::others_exec);
+                },
+                outputAs("ro/out.mp4"), "ro is not writable", true},
+        Refusal{"AvatarGivenAsTheEngine",
+                {},
+                [](std::vector<std::string>& a, const fs::path&) { a[2] = a[0]; },
+                "ava.avatar is an avatar file, not an engine file"},
+        Refusal{"EngineAndAvatarSwapped",
+                {},
+                [](std::vector<std::string>& a, const fs::path&) { std::swap(a[0], a[2]); },
+                "ava.avatar is an avatar file, not an engine file; "},
+        Refusal{"EngineGivenAsTheAvatar",
+                {},
+                [](std::vector<std::string>& a, const fs::path&) { a[0] = a[2]; },
+                "vivra.model is an engine file, not an avatar file"}),
+    [](const auto& p) { return std::string(p.param.name); });
+
+// A member with one byte flipped: render-stream digests every member before warming up and
+// refuses; lumora2-render quotes its line. The child's own line is its only `error:` line.
+TEST_F(RenderRobustness, DamagedMemberIsRefusedByTheChild) {
+  const fs::path avatar = dir_ / "ava.avatar";
+  std::uint64_t at = 0;
+  for (const Member& m : Lumora2Container::members(avatar)) {
+    if (m.name == "canon.f32") at = m.offset + m.size / 2;
+  }
+  ASSERT_GT(at, 0u);
+  {
+    std::fstream f(avatar, std::ios::in | std::ios::out | std::ios::binary);
+    f.seekg(std::streamoff(at));
+    const char c = char(f.get() ^ 0x01);
+    f.seekp(std::streamoff(at));
+    f.put(c);
+  }
+  const int status = run(args(dir_ / "out.mp4", dir_ / "in.wav"));
+  const std::string err = readFile(logs_ / "stderr");
+  EXPECT_EQ(status, 1) << err;
+  const std::vector<std::string> errors = errorLines(err);
+  ASSERT_EQ(errors.size(), 2u) << err;
+  EXPECT_EQ(errors[0],
+            "error: render-stream ended before it was ready (exit status 1); its last lines:");
+  EXPECT_THAT(errors[1],
+              ::testing::StartsWith("error: checksum problems: canon: sha mismatch (canon.f32)"));
+  EXPECT_EQ(names(dir_), before_);
+  EXPECT_THAT(names(tmp_), IsEmpty());
+
+  // render-stream itself: one line, status 1, its working directory removed.
+  const Shell child =
+      shell("TMPDIR='" + tmp_.string() + "' '" LUMORA2_MODEL_BIN "' render-stream '" +
+                avatar.string() + "' --engine '" + (dir_ / "vivra.model").string() + "' </dev/null",
+            logs_ / "child-stderr");
+  EXPECT_EQ(child.status, 1);
+  EXPECT_THAT(
+      readFile(logs_ / "child-stderr"),
+      ::testing::MatchesRegex("error: checksum problems: canon: sha mismatch \\(canon.f32\\) "
+                              "declared=[0-9a-f]{16} actual=[0-9a-f]{16}\n"));
+  EXPECT_THAT(names(tmp_), IsEmpty());
+}
+
+// A full disk while frames arrive: RLIMIT_FSIZE on lumora2-render alone (the host script lifts it
+// for the child, which unpacks megabytes), with SIGXFSZ ignored so that the write fails with
+// EFBIG inside the frame callback of a single long utterance.
+TEST_F(RenderRobustness, WriteErrorEndsTheChildAndLeavesNothing) {
+  const fs::path host = logs_ / "host.sh";
+  std::ofstream(host) << "#!/bin/sh\nulimit -f unlimited\nexec '" LUMORA2_MODEL_BIN "' \"$@\"\n";
+  fs::permissions(host, fs::perms::all);
+  writeWav(logs_ / "long.wav", speech(60.0));
+  std::vector<std::string> a = args(dir_ / "out.mp4", logs_ / "long.wav");
+  a.insert(a.end(), {"--host", host.string()});
+  const int status = run(a, [] {
+    const rlimit limit{192 * 1024, RLIM_INFINITY};  // above the extracted idle clip's size
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+    ::signal(SIGXFSZ, SIG_IGN);
+  });
+  expectCleanFailure(status, "File too large");
+  EXPECT_THAT(readFile(logs_ / "stderr"), ::testing::Not(HasSubstr("terminate")));
+}
+
+// The child stopped (SIGSTOP) once it is rendering: the client gives up within the segment's
+// limit (about 16 s for these two-second utterances), kills and reaps the child and removes
+// everything.
+TEST_F(RenderRobustness, StalledChildIsEndedWithinTheSegmentLimit) {
+  writeWav(dir_ / "in.wav", speech(1.0, 2.5, 10));
+  remember();
+  const pid_t render = startRender(args(dir_ / "out.mp4", dir_ / "in.wav"), tmp_, logs_);
+  auto partial = [&] {
+    for (const std::string& n : names(dir_)) {
+      if (n.find(".partial-") != std::string::npos) return true;
+    }
+    return false;
+  };
+  int raw = 0;
+  for (int i = 0; i < 2400 && !partial(); ++i) {
+    ASSERT_EQ(::waitpid(render, &raw, WNOHANG), 0) << "ended early: " << readFile(logs_ / "stderr");
+    ::usleep(50'000);
+  }
+  ASSERT_TRUE(partial()) << readFile(logs_ / "stderr");
+  pid_t child = -1;
+  for (const auto& e : fs::directory_iterator("/proc")) {
+    std::ifstream stat(e.path() / "stat");
+    std::string line;
+    if (!std::getline(stat, line) || line.rfind(')') == std::string::npos) continue;
+    std::istringstream rest(line.substr(line.rfind(')') + 2));
+    char state = 0;
+    pid_t parent = 0;
+    rest >> state >> parent;
+    if (parent == render) child = std::stoi(e.path().filename());
+  }
+  ASSERT_GT(child, 0);
+  ASSERT_EQ(::kill(child, SIGSTOP), 0);
+  const auto stopped = Clock::now();
+  while (::waitpid(render, &raw, WNOHANG) == 0 &&
+         Clock::now() - stopped < std::chrono::minutes(1)) {
+    ::usleep(50'000);
+  }
+  const double waited = std::chrono::duration<double>(Clock::now() - stopped).count();
+  if (::kill(child, 0) == 0) {  // never leave a stopped process behind
+    ::kill(child, SIGKILL);
+    ::kill(render, SIGKILL);
+    ::waitpid(render, &raw, 0);
+    ADD_FAILURE() << "the stopped child was not ended";
+  }
+  EXPECT_LT(waited, 25.0);
+  expectCleanFailure(statusOf(raw), "render-stream stopped answering");
+}
+
+}  // namespace
+}  // namespace lumora2::family::test

@@ -1,0 +1,297 @@
+// What a viewer sees where idle and speech meet, and how soon a render starts: the composer's
+// seams on real rendered frames (whole picture and the eyes), the seam report against an idle
+// clip made one luma level brighter, keyframes that do not pulse, no child for silence, and the
+// shortened warm-up leaving every rendered byte as it was.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "audio_input.h"
+#include "composer.h"
+#include "container/sha256.h"
+#include "family/identity.h"
+#include "family/portrait.h"
+#include "family_fixture.h"
+#include "idle_source.h"
+#include "picture.h"
+#include "render_test_support.h"
+#include "stream_child.h"
+#include "utterances.h"
+
+namespace lumora2::family::test {
+namespace {
+
+namespace fs = std::filesystem;
+using render::Composer;
+using render::Picture;
+
+// The family's warm-up speech, cut into pieces of `seconds` with `gap` seconds of silence
+// between them: utterances as a voice says them, with short and long pauses.
+std::vector<float> speechWithPauses(const std::vector<double>& seconds, double gap) {
+  const std::vector<float> warm = render::decodeAudio(generatedFamily().engine() / "warm.wav");
+  std::vector<float> out(std::size_t(0.4 * kRate), 0.0f);
+  std::size_t from = 0;
+  for (double s : seconds) {
+    const auto n = std::size_t(s * kRate);
+    out.insert(out.end(), warm.begin() + long(from), warm.begin() + long(from + n));
+    from += n;
+    out.insert(out.end(), std::size_t(gap * kRate), 0.0f);
+  }
+  return out;
+}
+
+// Mean absolute luma difference inside a rectangle.
+double cropStep(const Picture& a, const Picture& b, const Rect& r) {
+  double sum = 0;
+  for (int y = r.y0; y < r.y1; ++y) {
+    for (int x = r.x0; x < r.x1; ++x) {
+      const std::size_t i = std::size_t(y) * std::size_t(a.width) + std::size_t(x);
+      sum += std::abs(int(a.bytes[i]) - int(b.bytes[i]));
+    }
+  }
+  return sum / double(r.width() * r.height());
+}
+
+struct SeamCase {
+  const char* name;
+  const char* avatar;
+  std::vector<double> utterances;  // seconds of speech each
+  double gap;                      // seconds of silence between them
+  friend void PrintTo(const SeamCase& c, std::ostream* os) { *os << c.name; }
+};
+
+class Seams : public ::testing::TestWithParam<SeamCase> {};
+
+// The recording's utterances rendered by a real child and laid out by the composer: no step at a
+// seam exceeds the largest step between neighbouring frames the engine rendered, in the whole
+// picture and around the eyes (where blending two different gazes would show as double irises).
+TEST_P(Seams, StepsAtSeamsStayWithinTheRenderedOnes) {
+  const SeamCase& c = GetParam();
+  ASSERT_TRUE(generatedFamily().packed);
+  const fs::path avatar = generatedFamily().root / (std::string(c.avatar) + ".avatar");
+  const std::vector<float> audio = speechWithPauses(c.utterances, c.gap);
+  const std::vector<render::Utterance> utterances = render::splitUtterances(audio, {});
+  ASSERT_GE(utterances.size(), c.utterances.size());
+
+  render::IdleSource idle(avatar);
+  const Rect eyes = faceRegions(identityByCode(c.avatar)).eyes;
+  double seamWhole = 0, seamEyes = 0, renderedWhole = 0, renderedEyes = 0;
+  Picture last;
+  std::size_t seams = 0;
+  Composer composer(
+      [&](const Picture& p, Composer::Kind kind) {
+        if (!last.bytes.empty()) {
+          const double whole = render::pictureStep(last, p), eye = cropStep(last, p, eyes);
+          if (kind == Composer::Kind::seam) {
+            seamWhole = std::max(seamWhole, whole);
+            seamEyes = std::max(seamEyes, eye);
+            ++seams;
+          }
+        }
+        last = p;
+      },
+      idle);
+  auto child = render::StreamChild::start({LUMORA2_MODEL_BIN, avatar, engineFile()});
+  render::PictureConverter converter(idle.width(), idle.height(),
+                                     render::PictureConverter::Layout::rgb24);
+  Picture picture, previous;
+  for (const render::Utterance& u : utterances) {
+    previous.bytes.clear();
+    composer.idleUntil(u.firstFrame);
+    composer.beginUtterance();
+    const std::size_t from = u.firstFrame * render::kSamplesPerFrame;
+    const std::size_t to = std::min(audio.size(), u.endFrame * render::kSamplesPerFrame);
+    ASSERT_TRUE(child->renderSegment(
+        audio.data() + from, to - from, [&](std::uint32_t position, const std::uint8_t* rgb) {
+          if (u.firstFrame + position >= u.endFrame) return;
+          converter.convert(rgb, picture);
+          if (!previous.bytes.empty()) {
+            renderedWhole = std::max(renderedWhole, render::pictureStep(previous, picture));
+            renderedEyes = std::max(renderedEyes, cropStep(previous, picture, eyes));
+          }
+          previous = picture;
+          composer.rendered(picture);
+        }));
+    composer.endUtterance();
+  }
+  composer.idleUntil((audio.size() + render::kSamplesPerFrame - 1) / render::kSamplesPerFrame);
+  composer.finish();
+
+  EXPECT_GT(seams, 2 * utterances.size());
+  EXPECT_LE(seamWhole, renderedWhole);
+  EXPECT_LE(seamEyes, renderedEyes);
+  EXPECT_LE(composer.largestSeamStep(), composer.largestRenderedStep());
+}
+
+INSTANTIATE_TEST_SUITE_P(Recordings, Seams,
+                         ::testing::Values(SeamCase{"AvaShortPauses", "ava", {1.6, 2.4, 1.2}, 0.8},
+                                           SeamCase{"BramLongPauses", "bram", {2.0, 1.4}, 2.5}),
+                         [](const auto& param) { return std::string(param.param.name); });
+
+// The closing line of a render, as numbers: largest seam step, largest rendered step, largest
+// gap between the idle and the rendered pictures.
+struct Report {
+  double seam = -1, rendered = -1, gap = -1;
+};
+Report reportOf(const std::string& line) {
+  std::smatch m;
+  Report r;
+  static const std::regex pattern(
+      R"(largest step ([0-9.]+) \(between rendered frames: up to ([0-9.]+); idle and rendered )"
+      R"(pictures up to ([0-9.]+) apart\))");
+  if (std::regex_search(line, m, pattern)) {
+    r = {std::stod(m[1]), std::stod(m[2]), std::stod(m[3])};
+  }
+  return r;
+}
+
+// An avatar whose idle clip is one luma level brighter than the family's: the report sees the
+// gap the dissolves had to hide, and the dissolves still keep every step small.
+TEST(SeamReport, SeesAnIdleClipOneLevelBrighter) {
+  ASSERT_TRUE(generatedFamily().packed);
+  const fs::path dir = scratchDir("seam-report");
+  const fs::path staging = dir / "ava";
+  fs::copy(generatedFamily().avatar("ava"), staging, fs::copy_options::recursive);
+  ASSERT_EQ(shell(commandLine({"ffmpeg", "-v", "error", "-y", "-i",
+                               (generatedFamily().avatar("ava") / "idle.mp4").string(), "-vf",
+                               "lutyuv=y=val+1", "-c:v", "libx264", "-qp", "0", "-pix_fmt",
+                               "yuv420p", (staging / "idle.mp4").string()}))
+                .status,
+            0);
+  const Identity ava = identityByCode("ava");
+  ASSERT_EQ(shell(commandLine({LUMORA2_MODEL_BIN, "pack-avatar", staging.string(), "--code", "ava",
+                               "--name", ava.name, "--gender", ava.gender, "--persona", ava.persona,
+                               "-o", (dir / "bright.avatar").string()}))
+                .status,
+            0);
+  writeWav(dir / "speech.wav", speechWithPauses({1.6, 2.0}, 1.5));
+  auto render = [&](const fs::path& avatar) {
+    const Shell r = shell(
+        commandLine({renderBin().string(), avatar.string(), "--engine", engineFile().string(),
+                     "--audio", (dir / "speech.wav").string(), "-o", (dir / "out.mp4").string()}));
+    EXPECT_EQ(r.status, 0);
+    return reportOf(r.out);
+  };
+  const Report plain = render(avatarFile());
+  const Report bright = render(dir / "bright.avatar");
+  ASSERT_GE(plain.gap, 0) << "no report line";
+  ASSERT_GE(bright.gap, 0) << "no report line";
+  EXPECT_GT(bright.gap, plain.gap + 0.5);
+  EXPECT_LE(bright.seam, bright.rendered);
+}
+
+// Pure idle, 30 s: the step into a sync sample (a seek point) stays within three times the median
+// step between other frames (no pulse), and sync samples come at least every 10 s.
+TEST(Keyframes, DoNotPulseAndStaySeekable) {
+  const fs::path dir = scratchDir("keyframes");
+  writeWav(dir / "silence.wav", std::vector<float>(30 * kRate, 0.0f));
+  ASSERT_EQ(shell(renderCommand(dir / "silence.wav", dir / "idle.mp4")).status, 0);
+  // "pts,flags" per packet; the frames come out in presentation order.
+  std::istringstream packets(
+      shell("ffprobe -v error -select_streams v -show_entries packet=pts,flags -of csv=p=0 '" +
+            (dir / "idle.mp4").string() + "'")
+          .out);
+  std::map<long, bool> sync;
+  for (std::string line; std::getline(packets, line);) {
+    const std::size_t comma = line.find(',');
+    if (comma != std::string::npos) {
+      sync[std::stol(line.substr(0, comma))] = line.find('K', comma) != std::string::npos;
+    }
+  }
+  const std::string video = shell("ffmpeg -v error -i '" + (dir / "idle.mp4").string() +
+                                  "' -f rawvideo -pix_fmt yuv420p -")
+                                .out;
+  std::vector<bool> key;
+  for (const auto& [pts, isSync] : sync) key.push_back(isSync);
+  const std::size_t bytes = Picture::pictureBytes(416, 720);
+  ASSERT_EQ(key.size(), 600u);
+  ASSERT_EQ(video.size(), key.size() * bytes);
+  auto picture = [&](std::size_t f) {
+    Picture p(416, 720);
+    std::copy_n(video.begin() + long(f * bytes), bytes, p.bytes.begin());
+    return p;
+  };
+  std::vector<double> others;
+  double intoKey = 0;
+  std::size_t lastKey = 0;
+  for (std::size_t f = 1; f < key.size(); ++f) {
+    const double step = render::pictureStep(picture(f - 1), picture(f));
+    if (key[f]) {
+      intoKey = std::max(intoKey, step);
+      EXPECT_LE(f - lastKey, 200u);
+      lastKey = f;
+    } else {
+      others.push_back(step);
+    }
+  }
+  EXPECT_GT(lastKey, 0u);
+  EXPECT_LE(key.size() - lastKey, 200u);
+  std::nth_element(others.begin(), others.begin() + long(others.size() / 2), others.end());
+  const double median = others[others.size() / 2];
+  EXPECT_LE(intoKey, 3 * median) << "median step " << median;
+}
+
+// Whether a render starts a child is seen through a host that notes each start before it runs
+// the real lumora2-model.
+struct ChildCase {
+  const char* name;
+  double speechSeconds;  // of warm-up speech in 30 s; 0: silence only
+  bool child;
+  friend void PrintTo(const ChildCase& c, std::ostream* os) { *os << c.name; }
+};
+
+class RenderChild : public ::testing::TestWithParam<ChildCase> {};
+
+TEST_P(RenderChild, StartsOnlyForSpeech) {
+  const ChildCase& c = GetParam();
+  const fs::path dir = scratchDir(std::string("child-") + c.name);
+  const fs::path host = dir / "host.sh", starts = dir / "starts";
+  std::ofstream(host) << "#!/bin/sh\necho start >> '" << starts.string() << "'\nexec '"
+                      << LUMORA2_MODEL_BIN << "' \"$@\"\n";
+  fs::permissions(host, fs::perms::owner_all);
+  std::vector<float> audio = speechWithPauses({c.speechSeconds}, 0);
+  if (c.speechSeconds == 0) audio.assign(30 * kRate, 0.0f);
+  writeWav(dir / "in.wav", audio);
+  const Shell r =
+      shell(renderCommand(dir / "in.wav", dir / "out.mp4") + " --host '" + host.string() + "'");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(fs::exists(starts), c.child);
+  EXPECT_TRUE(fs::is_regular_file(dir / "out.mp4"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Inputs, RenderChild,
+                         ::testing::Values(ChildCase{"Silence", 0, false},
+                                           ChildCase{"OneSecond", 1.0, true}),
+                         [](const auto& param) { return std::string(param.param.name); });
+
+// The full warm-up (both priming passes) and the default one leave the child rendering the same
+// bytes for the same speech.
+TEST(WarmUp, ShortenedRendersTheSameBytes) {
+  const std::vector<float> audio = speechWithPauses({2.5}, 0.5);
+  auto digest = [&](bool full) {
+    if (full) ::setenv("LUMORA2_WARMUP", "full", 1);
+    auto child = render::StreamChild::start({LUMORA2_MODEL_BIN, avatarFile(), engineFile()});
+    ::unsetenv("LUMORA2_WARMUP");
+    Sha256 hash;
+    std::size_t frames = 0;
+    EXPECT_TRUE(child->renderSegment(audio.data(), audio.size(),
+                                     [&](std::uint32_t position, const std::uint8_t* rgb) {
+                                       hash.update(&position, sizeof position);
+                                       hash.update(rgb, 416 * 720 * 3);
+                                       ++frames;
+                                     }));
+    EXPECT_GT(frames, 40u);
+    return hash.hex();
+  };
+  EXPECT_EQ(digest(false), digest(true));
+}
+
+}  // namespace
+}  // namespace lumora2::family::test

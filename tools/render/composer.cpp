@@ -1,0 +1,280 @@
+#include "composer.h"
+
+#include <algorithm>
+#include <cmath>
+#include <optional>
+
+namespace lumora2::render {
+
+std::vector<double> Composer::tileSteps(const Picture& a, const Picture& b) {
+  const int across = a.width / kTile, down = a.height / kTile;
+  std::vector<double> steps(std::size_t(across) * std::size_t(down));
+  for (int ty = 0; ty < down; ++ty) {
+    for (int tx = 0; tx < across; ++tx) {
+      int sum = 0;
+      for (int y = ty * kTile; y < (ty + 1) * kTile; ++y) {
+        const std::size_t row = std::size_t(y) * std::size_t(a.width) + std::size_t(tx * kTile);
+        for (int x = 0; x < kTile; ++x)
+          sum += std::abs(int(a.bytes[row + x]) - int(b.bytes[row + x]));
+      }
+      steps[std::size_t(ty) * std::size_t(across) + std::size_t(tx)] =
+          double(sum) / double(kTile * kTile);
+    }
+  }
+  return steps;
+}
+
+std::vector<double> Composer::regional(const std::vector<double>& steps, const Picture& picture) {
+  const int across = picture.width / kTile, down = picture.height / kTile;
+  std::vector<double> out(steps.size());
+  for (int ty = 0; ty < down; ++ty) {
+    for (int tx = 0; tx < across; ++tx) {
+      double sum = 0;
+      int count = 0;
+      for (int y = std::max(ty - 1, 0); y <= std::min(ty + 1, down - 1); ++y) {
+        for (int x = std::max(tx - 1, 0); x <= std::min(tx + 1, across - 1); ++x) {
+          sum += steps[std::size_t(y) * std::size_t(across) + std::size_t(x)];
+          ++count;
+        }
+      }
+      out[std::size_t(ty) * std::size_t(across) + std::size_t(tx)] = sum / count;
+    }
+  }
+  return out;
+}
+
+double Composer::ratioToReference(const Picture& a, const Picture& b) const {
+  double ratio = pictureStep(a, b) / reference();
+  const std::vector<double> steps = tileSteps(a, b);
+  for (std::size_t t = 0; t < steps.size(); ++t) {
+    const double local = t < tileReference_.size() ? tileReference_[t] : 0.0;
+    ratio = std::max(ratio, steps[t] / std::max(local, kQuietTileStep));
+  }
+  return ratio;
+}
+
+std::size_t Composer::blendLength(const Picture& from, const Picture& to) const {
+  const double ratio = ratioToReference(from, to);
+  if (2 * ratio <= 1) return 0;
+  return std::min(kMaxBlend, std::size_t(std::ceil(2 * ratio)) - 1);
+}
+
+IdleSource::JumpCheck Composer::unseenJump() const {
+  return [this](std::size_t from, std::size_t to) {
+    return ratioToReference(idle_.frame(from), idle_.frame(to)) <= 1;
+  };
+}
+
+void Composer::idleUntil(std::size_t end) {
+  settleEntry();
+  if (dissolving_ && end > position()) {
+    // Idle in the middle of an utterance (positions the child skipped): leave from what was shown.
+    exit_ = last_;
+    dissolving_ = false;
+    dissolveFrom_.reset();
+  }
+  if (end > position()) pendingIdle_ += end - position();
+}
+
+void Composer::beginUtterance() {
+  settleEntry();
+  entering_ = position() > 0;
+  previousRendered_.reset();
+}
+
+void Composer::rendered(const Picture& picture) {
+  if (pendingIdle_ > 0 || exit_) settleIdle(&picture);
+  ++renderedCount_;
+  if (previousRendered_) {
+    largestRendered_ = std::max(largestRendered_, pictureStep(*previousRendered_, picture));
+    const std::vector<double> steps = regional(tileSteps(*previousRendered_, picture), picture);
+    tileReference_.resize(steps.size(), 0.0);
+    for (std::size_t t = 0; t < steps.size(); ++t) {
+      tileReference_[t] = std::max(tileReference_[t], steps[t]);
+    }
+    previousRendered_->bytes = picture.bytes;
+  } else {
+    previousRendered_ = picture;
+  }
+  if (entering_) {
+    entry_.push_back(picture);
+    if (entry_.size() == kMaxBlend + 1) settleEntry();
+    return;
+  }
+  dissolveInto(picture);
+}
+
+void Composer::endUtterance() {
+  settleEntry();
+  // An utterance that ends before its entry dissolve arrived leaves from what was shown.
+  exit_ = dissolving_ ? std::optional<Picture>(last_) : std::move(previousRendered_);
+  dissolving_ = false;
+  dissolveFrom_.reset();
+  previousRendered_.reset();
+}
+
+void Composer::finish() {
+  settleEntry();
+  settleIdle(nullptr);
+}
+
+void Composer::settleIdle(const Picture* upcoming) {
+  const std::size_t end = written_ + pendingIdle_;
+  pendingIdle_ = 0;
+  const std::size_t n = idle_.frameCount();
+  // The upcoming rendered picture and the clip frame most like it, where the idle should end.
+  std::optional<IdleSource::Likeness> next;
+  std::size_t target = 0;
+  if (upcoming != nullptr) {
+    next = idle_.likeness(*upcoming);
+    target = idle_.nearest(*next);
+  }
+  std::ptrdiff_t previous = lastIdleIndex_;
+  if (exit_) {
+    // The last rendered picture dissolves into a clip frame held still meanwhile: the one most
+    // like it, or, with the next utterance in view, the one from which the clip plays on to the
+    // target without a jump, when the pictures that then meet (at either seam) are closer.
+    const IdleSource::Likeness last = idle_.likeness(*exit_);
+    std::size_t from = idle_.nearest(last);
+    const std::size_t room = end - written_;
+    const std::size_t dissolve = blendLength(*exit_, idle_.frame(from));
+    if (next && room > dissolve + 1) {
+      const std::size_t after = room - dissolve - 1;
+      const IdleSource::Plan plan =
+          idle_.planIdle(from + 1, after, target, std::ptrdiff_t(from), unseenJump());
+      const double viaNearest = std::max(
+          {idle_.distance(last, from), plan.jump, idle_.distance(*next, plan.frames.back())});
+      const std::size_t straight = (target + n * (after + 1) - after) % n;
+      const double viaStraight =
+          std::max(idle_.distance(last, straight), idle_.distance(*next, target));
+      if (viaStraight < viaNearest) from = straight;
+    }
+    // With too little room before `end` the dissolve stops part way, its steps as small as
+    // ever; an utterance that follows dissolves from there.
+    const Picture& held = idle_.frame(from);
+    largestGap_ = std::max(largestGap_, pictureStep(*exit_, held));
+    const std::size_t steps = blendLength(*exit_, held);
+    for (std::size_t i = 1; i <= std::min(steps, room); ++i) {
+      mixPictures(*exit_, held, double(i) / double(steps + 1), scratch_);
+      put(scratch_, Kind::seam);
+    }
+    previous = -1;
+    if (room > steps) {
+      put(held, Kind::seam);
+      previous = std::ptrdiff_t(from);
+    }
+    idle_.seek(from + 1);
+    exit_.reset();
+  }
+  if (end <= written_) return;
+  const std::size_t count = end - written_;
+  std::vector<std::size_t> frames;
+  if (next) {
+    frames = idle_.planIdle(idle_.cursor(), count, target, previous, unseenJump()).frames;
+  } else {
+    for (std::size_t t = 0; t < count; ++t) frames.push_back((idle_.cursor() + t) % n);
+  }
+  for (std::size_t index : frames) {
+    // A frame that does not follow the one before in the clip is a jump: measured as a seam.
+    const bool follows = previous < 0 || (std::size_t(previous) + 1) % n == index;
+    put(idle_.frame(index), follows ? Kind::idle : Kind::seam);
+    previous = std::ptrdiff_t(index);
+  }
+  lastIdleIndex_ = previous;
+  idle_.seek(frames.back() + 1);
+}
+
+// The entry dissolve: the rendered pictures fade in over the last idle frame P, each tile of the
+// picture at its own pace: a tile's weight grows per frame by at most kEntryShare of its
+// reference over how far P and the rendered picture differ there, so a tile where little moves
+// while speaking (the eyes) takes its time and the mouth, which moves a lot, shows at once; the
+// whole picture's step is kept within kEntryShare of its reference too. The weights only grow,
+// so the dissolve never jumps; it goes on over the frames that follow the held ones until every
+// tile has arrived at the rendered picture.
+void Composer::settleEntry() {
+  if (!entering_) return;
+  entering_ = false;
+  if (entry_.empty()) return;
+  dissolveFrom_ = last_;
+  dissolving_ = true;
+  largestGap_ = std::max(largestGap_, pictureStep(last_, entry_.front()));
+  tileAlpha_.assign(tileSteps(last_, entry_.front()).size(), 0.0);
+  for (const Picture& r : entry_) dissolveInto(r);
+  entry_.clear();
+}
+
+void Composer::dissolveInto(const Picture& r) {
+  if (!dissolving_) {
+    put(r, Kind::rendered);
+    return;
+  }
+  const std::vector<double> gaps = tileSteps(*dissolveFrom_, r);
+  std::vector<double> reach(gaps.size());
+  bool arrives = true;
+  for (std::size_t t = 0; t < gaps.size(); ++t) {
+    const double local =
+        std::max(t < tileReference_.size() ? tileReference_[t] : 0.0, kQuietTileStep);
+    reach[t] = std::min(1.0, tileAlpha_[t] + kEntryShare * local / std::max(gaps[t], 1e-9));
+    arrives = arrives && reach[t] >= 1.0;
+  }
+  // Weights are spread between tile centres, so a tile may reach only as far as its slowest
+  // neighbour: a fast tile beside a slow one would otherwise carry its pace into the slow one.
+  {
+    const int across = r.width / kTile, down = r.height / kTile;
+    std::vector<double> eroded(reach.size());
+    for (int ty = 0; ty < down; ++ty) {
+      for (int tx = 0; tx < across; ++tx) {
+        double least = 1.0;
+        for (int y = std::max(ty - 1, 0); y <= std::min(ty + 1, down - 1); ++y) {
+          for (int x = std::max(tx - 1, 0); x <= std::min(tx + 1, across - 1); ++x) {
+            least = std::min(least, reach[std::size_t(y) * std::size_t(across) + std::size_t(x)]);
+          }
+        }
+        const std::size_t t = std::size_t(ty) * std::size_t(across) + std::size_t(tx);
+        eroded[t] = std::max(tileAlpha_[t], least);
+      }
+    }
+    reach = std::move(eroded);
+  }
+  // The largest share k of every tile's reach that keeps the whole picture's step within bounds.
+  std::vector<double> alpha(gaps.size());
+  auto fits = [&](double k) {
+    for (std::size_t t = 0; t < alpha.size(); ++t) {
+      alpha[t] = tileAlpha_[t] + k * (reach[t] - tileAlpha_[t]);
+    }
+    mixPicturesByTile(*dissolveFrom_, r, alpha, kTile, scratch_);
+    return pictureStep(last_, scratch_) <= kEntryShare * reference();
+  };
+  double k = 1;
+  if (!fits(1)) {
+    double lo = 0, hi = 1;
+    for (int i = 0; i < 8; ++i) {
+      const double mid = (lo + hi) / 2;
+      (fits(mid) ? lo : hi) = mid;
+    }
+    k = lo;
+    arrives = false;
+    fits(k);
+  }
+  if (arrives) {
+    dissolving_ = false;
+    dissolveFrom_.reset();
+    put(r, Kind::seam);  // the first frame that shows the rendered picture alone
+    return;
+  }
+  tileAlpha_ = alpha;
+  put(scratch_, Kind::seam);
+}
+
+void Composer::put(const Picture& picture, Kind kind) {
+  if (written_ > 0 && kind == Kind::seam) {
+    largestSeam_ = std::max(largestSeam_, pictureStep(last_, picture));
+  }
+  lastIdleIndex_ = -1;  // settleIdle sets it again after an idle frame
+  sink_(picture, kind);
+  if (last_.bytes.size() != picture.bytes.size()) last_ = Picture(picture.width, picture.height);
+  std::copy(picture.bytes.begin(), picture.bytes.end(), last_.bytes.begin());
+  ++written_;
+}
+
+}  // namespace lumora2::render

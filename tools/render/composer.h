@@ -1,0 +1,115 @@
+// Composer: lays pictures on the video's timeline in order, idle clip where nothing is rendered,
+// and hides the seams where idle and rendered pictures meet.
+//
+// - Leaving an utterance, the idle clip continues from the clip frame that looks most like the
+//   last rendered picture, and the last rendered picture dissolves into it: the dissolve blends
+//   two similar pictures (no double irises from two different gazes).
+// - Entering one, the idle stretch before it is planned once its first rendered picture is known
+//   (idle frames are decided but not handed out until then): the clip plays on and, where one of
+//   its frames allows a jump that looks like its own motion, switches to the stretch that ends on
+//   the clip frame most like that first rendered picture; the rendered pictures then fade in over
+//   that frame, each part of the picture at its own pace (the mouth at once, the eyes slowly).
+// - A dissolve is as long as it must be for each of its steps to stay within the largest step
+//   between neighbouring rendered pictures seen so far (the reference), in the whole picture
+//   and in every 16 x 16 tile of it (the eyes move less than the mouth while speaking: a change
+//   there must be spread wider), and never jumps.
+//
+// Steps are measured with pictureStep on the pictures the encoder gets.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <optional>
+#include <vector>
+
+#include "idle_source.h"
+#include "picture.h"
+
+namespace lumora2::render {
+
+class Composer {
+ public:
+  static constexpr std::size_t kMaxBlend = 20;  // one second
+  // The reference never falls below this: a jump this small is not seen.
+  static constexpr double kQuietStep = 0.05;
+  // A tile's reference (mean absolute luma difference) never falls below this.
+  static constexpr int kTile = 16;
+  static constexpr double kQuietTileStep = 0.5;
+  // The share of the references an entry dissolve's step may take.
+  static constexpr double kEntryShare = 0.75;
+
+  // What an output frame shows: the idle clip, a rendered picture, or a seam (a dissolve between
+  // the two, or an idle frame that does not follow its predecessor in the clip).
+  enum class Kind { idle, rendered, seam };
+  using Sink = std::function<void(const Picture&, Kind)>;
+  Composer(Sink sink, IdleSource& idle) : sink_(std::move(sink)), idle_(idle) {}
+
+  // Output frames decided so far (handed out, or idle frames and rendered frames held back).
+  std::size_t position() const { return written_ + pendingIdle_ + entry_.size(); }
+  std::size_t written() const { return written_; }
+
+  // Idle frames up to output frame `end`.
+  void idleUntil(std::size_t end);
+  void beginUtterance();
+  // The next rendered picture of the current utterance.
+  void rendered(const Picture& picture);
+  void endUtterance();
+  // Hands out everything still held; call once at the end.
+  void finish();
+
+  std::size_t renderedFrames() const { return renderedCount_; }
+  // The largest step between neighbouring output frames at a seam (dissolves and idle jumps), and
+  // between neighbouring rendered frames.
+  double largestSeamStep() const { return largestSeam_; }
+  double largestRenderedStep() const { return largestRendered_; }
+  // The largest difference between an idle and a rendered picture across a seam before it was
+  // dissolved: how far apart the two pictures were that the dissolve had to join.
+  double largestSeamGap() const { return largestGap_; }
+
+ private:
+  double reference() const { return std::max(largestRendered_, kQuietStep); }
+  // Mean absolute luma difference of each kTile x kTile tile.
+  static std::vector<double> tileSteps(const Picture& a, const Picture& b);
+  // Each tile's step averaged with its neighbours' (3 x 3 tiles): what a region around it moved.
+  // The tiles' references are these, so that a region (the eyes) that a few busy tiles border
+  // is held to what the region as a whole does.
+  static std::vector<double> regional(const std::vector<double>& steps, const Picture& picture);
+  // How far a step from a to b goes beyond the references: 1 where it reaches one of them.
+  double ratioToReference(const Picture& a, const Picture& b) const;
+  // A jump within the idle clip that is no larger than the references allow.
+  IdleSource::JumpCheck unseenJump() const;
+  // The frames a dissolve from `from` to `to` needs, each step at most half the references.
+  std::size_t blendLength(const Picture& from, const Picture& to) const;
+  // Hands out the idle frames decided so far, leaving a finished utterance through its exit
+  // dissolve and, given the first picture of the next utterance, ending on the clip frame most
+  // like it where the clip allows.
+  void settleIdle(const Picture* upcoming);
+  // Starts the entry dissolve over the rendered pictures held for it.
+  void settleEntry();
+  // Hands out the next rendered picture, through the entry dissolve while it lasts.
+  void dissolveInto(const Picture& rendered);
+  void put(const Picture& picture, Kind kind);
+
+  Sink sink_;
+  IdleSource& idle_;
+  Picture scratch_;
+  Picture last_;                       // the last frame handed out
+  std::ptrdiff_t lastIdleIndex_ = -1;  // the clip frame handed out last, when it was one
+  std::size_t written_ = 0;
+  std::size_t pendingIdle_ = 0;  // idle frames decided but not yet handed out
+  std::size_t renderedCount_ = 0;
+  bool entering_ = false;
+  std::vector<Picture> entry_;  // rendered pictures held until the entry dissolve is decided
+  bool dissolving_ = false;     // the entry dissolve has not arrived at the rendered pictures
+  std::optional<Picture> dissolveFrom_;  // the idle picture it dissolves from
+  std::vector<double> tileAlpha_;  // per tile, the rendered picture's weight in the last frame
+  std::optional<Picture> previousRendered_;  // the utterance's latest rendered picture
+  std::optional<Picture> exit_;              // the last rendered picture, to fade out
+  double largestSeam_ = 0;
+  double largestRendered_ = 0;
+  double largestGap_ = 0;
+  std::vector<double> tileReference_;  // per tile, the largest regional step between rendered
+                                       // pictures
+};
+
+}  // namespace lumora2::render
