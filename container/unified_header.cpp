@@ -1,3 +1,4 @@
+#include <cstdlib>
 #include <ctime>
 #include <string>
 
@@ -22,7 +23,14 @@ std::string stamp(std::string_view manifest, std::string_view engine, std::int64
 }  // namespace UnifiedHeader
 
 std::string isoNowUTC() {
+  // SOURCE_DATE_EPOCH (seconds since 1970, the reproducible-builds convention) stands for now, so
+  // that packing the same tree twice gives the same bytes.
   std::time_t now = std::time(nullptr);
+  if (const char* epoch = std::getenv("SOURCE_DATE_EPOCH"); epoch != nullptr && *epoch != '\0') {
+    char* end = nullptr;
+    const long long seconds = std::strtoll(epoch, &end, 10);
+    if (*end == '\0' && seconds >= 0) now = static_cast<std::time_t>(seconds);
+  }
   std::tm utc{};
   gmtime_r(&now, &utc);
   char text[32];

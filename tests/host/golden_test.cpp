@@ -180,8 +180,11 @@ class GoldenCase : public ::testing::TestWithParam<std::string> {
     base_ = makeTempDir();
     scratch_ = base_ / "s";
     fs::create_directories(scratch_ / "tmp");
-    env_ = {
-        {"PATH", "/usr/bin:/bin"}, {"LANG", "C.UTF-8"}, {"TMPDIR", (scratch_ / "tmp").string()}};
+    env_ = {{"PATH", "/usr/bin:/bin"},
+            {"LANG", "C.UTF-8"},
+            {"TMPDIR", (scratch_ / "tmp").string()},
+            // A fixed creation time: a compressed manifest's size must not depend on the clock.
+            {"SOURCE_DATE_EPOCH", "1700000000"}};
   }
   void TearDown() override {
     if (!HasFailure()) fs::remove_all(base_);

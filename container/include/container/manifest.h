@@ -89,6 +89,11 @@ std::string encode(const Provenance& provenance);
 EngineManifest decodeEngine(std::string_view json);
 AvatarManifest decodeAvatar(std::string_view json);
 Provenance decodeProvenance(std::string_view json);
+
+// What a manifest describes, told by whether it decodes as that record with one of its accepted
+// format tags; never throws.
+enum class Kind { engine, avatar, unknown };
+Kind kindOf(std::string_view json);
 }  // namespace ManifestJSON
 
 namespace UnifiedHeader {
@@ -99,7 +104,8 @@ namespace UnifiedHeader {
 std::string stamp(std::string_view manifest, std::string_view engine, std::int64_t engineAbi);
 }  // namespace UnifiedHeader
 
-// The current time as an ISO 8601 UTC date-time, "YYYY-MM-DDTHH:MM:SSZ".
+// The current time as an ISO 8601 UTC date-time, "YYYY-MM-DDTHH:MM:SSZ"; the time SOURCE_DATE_EPOCH
+// names instead when it is set to a whole number of seconds.
 std::string isoNowUTC();
 
 }  // namespace lumora2
