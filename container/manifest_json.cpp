@@ -286,5 +286,19 @@ Provenance decodeProvenance(std::string_view text) {
   return decodeProvenance(FieldReader(value, ""));
 }
 
+Kind kindOf(std::string_view text) {
+  try {
+    if (EngineManifest::kAcceptedFormats.contains(decodeEngine(text).format)) return Kind::engine;
+  } catch (const ArtifactError&) {
+    // Not an engine's manifest.
+  }
+  try {
+    if (AvatarManifest::kAcceptedFormats.contains(decodeAvatar(text).format)) return Kind::avatar;
+  } catch (const ArtifactError&) {
+    // Nor an avatar's.
+  }
+  return Kind::unknown;
+}
+
 }  // namespace ManifestJSON
 }  // namespace lumora2

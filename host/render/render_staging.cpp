@@ -13,31 +13,15 @@
 #include "render_support.h"
 
 namespace lumora2 {
-namespace {
-
-// Whether the manifest decodes as the record of that kind and carries one of its format tags.
-template <typename Manifest, typename Decode>
-bool isKind(const std::string& manifest, Decode decode) {
-  try {
-    return Manifest::kAcceptedFormats.contains(decode(manifest).format);
-  } catch (const ArtifactError&) {
-    return false;
-  }
-}
-
-}  // namespace
-
 RenderManifests readRenderManifests(const std::filesystem::path& engine,
                                     const std::filesystem::path& avatar) {
   const std::string engineBytes = Archive::readManifest(engine);
   const std::string avatarBytes = Archive::readManifest(avatar);
   std::string swapped;
-  if (!isKind<EngineManifest>(engineBytes, ManifestJSON::decodeEngine) &&
-      isKind<AvatarManifest>(engineBytes, ManifestJSON::decodeAvatar)) {
+  if (ManifestJSON::kindOf(engineBytes) == ManifestJSON::Kind::avatar) {
     swapped = engine.string() + " is an avatar file, not an engine file";
   }
-  if (!isKind<AvatarManifest>(avatarBytes, ManifestJSON::decodeAvatar) &&
-      isKind<EngineManifest>(avatarBytes, ManifestJSON::decodeEngine)) {
+  if (ManifestJSON::kindOf(avatarBytes) == ManifestJSON::Kind::engine) {
     swapped +=
         (swapped.empty() ? "" : "; ") + avatar.string() + " is an engine file, not an avatar file";
   }

@@ -28,12 +28,13 @@ namespace fs = std::filesystem;
 
 constexpr const char* kUsage =
     "usage: lumora2-render <X.avatar> --engine vivra.model --audio speech.wav -o out.mp4\n"
-    "                      [--gap SECONDS] [--host PATH]\n"
+    "                      [--gap SECONDS] [--host PATH] [--log FILE]\n"
     "\n"
     "Renders the speech in any audio file (WAV, FLAC, MP3, Ogg, M4A; any rate and channels)\n"
     "through the avatar into an H.264 + AAC MP4 at 20 fps. Silences of at least --gap seconds\n"
     "(default 0.6) separate utterances and show the avatar's idle clip. --host names the\n"
-    "lumora2-model that renders (default: the one beside lumora2-render).\n";
+    "lumora2-model that renders (default: the one beside lumora2-render). --log appends the\n"
+    "idle clip reader's log lines to FILE (by default they go nowhere).\n";
 
 fs::path besideMe(const char* name) {
   std::error_code ec;
@@ -70,6 +71,8 @@ lumora2::render::RenderOptions parseArguments(const std::vector<std::string>& ar
       options.gapSeconds = parseSeconds(value());
     } else if (a == "--host") {
       options.host = value();
+    } else if (a == "--log") {
+      options.logFile = value();
     } else if (!a.empty() && a[0] == '-') {
       throw ClientError("unknown option " + a);
     } else if (!haveAvatar) {
@@ -86,41 +89,28 @@ lumora2::render::RenderOptions parseArguments(const std::vector<std::string>& ar
   return options;
 }
 
-// What a container's manifest says it is, "engine" or "avatar"; "" when the file cannot tell
-// (missing, unreadable, neither): the render reports those itself. Digests are not checked here:
+// What a container's manifest says it is; unknown when the file cannot tell (missing,
+// unreadable, neither): the render reports those itself. Digests are not checked here:
 // render-stream does that.
-std::string artifactKind(const fs::path& file) {
+lumora2::ManifestJSON::Kind artifactKind(const fs::path& file) {
   std::error_code ec;
-  if (!fs::is_regular_file(file, ec)) return "";
-  std::string manifest;
+  if (!fs::is_regular_file(file, ec)) return lumora2::ManifestJSON::Kind::unknown;
   try {
-    manifest = lumora2::Archive::readManifest(file);
+    return lumora2::ManifestJSON::kindOf(lumora2::Archive::readManifest(file));
   } catch (const std::exception&) {
-    return "";
+    return lumora2::ManifestJSON::Kind::unknown;
   }
-  try {
-    const std::string format = lumora2::ManifestJSON::decodeEngine(manifest).format;
-    if (lumora2::EngineManifest::kAcceptedFormats.contains(format)) return "engine";
-  } catch (const std::exception&) {
-    // Not an engine's manifest.
-  }
-  try {
-    const std::string format = lumora2::ManifestJSON::decodeAvatar(manifest).format;
-    if (lumora2::AvatarManifest::kAcceptedFormats.contains(format)) return "avatar";
-  } catch (const std::exception&) {
-    // Neither.
-  }
-  return "";
 }
 
 // Refuses an engine given as the avatar or the other way round, before a child is started.
 void checkKinds(const lumora2::render::RenderOptions& options) {
-  const std::string avatar = artifactKind(options.avatar);
-  const std::string engine = artifactKind(options.engine);
+  using Kind = lumora2::ManifestJSON::Kind;
+  const Kind avatar = artifactKind(options.avatar);
+  const Kind engine = artifactKind(options.engine);
   std::string wrong;
-  if (engine == "avatar")
+  if (engine == Kind::avatar)
     wrong = options.engine.string() + " is an avatar file, not an engine file";
-  if (avatar == "engine") {
+  if (avatar == Kind::engine) {
     wrong += (wrong.empty() ? "" : "; ") + options.avatar.string() +
              " is an engine file, not an avatar file";
   }
@@ -146,6 +136,12 @@ int main(int argc, char** argv) {
     lumora2::render::checkOutputPath(
         options.output,
         {{"audio", options.audio}, {"avatar", options.avatar}, {"engine", options.engine}});
+    if (!options.logFile.empty()) {
+      lumora2::render::checkOutputPath(options.logFile, {{"audio", options.audio},
+                                                         {"avatar", options.avatar},
+                                                         {"engine", options.engine},
+                                                         {"output", options.output}});
+    }
     checkKinds(options);
     lumora2::render::signal_cleanup::setPartialFile(
         lumora2::render::partialNameFor(options.output));
