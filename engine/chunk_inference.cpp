@@ -75,7 +75,7 @@ MultiArray Lumora2Engine::predMA(const GraphModel& model, const FeatureSet& inpu
   try {
     return once();
   } catch (const std::exception& e) {
-    engineLog(std::string("[vivra] CoreML predict failed — retrying once: ") + e.what());
+    engineLog(std::string("[vivra] predict failed — retrying once: ") + e.what());
   }
   return once();
 }

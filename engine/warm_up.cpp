@@ -85,7 +85,7 @@ void Lumora2Engine::warmUp(const std::optional<std::vector<float>>& speech) {
       engineLog(
           "[vivra] decp2 members missing/unloadable — REFUSING (taehv floor removed 2026-08-11, "
           "Stage B); re-provision dec_p2_v3_all.mlpackage for this identity "
-          "(engine/ane/build_apple_members.py)");
+          "(lumora2-model pack-avatar)");
       return;
     }
     w2v_ = std::move(w2v);

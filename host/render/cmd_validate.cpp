@@ -115,7 +115,7 @@ int renderValidate(const Positionals& positionals, const Options& options) {
   const std::optional<std::vector<float>> warmSpeech =
       stageForRendering(enginePath, avatarPath, scratch.path());
   const fs::path engineDir = scratch.path() / "engine";
-  print("  warming up (this loads + compiles the CoreML graphs)…");
+  print("  warming up (this loads + compiles the graphs)…");
   std::shared_ptr<Lumora2Engine> engine = Lumora2Engine::create();
   engine->warmUp(warmSpeech);
   if (!engine->isReady())

@@ -64,7 +64,7 @@ TEST_F(Validate, BothAvatarsLoadAndRenderUsableIdentities) {
     EXPECT_THAT(
         reportLines(r.output),
         ElementsAre("  manifests OK · ABI 1 compatible · checksums OK",
-                    "  warming up (this loads + compiles the CoreML graphs)…",
+                    "  warming up (this loads + compiles the graphs)…",
                     MatchesRegex("  rendered 60 frames · sharpness onset=[0-9]+ converged=[0-9]+ "
                                  "mean=[0-9]+"),
                     "  ✓ VALID — " + code + " (" + name +
