@@ -23,7 +23,7 @@ scratch=$(mktemp -d "${TMPDIR:-/tmp}/lumora2-quick-start.XXXXXX")
 trap 'rm -rf "$scratch"' EXIT
 export LUMORA2_MLMODELC_CACHE=$scratch/cache
 family=$scratch/family
-"$build/tools/family/lumora2-family" --out "$family" --host "$model" >/dev/null
+"$build/tools/family/lumora2-family" --out "$family" --host "$model" >/dev/null 2>&1
 "$model" unpack "$family/vivra.model" "$scratch/engine" >/dev/null
 ffmpeg -v error -i "$scratch/engine/warm.wav" -t 1 "$scratch/one.wav"
 ffmpeg -v error -f lavfi -i anullsrc=r=16000:cl=mono -t 30 "$scratch/silence.wav"

@@ -3,12 +3,25 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
 #include <mutex>
 
 namespace lumora2 {
+namespace {
+
+std::string& programName() {
+  static std::string name = "lumora2-model";
+  return name;
+}
+std::atomic<int> destination{STDERR_FILENO};
+
+}  // namespace
+
+void setEngineLogProgram(std::string_view name) { programName() = std::string(name); }
+void setEngineLogDestination(int fd) { destination.store(fd, std::memory_order_relaxed); }
 
 std::string formatLogLine(std::string_view text) {
   timeval now{};
@@ -25,7 +38,7 @@ std::string formatLogLine(std::string_view text) {
   std::string line;
   line.reserve(text.size() + 64);
   line.append(stamp);
-  line.append(" lumora2-model[");
+  line.append(" ").append(programName()).append("[");
   line.append(std::to_string(getpid()));
   line.append("] ");
   line.append(text);
@@ -34,6 +47,8 @@ std::string formatLogLine(std::string_view text) {
 }
 
 void engineLog(std::string_view text) noexcept {
+  const int fd = destination.load(std::memory_order_relaxed);
+  if (fd < 0) return;
   try {
     std::string line = formatLogLine(text);
     // The mutex keeps this process's lines whole even where one write(2) could be split (a
@@ -43,7 +58,7 @@ void engineLog(std::string_view text) noexcept {
     const char* p = line.data();
     std::size_t left = line.size();
     while (left > 0) {
-      ssize_t written = ::write(STDERR_FILENO, p, left);
+      ssize_t written = ::write(fd, p, left);
       if (written < 0) {
         if (errno == EINTR) continue;
         return;

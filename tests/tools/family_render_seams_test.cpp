@@ -295,3 +295,32 @@ TEST(WarmUp, ShortenedRendersTheSameBytes) {
 
 }  // namespace
 }  // namespace lumora2::family::test
+
+namespace lumora2::family::test {
+namespace {
+
+// Standard error carries lumora2-render's own lines only; the idle clip reader's log lines go to
+// the file --log names, under lumora2-render's name.
+TEST(RenderLog, StderrIsOurOwnAndTheEngineLogGoesToItsFile) {
+  const fs::path dir = scratchDir("render-log");
+  writeWav(dir / "in.wav", speechWithPauses({1.0}, 8.0));
+  auto onlyOurs = [](const fs::path& err) {
+    std::istringstream lines(readFile(err));
+    for (std::string line; std::getline(lines, line);) {
+      EXPECT_TRUE(line.rfind("utterance ", 0) == 0 || line.rfind("warning: ", 0) == 0) << line;
+    }
+  };
+  ASSERT_EQ(shell(renderCommand(dir / "in.wav", dir / "a.mp4"), dir / "a.err").status, 0);
+  onlyOurs(dir / "a.err");
+  ASSERT_EQ(shell(renderCommand(dir / "in.wav", dir / "b.mp4") + " --log '" +
+                      (dir / "log").string() + "'",
+                  dir / "b.err")
+                .status,
+            0);
+  onlyOurs(dir / "b.err");
+  EXPECT_TRUE(std::regex_search(
+      readFile(dir / "log"), std::regex(R"(lumora2-render\[[0-9]+\] \[lumora2-idle\] wrap 1:)")));
+}
+
+}  // namespace
+}  // namespace lumora2::family::test

@@ -1,8 +1,10 @@
 #include "render_job.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -15,6 +17,7 @@
 #include "audio_input.h"
 #include "client_error.h"
 #include "composer.h"
+#include "engine/log.h"
 #include "idle_source.h"
 #include "mp4_writer.h"
 #include "stream_child.h"
@@ -103,6 +106,31 @@ void requireFile(const std::filesystem::path& path, const char* what) {
   }
 }
 
+// Sends the log lines of the engine parts used here (the idle clip reader) to the file asked for,
+// or nowhere, while it lives: standard error carries lumora2-render's own lines only.
+class EngineLogFile {
+ public:
+  explicit EngineLogFile(const std::filesystem::path& file) {
+    setEngineLogProgram("lumora2-render");
+    if (!file.empty()) {
+      fd_ = ::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+      if (fd_ < 0) {
+        throw ClientError("cannot open the log " + file.string() + ": " + std::strerror(errno));
+      }
+    }
+    setEngineLogDestination(fd_);
+  }
+  ~EngineLogFile() {
+    setEngineLogDestination(-1);
+    if (fd_ >= 0) ::close(fd_);
+  }
+  EngineLogFile(const EngineLogFile&) = delete;
+  EngineLogFile& operator=(const EngineLogFile&) = delete;
+
+ private:
+  int fd_ = -1;
+};
+
 // The render-stream child over a whole render: starts it, and when it asks to be respawned (exit
 // status 3) starts a new one and sends the interrupted utterance again, once.
 class StreamSession {
@@ -182,6 +210,7 @@ RenderReport renderToMp4(const RenderOptions& options) {
   }
   if (!(options.gapSeconds > 0)) throw ClientError("--gap must be a positive number of seconds");
 
+  const EngineLogFile engineLog(options.logFile);
   // The child's engine warms up for a few seconds: it starts as soon as the audio holds a sample
   // loud enough to belong to an utterance, and warms up while the rest of the audio is decoded
   // and analysed and the idle clip is read. Audio with no such sample has no utterance, and then

@@ -17,6 +17,8 @@ struct RenderOptions {
   std::filesystem::path audio;
   std::filesystem::path output;
   std::filesystem::path host;  // lumora2-model
+  // Where the engine parts used here (the idle clip reader) log, appended; empty: nowhere.
+  std::filesystem::path logFile;
   double gapSeconds = 0.6;
 };
 
