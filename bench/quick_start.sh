@@ -30,27 +30,17 @@ ffmpeg -v error -f lavfi -i anullsrc=r=16000:cl=mono -t 30 "$scratch/silence.wav
 "$render" "$family/ava.avatar" --engine "$family/vivra.model" --audio "$scratch/one.wav" \
   -o "$scratch/warm-cache.mp4" >/dev/null 2>&1
 
-python3 - "$runs" "$model" "$render" "$family" "$scratch" <<'PY'
-import statistics, struct, subprocess, sys, time, wave, os
+PYTHONPATH=bench python3 - "$runs" "$model" "$render" "$family" "$scratch" <<'PY'
+import os, statistics, subprocess, sys, time
+from stream_parent import Child, load_wav, messages
 runs, model, render, family, scratch = int(sys.argv[1]), *sys.argv[2:]
-with wave.open(f"{scratch}/one.wav") as w:
-    pcm = w.readframes(w.getnframes())
-one = [v / 32768.0 for v in struct.unpack(f"<{len(pcm) // 2}h", pcm)]
-payload = struct.pack(f"<I{len(one)}f", len(one), *one) + struct.pack("<I", 0xFFFFFFFF)
+payload = messages(load_wav(f"{scratch}/one.wav"))
 
 def first_frame(env):
-    start = time.perf_counter()
-    child = subprocess.Popen([model, "render-stream", f"{family}/ava.avatar", "--engine",
-                              f"{family}/vivra.model"], stdin=subprocess.PIPE,
-                             stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, env=env)
-    child.stdout.readline()
-    child.stdin.write(payload)
-    child.stdin.flush()
-    child.stdout.read(4)
-    elapsed = time.perf_counter() - start
-    child.stdin.close()
-    child.stdout.close()
-    child.wait()
+    child = Child(model, f"{family}/ava.avatar", f"{family}/vivra.model", env)
+    _, _, first = child.segment(payload)
+    elapsed = child.ready + first
+    child.close()
     return elapsed
 
 def wall(cmd):

@@ -53,9 +53,16 @@ class PredictTimer {
 void configureThreadsOnce() {
   static std::once_flag once;
   std::call_once(once, [] {
+    // OMP_NUM_THREADS, when set to a positive number, is the user's (or a parent's share of the
+    // cores among its children); otherwise every core the process may run on.
     int cores = 0;
+    if (const char* text = std::getenv("OMP_NUM_THREADS"); text != nullptr) {
+      char* end = nullptr;
+      const long n = std::strtol(text, &end, 10);
+      if (end != text && *end == '\0' && n > 0 && n <= 4096) cores = static_cast<int>(n);
+    }
     cpu_set_t set;
-    if (sched_getaffinity(0, sizeof set, &set) == 0) cores = CPU_COUNT(&set);
+    if (cores <= 0 && sched_getaffinity(0, sizeof set, &set) == 0) cores = CPU_COUNT(&set);
     if (cores <= 0) cores = static_cast<int>(std::thread::hardware_concurrency());
     if (cores <= 0) cores = 1;
     try {

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <string>
@@ -37,6 +38,11 @@ std::vector<fs::path> renderHostCandidates() {
 }
 
 void execRenderHost() {
+  // OpenMP threads that wait by spinning take the cores from every other render process on the
+  // machine (four renders at once took 2.6 times as long as with passive waiting, one alone no
+  // less). The OpenMP runtime reads its settings when it is loaded, before main, so the render
+  // host gets them in its environment; a setting of the user's stays.
+  ::setenv("OMP_WAIT_POLICY", "PASSIVE", 0);
   const std::vector<std::string>& arguments = processArguments();
   std::vector<char*> argv;
   argv.reserve(arguments.size() + 1);

@@ -11,6 +11,7 @@
 #include <regex>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "audio_input.h"
@@ -321,6 +322,56 @@ TEST(RenderLog, StderrIsOurOwnAndTheEngineLogGoesToItsFile) {
   EXPECT_TRUE(std::regex_search(
       readFile(dir / "log"), std::regex(R"(lumora2-render\[[0-9]+\] \[lumora2-idle\] wrap 1:)")));
 }
+
+}  // namespace
+}  // namespace lumora2::family::test
+
+namespace lumora2::family::test {
+namespace {
+
+// The render process's OpenMP settings as its environment shows them: threads wait passively
+// unless the user chose, and a parent of several children gives each its share of the cores
+// unless the user set the count.
+struct ThreadCase {
+  const char* name;
+  int siblings;
+  const char* userPolicy;       // OMP_WAIT_POLICY in the parent's environment, or nullptr
+  const char* userThreads;      // OMP_NUM_THREADS in the parent's environment, or nullptr
+  std::string policy, threads;  // what the child sees ("" for unset)
+  friend void PrintTo(const ThreadCase& c, std::ostream* os) { *os << c.name; }
+};
+
+class RenderThreads : public ::testing::TestWithParam<ThreadCase> {};
+
+TEST_P(RenderThreads, ReachTheChild) {
+  const ThreadCase& c = GetParam();
+  auto set = [](const char* name, const char* value) {
+    value != nullptr ? ::setenv(name, value, 1) : ::unsetenv(name);
+  };
+  set("OMP_WAIT_POLICY", c.userPolicy);
+  set("OMP_NUM_THREADS", c.userThreads);
+  auto child =
+      render::StreamChild::start({LUMORA2_MODEL_BIN, avatarFile(), engineFile(), c.siblings});
+  ::unsetenv("OMP_WAIT_POLICY");
+  ::unsetenv("OMP_NUM_THREADS");
+  std::map<std::string, std::string> env;
+  const std::string raw = readFile("/proc/" + std::to_string(child->pid()) + "/environ");
+  for (std::size_t at = 0; at < raw.size();) {
+    const std::size_t end = raw.find('\0', at), eq = raw.find('=', at);
+    if (eq < end) env[raw.substr(at, eq - at)] = raw.substr(eq + 1, end - eq - 1);
+    at = end == std::string::npos ? raw.size() : end + 1;
+  }
+  EXPECT_EQ(env["OMP_WAIT_POLICY"], c.policy);
+  EXPECT_EQ(env["OMP_NUM_THREADS"], c.threads);
+}
+
+const std::string kShare = std::to_string(std::max(1u, std::thread::hardware_concurrency() / 4));
+INSTANTIATE_TEST_SUITE_P(
+    Settings, RenderThreads,
+    ::testing::Values(ThreadCase{"Alone", 1, nullptr, nullptr, "PASSIVE", ""},
+                      ThreadCase{"FourSiblings", 4, nullptr, nullptr, "PASSIVE", kShare},
+                      ThreadCase{"UserChose", 4, "ACTIVE", "3", "ACTIVE", "3"}),
+    [](const auto& param) { return std::string(param.param.name); });
 
 }  // namespace
 }  // namespace lumora2::family::test

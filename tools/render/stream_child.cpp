@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
 
 #include <nlohmann/json.hpp>
@@ -149,6 +150,10 @@ std::unique_ptr<StreamChild> StreamChild::start(const Command& command) {
   std::vector<std::string> env = {"TMPDIR=" + tmp->path().string()};
   for (char** e = environ; *e != nullptr; ++e) {
     if (std::strncmp(*e, "TMPDIR=", 7) != 0) env.emplace_back(*e);
+  }
+  if (command.siblings > 1 && std::getenv("OMP_NUM_THREADS") == nullptr) {
+    const int cores = std::max(1, int(std::thread::hardware_concurrency()));
+    env.push_back("OMP_NUM_THREADS=" + std::to_string(std::max(1, cores / command.siblings)));
   }
   std::vector<char*> envp;
   for (std::string& e : env) envp.push_back(e.data());

@@ -43,6 +43,9 @@ class StreamChild {
     std::filesystem::path host;  // the lumora2-model executable
     std::filesystem::path avatar;
     std::filesystem::path engine;
+    // Children this parent runs at once: each child's graphs get an equal share of the cores
+    // (OMP_NUM_THREADS), unless the parent's own environment sets OMP_NUM_THREADS.
+    int siblings = 1;
   };
 
   // How long the child may take to warm up and write its header.
@@ -61,6 +64,8 @@ class StreamChild {
   StreamChild& operator=(const StreamChild&) = delete;
 
   const StreamGeometry& geometry() const { return geometry_; }
+  // The child's process id while it runs (for its resident memory, its environment); -1 after.
+  pid_t pid() const { return pid_; }
 
   // One segment: sends `count` samples as audio messages followed by a flush (from a writer
   // thread, so that the child's back-pressure never stalls the reading), and hands every frame
