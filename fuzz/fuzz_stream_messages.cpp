@@ -6,11 +6,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "host/stream_messages.h"
+#include "protocol/stream_wire.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::size_t at = 0;
-  lumora2::StreamMessageReader reader([&](void* into, std::size_t n) {
+  lumora2::wire::StreamMessageReader reader([&](void* into, std::size_t n) {
     if (n > size - at) {
       at = size;
       return false;
@@ -21,7 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   });
   // Each message consumes at least its 4-byte count word, so this bounds the loop.
   for (std::size_t messages = 0; messages <= size / 4 + 1; ++messages) {
-    if (reader.next().kind == lumora2::StreamMessage::Kind::end) return 0;
+    if (reader.next().kind == lumora2::wire::StreamMessage::Kind::end) return 0;
   }
   std::abort();  // the decoder failed to end on a finite input
 }

@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "render_support.h"
+#include "protocol/stream_wire.h"
 
 namespace {
 
@@ -62,7 +62,7 @@ int main() {
     baseline =
         std::min(baseline, perFrame([&](int) { writeAll(fds[1], record.data(), record.size()); }));
     best = std::min(best, perFrame([&](int i) {
-                      lumora2::formatFrameRecord(
+                      lumora2::wire::formatFrameRecord(
                           std::uint32_t(i), frames[std::size_t(i) % frames.size()], record.data());
                       writeAll(fds[1], record.data(), record.size());
                     }));

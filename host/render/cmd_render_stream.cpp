@@ -29,7 +29,7 @@
 #include "engine/serial_queue.h"
 #include "host/args.h"
 #include "host/command.h"
-#include "host/stream_messages.h"
+#include "protocol/stream_wire.h"
 #include "render_commands.h"
 #include "render_staging.h"
 #include "render_support.h"
@@ -78,10 +78,6 @@ bool writeAll(const void* from, std::size_t size) {
   return true;
 }
 
-void putLittleEndian(std::uint8_t* at, std::uint32_t value) {
-  for (int i = 0; i < 4; ++i) at[i] = static_cast<std::uint8_t>(value >> (8 * i));
-}
-
 // The terminating signals, blocked in every thread of the process (threads inherit the mask of
 // the thread that creates them, so this runs before the engine makes any) and taken by one
 // thread with sigwait.
@@ -101,22 +97,22 @@ class RenderStream {
 
   // The message loop; returns the process's exit status.
   int serve() {
-    StreamMessageReader messages(readExactly);
+    wire::StreamMessageReader messages(readExactly);
     for (;;) {
-      StreamMessage message = messages.next();
+      wire::StreamMessage message = messages.next();
       switch (message.kind) {
-        case StreamMessage::Kind::reset:
+        case wire::StreamMessage::Kind::reset:
           onOutput([this] { drain(); });
           engine_->resetState(true);
           break;
-        case StreamMessage::Kind::flush:
+        case wire::StreamMessage::Kind::flush:
           if (flush()) return kExitRespawn;
           break;
-        case StreamMessage::Kind::audio:
+        case wire::StreamMessage::Kind::audio:
           engine_->feed(message.samples);
           pace();
           break;
-        case StreamMessage::Kind::end:
+        case wire::StreamMessage::Kind::end:
           return endOfStream();
       }
     }
@@ -133,7 +129,7 @@ class RenderStream {
   // Every ready frame, as position + R, G, B in one write each.
   void drain() {
     while (auto item = engine_->pullPos()) {
-      formatFrameRecord(static_cast<std::uint32_t>(item->pos), item->frame, scratch_.data());
+      wire::formatFrameRecord(static_cast<std::uint32_t>(item->pos), item->frame, scratch_.data());
       if (!writeAll(scratch_.data(), scratch_.size())) parentGone();
     }
   }
@@ -206,7 +202,7 @@ class RenderStream {
     }
     onOutput([this] {
       std::uint8_t marker[4];
-      putLittleEndian(marker, 0xFFFFFFFF);
+      wire::putLittleEndian(marker, wire::kMarker);
       if (!writeAll(marker, sizeof marker)) parentGone();
     });
     if (failures_ >= kRespawnAfterFailures) {
@@ -272,10 +268,11 @@ int renderStream(const Positionals& positionals, const Options& options) {
   std::snprintf(ready, sizeof ready, "[render-stream] ready in %.1fs",
                 std::chrono::duration<double>(Clock::now() - started).count());
   stderrLine(ready);
-  const std::string header = "READY {\"fps\":20,\"width\":" + std::to_string(engine->width()) +
-                             ",\"height\":" + std::to_string(engine->height()) +
-                             ",\"sample_rate\":16000,\"decoder\":\"" + engine->decoderDesc() +
-                             "\"}\n";
+  wire::Header promise;
+  promise.width = engine->width();
+  promise.height = engine->height();
+  promise.decoder = engine->decoderDesc();
+  const std::string header = wire::headerLine(promise);
   if (!writeAll(header.data(), header.size())) {
     stderrLine("[render-stream] standard output closed (the parent went away) — exiting");
     removeTreeQuietly(workDir);

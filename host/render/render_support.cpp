@@ -66,17 +66,4 @@ double sharpness(const std::vector<std::uint8_t>& frame, int w, int h) {
   return squares / static_cast<double>(laplacian.size());
 }
 
-void formatFrameRecord(std::uint32_t pos, const std::vector<std::uint8_t>& bgr,
-                       std::uint8_t* record) {
-  for (int i = 0; i < 4; ++i) record[i] = static_cast<std::uint8_t>(pos >> (8 * i));
-  std::uint8_t* rgb = record + 4;
-  const std::uint8_t* src = bgr.data();
-  const std::size_t size = bgr.size() - bgr.size() % 3;
-  for (std::size_t i = 0; i < size; i += 3) {
-    rgb[i] = src[i + 2];
-    rgb[i + 1] = src[i + 1];
-    rgb[i + 2] = src[i];
-  }
-}
-
 }  // namespace lumora2

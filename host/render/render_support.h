@@ -1,5 +1,5 @@
 // The render host's helpers that need no engine: the WAV loader (warm-up and test speech), the
-// sharpness measure validate judges frames by, and render-stream's frame record.
+// sharpness measure validate judges frames by.
 #pragma once
 
 #include <cstdint>
@@ -20,11 +20,5 @@ std::vector<float> loadWav(const std::filesystem::path& path,
 // pixels of a frame of w × h pixels of 3 bytes: 0 when the frame holds fewer bytes, NaN when it
 // has no interior pixel. The population variance (divided by the count).
 double sharpness(const std::vector<std::uint8_t>& frame, int w, int h);
-
-// render-stream's frame record for the engine's frame `bgr` (B, G, R per pixel) at position `pos`:
-// the position as 4 little-endian bytes, then the pixels in R, G, B order. `record` holds
-// 4 + bgr.size() bytes.
-void formatFrameRecord(std::uint32_t pos, const std::vector<std::uint8_t>& bgr,
-                       std::uint8_t* record);
 
 }  // namespace lumora2

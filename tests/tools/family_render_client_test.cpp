@@ -404,7 +404,7 @@ INSTANTIATE_TEST_SUITE_P(
         BrokenHost{
             "PromisesAnotherRate",
             "echo 'READY {\"fps\":25,\"width\":416,\"height\":720,\"sample_rate\":16000}'",
-            "promises 25 fps from 16000 Hz audio; lumora2-render needs 20 fps from 16000 Hz"},
+            "promises 25 fps from 16000 Hz audio; the stream is 20 fps from 16000 Hz"},
         BrokenHost{"DiesWhileRendering",
                    "echo 'READY {\"fps\":20,\"width\":416,\"height\":720,\"sample_rate\":16000}'; "
                    "head -c 100 >/dev/null; echo 'engine crashed' >&2; exit 9",

@@ -20,6 +20,7 @@ extern "C" {
 #include "output_path.h"
 #include "render_job.h"
 #include "signal_cleanup.h"
+#include "stream_child.h"
 
 namespace {
 
@@ -36,12 +37,6 @@ constexpr const char* kUsage =
     "lumora2-model that renders (default: the one beside lumora2-render). --log appends the\n"
     "idle clip reader's log lines to FILE (by default they go nowhere).\n";
 
-fs::path besideMe(const char* name) {
-  std::error_code ec;
-  const fs::path self = fs::read_symlink("/proc/self/exe", ec);
-  return ec ? fs::path(name) : self.parent_path() / name;
-}
-
 double parseSeconds(const std::string& text) {
   char* end = nullptr;
   const double value = std::strtod(text.c_str(), &end);
@@ -53,7 +48,7 @@ double parseSeconds(const std::string& text) {
 
 lumora2::render::RenderOptions parseArguments(const std::vector<std::string>& args) {
   lumora2::render::RenderOptions options;
-  options.host = besideMe("lumora2-model");
+  options.host = lumora2::render::StreamChild::defaultHost();
   bool haveAvatar = false;
   for (std::size_t i = 0; i < args.size(); ++i) {
     const std::string& a = args[i];

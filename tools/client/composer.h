@@ -17,6 +17,7 @@
 // Steps are measured with pictureStep on the pictures the encoder gets.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <functional>
 #include <optional>
@@ -56,6 +57,14 @@ class Composer {
   void endUtterance();
   // Hands out everything still held; call once at the end.
   void finish();
+  // For a live timeline, which must show a frame every 50 ms: hands out the idle frames decided
+  // so far but `keep`, which stay undecided so that an utterance arriving meanwhile can still
+  // plan its landing over them. Leaving an utterance, its whole exit dissolve goes out at once
+  // (more idle frames are decided when it needs them).
+  void releaseIdle(std::size_t keep);
+  // How many rendered pictures an entering utterance holds back before its entry dissolve is
+  // decided (kMaxBlend + 1 by default); a live timeline, which cannot wait, holds one.
+  void setEntryHold(std::size_t pictures) { entryHold_ = std::max<std::size_t>(pictures, 1); }
 
   std::size_t renderedFrames() const { return renderedCount_; }
   // The largest step between neighbouring output frames at a seam (dissolves and idle jumps), and
@@ -100,7 +109,8 @@ class Composer {
   std::size_t renderedCount_ = 0;
   bool entering_ = false;
   std::vector<Picture> entry_;  // rendered pictures held until the entry dissolve is decided
-  bool dissolving_ = false;     // the entry dissolve has not arrived at the rendered pictures
+  std::size_t entryHold_ = kMaxBlend + 1;
+  bool dissolving_ = false;  // the entry dissolve has not arrived at the rendered pictures
   std::optional<Picture> dissolveFrom_;  // the idle picture it dissolves from
   std::vector<double> tileAlpha_;  // per tile, the rendered picture's weight in the last frame
   std::optional<Picture> previousRendered_;  // the utterance's latest rendered picture

@@ -13,8 +13,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-
-#include <nlohmann/json.hpp>
+#include <utility>
 
 #include "client_error.h"
 #include "signal_cleanup.h"
@@ -24,11 +23,7 @@ extern char** environ;
 namespace lumora2::render {
 namespace {
 
-constexpr std::uint32_t kFlush = 0xFFFFFFFF;
-constexpr std::uint32_t kMarker = 0xFFFFFFFF;
-constexpr std::size_t kPieceSamples = 16000;  // one second of audio per message
 constexpr std::size_t kTailLines = 8;
-constexpr std::size_t kMaxHeader = 4096;
 constexpr auto kTermGrace = std::chrono::seconds(10);  // before SIGTERM
 constexpr auto kKillGrace = std::chrono::seconds(5);   // after SIGTERM, before SIGKILL
 
@@ -102,35 +97,6 @@ struct Pipe {
 
 }  // namespace
 
-StreamGeometry parseHeader(const std::string& line) {
-  const std::string prefix = "READY ";
-  auto refuse = [&](const std::string& why) {
-    return ClientError("render-stream's header \"" + line + "\" " + why);
-  };
-  if (line.rfind(prefix, 0) != 0) throw refuse("does not begin with \"READY \"");
-  StreamGeometry g;
-  try {
-    const nlohmann::json j = nlohmann::json::parse(line.substr(prefix.size()));
-    g.fps = j.at("fps").get<int>();
-    g.width = j.at("width").get<int>();
-    g.height = j.at("height").get<int>();
-    g.sampleRate = j.at("sample_rate").get<int>();
-    g.decoder = j.value("decoder", "");
-  } catch (const nlohmann::json::exception&) {
-    throw refuse("is not a JSON object with fps, width, height and sample_rate");
-  }
-  if (g.fps != 20 || g.sampleRate != 16000) {
-    throw refuse("promises " + std::to_string(g.fps) + " fps from " + std::to_string(g.sampleRate) +
-                 " Hz audio; lumora2-render needs 20 fps from 16000 Hz");
-  }
-  if (g.width <= 0 || g.height <= 0 || g.width % 2 != 0 || g.height % 2 != 0 || g.width > 8192 ||
-      g.height > 8192) {
-    throw refuse("promises frames of " + std::to_string(g.width) + " x " +
-                 std::to_string(g.height) + "; a video needs even dimensions up to 8192");
-  }
-  return g;
-}
-
 std::unique_ptr<StreamChild> StreamChild::start(const Command& command) {
   Pipe in, out, err;
   posix_spawn_file_actions_t actions;
@@ -173,7 +139,7 @@ std::unique_ptr<StreamChild> StreamChild::start(const Command& command) {
   child->pid_ = pid;
   child->tmp_ = std::move(tmp);
   signal_cleanup::setChild(pid, child->tmp_->path());
-  child->input_ = in.release(1);
+  child->input_ = in.release(1);  // the writer thread's from here on
   child->output_ = out.release(0);
   // Larger pipes let a whole frame record pass in one piece.
   ::fcntl(child->output_, F_SETPIPE_SZ, 1 << 20);
@@ -204,12 +170,12 @@ std::unique_ptr<StreamChild> StreamChild::start(const Command& command) {
   char c = 0;
   ReadResult got = ReadResult::ended;
   const auto deadline = Clock::now() + kWarmUpLimit;
-  while (line.size() < kMaxHeader &&
+  while (line.size() < wire::kMaxHeaderBytes &&
          (got = readAll(child->output_, &c, 1, deadline)) == ReadResult::complete && c != '\n') {
     line += c;
   }
   if (got == ReadResult::late) {
-    child->kill();
+    child->end();
     throw ClientError("render-stream stopped answering: not ready within " +
                       std::to_string(kWarmUpLimit.count()) +
                       " s (it was ended); its last lines:\n" + child->stderrTail());
@@ -219,9 +185,14 @@ std::unique_ptr<StreamChild> StreamChild::start(const Command& command) {
     throw ClientError("render-stream ended before it was ready (exit status " +
                       std::to_string(status) + "); its last lines:\n" + child->stderrTail());
   }
-  child->geometry_ = parseHeader(line);
-  child->record_.resize(std::size_t(child->geometry_.width) * std::size_t(child->geometry_.height) *
-                        3);
+  try {
+    child->geometry_ = wire::parseHeader(line);
+  } catch (const wire::WireError& e) {
+    throw ClientError(e.what());
+  }
+  child->records_ =
+      std::make_unique<wire::RecordReader>(child->geometry_.width, child->geometry_.height);
+  child->writer_ = std::thread([c = child.get()] { c->writeLoop(); });
   return child;
 }
 
@@ -231,12 +202,78 @@ StreamChild::~StreamChild() {
   waitForExit();
 }
 
-void StreamChild::closeInput() {
-  if (input_ >= 0) ::close(std::exchange(input_, -1));
+void StreamChild::queue(std::string bytes) {
+  {
+    std::lock_guard hold(inputLock_);
+    if (inputClosing_ || inputFailed_) return;
+    inputBytes_ += bytes.size();
+    inputQueue_.push_back(std::move(bytes));
+  }
+  inputReady_.notify_one();
+}
+
+void StreamChild::sendAudio(const float* samples, std::size_t count) {
+  std::string bytes;
+  wire::appendAudio(bytes, samples, count);
+  queue(std::move(bytes));
+}
+
+void StreamChild::sendFlush() {
+  std::string bytes;
+  wire::appendControl(bytes, wire::kFlush);
+  queue(std::move(bytes));
+}
+
+void StreamChild::sendReset() {
+  std::string bytes;
+  wire::appendControl(bytes, wire::kReset);
+  queue(std::move(bytes));
+}
+
+std::size_t StreamChild::pendingInput() const {
+  std::lock_guard hold(inputLock_);
+  return inputBytes_;
+}
+
+// Writes the queue in order. A failed write means the child is gone: the rest is dropped. Closes
+// standard input when asked to and everything queued is written (the end of the stream).
+void StreamChild::writeLoop() {
+  for (;;) {
+    std::string bytes;
+    {
+      std::unique_lock hold(inputLock_);
+      inputReady_.wait(hold, [&] { return !inputQueue_.empty() || inputClosing_; });
+      if (inputQueue_.empty()) break;
+      bytes = std::move(inputQueue_.front());
+      inputQueue_.pop_front();
+    }
+    const bool written = inputFailedNow() ? false : writeAll(input_, bytes.data(), bytes.size());
+    std::lock_guard hold(inputLock_);
+    inputBytes_ -= bytes.size();
+    if (!written) {
+      inputFailed_ = true;
+      inputBytes_ = 0;
+      inputQueue_.clear();
+    }
+  }
+  ::close(std::exchange(input_, -1));
+}
+
+bool StreamChild::inputFailedNow() const {
+  std::lock_guard hold(inputLock_);
+  return inputFailed_;
+}
+
+void StreamChild::stopWriter() {
+  {
+    std::lock_guard hold(inputLock_);
+    inputClosing_ = true;
+  }
+  inputReady_.notify_one();
 }
 
 void StreamChild::waitForExit() {
-  closeInput();
+  stopWriter();
   reap(kTermGrace);
 }
 
@@ -253,25 +290,45 @@ void StreamChild::reap(std::chrono::milliseconds grace) {
       }
     }
     status_ = decodeStatus(raw);
-    pid_ = -1;
-    signal_cleanup::setChild(-1, {});
+    forgetPid();
+  }
+  // A writer blocked on a full pipe gets its error once the child has gone.
+  if (writer_.joinable()) {
+    stopWriter();
+    writer_.join();
   }
   if (stderrReader_.joinable()) stderrReader_.join();
 }
 
+void StreamChild::forgetPid() {
+  std::lock_guard hold(killLock_);
+  pid_ = -1;
+  signal_cleanup::setChild(-1, {});
+}
+
 void StreamChild::kill() {
+  std::lock_guard hold(killLock_);
+  if (pid_ > 0) ::kill(pid_, SIGKILL);
+}
+
+void StreamChild::end() {
+  kill();
   if (pid_ > 0) {
-    ::kill(pid_, SIGKILL);
     int raw = 0;
     while (::waitpid(pid_, &raw, 0) < 0 && errno == EINTR) {
     }
     status_ = decodeStatus(raw);
-    pid_ = -1;
-    signal_cleanup::setChild(-1, {});
+    forgetPid();
   }
-  if (stderrReader_.joinable()) stderrReader_.join();
+  reap(kTermGrace);
   if (output_ >= 0) ::close(std::exchange(output_, -1));
   tmp_.reset();
+}
+
+std::filesystem::path StreamChild::defaultHost() {
+  std::error_code ec;
+  const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", ec);
+  return ec ? std::filesystem::path("lumora2-model") : self.parent_path() / "lumora2-model";
 }
 
 std::chrono::milliseconds StreamChild::segmentLimit(std::size_t count) {
@@ -284,10 +341,9 @@ bool StreamChild::exitsWithin(std::chrono::milliseconds wait) {
     int raw = 0;
     if (!exitsBy(pid_, raw, Clock::now() + wait)) return false;
     status_ = decodeStatus(raw);
-    pid_ = -1;
-    signal_cleanup::setChild(-1, {});
+    forgetPid();
   }
-  reap(kTermGrace);  // joins the stderr reader
+  reap(kTermGrace);  // joins the writer and the stderr reader
   return true;
 }
 
@@ -303,57 +359,79 @@ std::string StreamChild::stderrTail() const {
   return joined;
 }
 
-bool StreamChild::renderSegment(const float* samples, std::size_t count, const FrameFn& onFrame) {
-  if (input_ < 0) return false;
-  // The writer stops at the first failed write: the child is gone, and the reader sees it too.
-  std::thread writer([fd = input_, samples, count] {
-    for (std::size_t at = 0; at < count; at += kPieceSamples) {
-      const auto n = std::uint32_t(std::min(kPieceSamples, count - at));
-      if (!writeAll(fd, &n, sizeof n) || !writeAll(fd, samples + at, n * sizeof(float))) return;
+StreamChild::Event StreamChild::next(Clock::time_point deadline) {
+  while (ready_.empty()) {
+    if (outputEnded_ || output_ < 0) return Event{Event::Kind::ended};
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    if (left <= 0) return Event{Event::Kind::late};
+    pollfd readable{output_, POLLIN, 0};
+    const int polled = ::poll(&readable, 1, int(std::min<long long>(left, INT_MAX)));
+    if (polled < 0 && errno == EINTR) continue;
+    if (polled == 0) continue;
+    const ssize_t n = polled < 0 ? -1 : ::read(output_, chunk_.data(), chunk_.size());
+    if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+    if (n <= 0) {
+      outputEnded_ = true;
+      continue;
     }
-    writeAll(fd, &kFlush, sizeof kFlush);
-  });
+    records_->consume(chunk_.data(), std::size_t(n), [&](const wire::RecordReader::Item& item) {
+      Event event;
+      std::vector<std::uint8_t> pixels;
+      if (item.kind == wire::RecordReader::Item::Kind::marker) {
+        event.kind = Event::Kind::marker;
+      } else {
+        event.kind = Event::Kind::frame;
+        event.position = item.position;
+        if (!spare_.empty()) {
+          pixels = std::move(spare_.back());
+          spare_.pop_back();
+        }
+        const std::size_t bytes = std::size_t(geometry_.width) * std::size_t(geometry_.height) * 3;
+        pixels.assign(item.rgb, item.rgb + bytes);
+      }
+      ready_.emplace_back(event, std::move(pixels));
+    });
+  }
+  auto [event, pixels] = std::move(ready_.front());
+  ready_.pop_front();
+  if (!handedOut_.empty() && spare_.size() < 2) spare_.push_back(std::move(handedOut_));
+  handedOut_ = std::move(pixels);
+  if (event.kind == Event::Kind::frame) event.rgb = handedOut_.data();
+  return event;
+}
+
+bool StreamChild::renderSegment(const float* samples, std::size_t count, const FrameFn& onFrame) {
+  if (outputEnded_ || output_ < 0) return false;
+  // One second of audio per message, as a live parent would send it.
+  for (std::size_t at = 0; at < count; at += wire::kSampleRate) {
+    sendAudio(samples + at, std::min<std::size_t>(wire::kSampleRate, count - at));
+  }
+  sendFlush();
   const auto limit = segmentLimit(count);
   const auto deadline = Clock::now() + limit;
-  ReadResult got = ReadResult::ended;
-  bool marker = false;
-  try {
-    for (;;) {
-      std::uint32_t word = 0;
-      if ((got = readAll(output_, &word, sizeof word, deadline)) != ReadResult::complete) break;
-      if (word == kMarker) {
-        marker = true;
+  for (;;) {
+    const Event event = next(deadline);
+    switch (event.kind) {
+      case Event::Kind::frame:
+        try {
+          onFrame(event.position, event.rgb);
+        } catch (...) {
+          end();
+          throw;
+        }
         break;
-      }
-      if ((got = readAll(output_, record_.data(), record_.size(), deadline)) !=
-          ReadResult::complete) {
-        break;
-      }
-      onFrame(word, record_.data());
+      case Event::Kind::marker:
+        return true;
+      case Event::Kind::late:
+        end();
+        throw ClientError("render-stream stopped answering: no end of segment within " +
+                          std::to_string(limit.count() / 1000) + " s (it was ended)");
+      case Event::Kind::ended:
+        // The child's output ended: it has exited or is on its way out.
+        reap(kTermGrace);
+        return false;
     }
-  } catch (...) {
-    // Ending the child makes a blocked write fail, so the writer can be joined; standard input is
-    // closed only after that, so that its descriptor is never reused under the writer.
-    kill();
-    writer.join();
-    closeInput();
-    throw;
   }
-  if (got == ReadResult::late) {
-    kill();
-    writer.join();
-    closeInput();
-    throw ClientError("render-stream stopped answering: no end of segment within " +
-                      std::to_string(limit.count() / 1000) + " s (it was ended)");
-  }
-  if (!marker) {
-    // The child's output ended. Once it has exited, a writer blocked on the full pipe gets its
-    // error; only then is the pipe closed.
-    reap(kTermGrace);
-  }
-  writer.join();
-  if (!marker) closeInput();
-  return marker;
 }
 
 }  // namespace lumora2::render

@@ -98,7 +98,7 @@ void Composer::rendered(const Picture& picture) {
   }
   if (entering_) {
     entry_.push_back(picture);
-    if (entry_.size() == kMaxBlend + 1) settleEntry();
+    if (entry_.size() >= entryHold_) settleEntry();
     return;
   }
   dissolveInto(picture);
@@ -116,6 +116,20 @@ void Composer::endUtterance() {
 void Composer::finish() {
   settleEntry();
   settleIdle(nullptr);
+}
+
+void Composer::releaseIdle(std::size_t keep) {
+  settleEntry();
+  if (pendingIdle_ <= keep) return;
+  if (exit_) {
+    const Picture& nearest = idle_.frame(idle_.nearest(idle_.likeness(*exit_)));
+    pendingIdle_ = std::max(pendingIdle_, blendLength(*exit_, nearest) + 1);
+    settleIdle(nullptr);
+    return;
+  }
+  pendingIdle_ -= keep;
+  settleIdle(nullptr);
+  pendingIdle_ = keep;
 }
 
 void Composer::settleIdle(const Picture* upcoming) {

@@ -1,6 +1,10 @@
 // StreamChild: one `lumora2-model render-stream` child process and its three pipes, spoken to in
-// the render-stream protocol (docs/MODEL_FORMAT.md, section 5). The parent side of that protocol
-// lives here and nowhere else.
+// the render-stream wire format (protocol/stream_wire.h, docs/MODEL_FORMAT.md section 5).
+//
+// The interface is incremental: audio, flushes and resets are queued and written by a writer
+// thread of the child's own (so the child's back-pressure never stalls the caller), and frame
+// records and end-of-segment markers are read one at a time as they arrive (next). renderSegment
+// is the blocking form lumora2-render uses: one whole segment in, its frames out.
 //
 // The process that uses it must ignore SIGPIPE: a child that dies while audio is being written to
 // it shows as a failed write, not as the death of the parent.
@@ -9,6 +13,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <filesystem>
@@ -20,22 +25,12 @@
 #include <vector>
 
 #include "container/platform.h"
+#include "protocol/stream_wire.h"
 
 namespace lumora2::render {
 
 // What the child's header line promises.
-struct StreamGeometry {
-  int fps = 0;
-  int width = 0;
-  int height = 0;
-  int sampleRate = 0;
-  std::string decoder;
-};
-
-// Parses the header line (without its newline): "READY " and a JSON object with the four numbers
-// and the decoder label. Throws ClientError quoting the line when it is not one, or when it
-// promises anything but 20 fps and 16000 Hz, or a frame without even, positive dimensions.
-StreamGeometry parseHeader(const std::string& line);
+using StreamGeometry = wire::Header;
 
 class StreamChild {
  public:
@@ -47,6 +42,9 @@ class StreamChild {
     // (OMP_NUM_THREADS), unless the parent's own environment sets OMP_NUM_THREADS.
     int siblings = 1;
   };
+
+  // The lumora2-model beside the running executable (the parents are installed beside it).
+  static std::filesystem::path defaultHost();
 
   // How long the child may take to warm up and write its header.
   static constexpr std::chrono::seconds kWarmUpLimit{120};
@@ -66,6 +64,31 @@ class StreamChild {
   const StreamGeometry& geometry() const { return geometry_; }
   // The child's process id while it runs (for its resident memory, its environment); -1 after.
   pid_t pid() const { return pid_; }
+
+  // ---- The incremental interface ----
+  // Queue audio, a flush (render what is pending, then an end-of-segment marker) or a reset (end
+  // the current segment at once, no marker) for the writer thread; they never block. After the
+  // child has gone they are dropped.
+  void sendAudio(const float* samples, std::size_t count);
+  void sendFlush();
+  void sendReset();
+  // Bytes queued for the child and not yet written.
+  std::size_t pendingInput() const;
+
+  // What the child said next.
+  struct Event {
+    enum class Kind { frame, marker, ended, late };
+    Kind kind = Kind::ended;
+    std::uint32_t position = 0;
+    const std::uint8_t* rgb = nullptr;  // a frame's R, G, B pixels, valid until the next call
+  };
+  // The next frame record or marker, `ended` when the child's output has ended (the child is then
+  // gone or going: exitStatus() says how), `late` when nothing complete arrived by `deadline`
+  // (call again to go on waiting). Called from one thread at a time.
+  Event next(std::chrono::steady_clock::time_point deadline);
+
+  // Ends the child at once (SIGKILL): next() then says `ended`. Safe from any thread.
+  void kill();
 
   // One segment: sends `count` samples as audio messages followed by a flush (from a writer
   // thread, so that the child's back-pressure never stalls the reading), and hands every frame
@@ -93,23 +116,45 @@ class StreamChild {
 
  private:
   StreamChild() = default;
-  // Closes standard input, then reaps.
+  // Stops the writer once its queue is written, then reaps.
   void waitForExit();
   // Waits for the child to exit (SIGTERM after `grace`, SIGKILL 5 s later), records its status
   // and joins the stderr reader.
   void reap(std::chrono::milliseconds grace);
-  // Ends the child at once: SIGKILL, reap, close its output and remove its TMPDIR. Standard
-  // input stays open for a writer that may still hold it.
-  void kill();
-  void closeInput();
+  // Ends the child at once: SIGKILL, reap, close its output and remove its TMPDIR.
+  void end();
+  void queue(std::string bytes);
+  void writeLoop();
+  bool inputFailedNow() const;
+  void stopWriter();
+  // The child has been reaped.
+  void forgetPid();
 
   std::unique_ptr<ScratchDir> tmp_;  // the child's TMPDIR; declared first, so removed last
   pid_t pid_ = -1;
-  int input_ = -1;   // the child's standard input (write end)
   int output_ = -1;  // the child's standard output (read end)
   int status_ = -1;  // decoded exit status once waited for
   StreamGeometry geometry_;
-  std::vector<std::uint8_t> record_;
+  std::unique_ptr<wire::RecordReader> records_;
+  // Complete items not yet handed out by next(), a frame's pixels with it; a read may complete
+  // more than one.
+  std::deque<std::pair<Event, std::vector<std::uint8_t>>> ready_;
+  std::vector<std::vector<std::uint8_t>> spare_;  // pixel buffers to reuse
+  std::vector<std::uint8_t> handedOut_;           // the pixels of the frame next() returned last
+  std::vector<std::uint8_t> chunk_ = std::vector<std::uint8_t>(1 << 20);
+  bool outputEnded_ = false;
+
+  // The writer thread owns the child's standard input; inputLock_ guards the queue, the flags and
+  // the byte count.
+  mutable std::mutex inputLock_;
+  std::condition_variable inputReady_;
+  std::deque<std::string> inputQueue_;
+  std::size_t inputBytes_ = 0;
+  bool inputClosing_ = false;  // no more will be queued: close standard input once written
+  bool inputFailed_ = false;   // a write failed: the child is gone
+  int input_ = -1;             // the child's standard input (write end), the writer's alone
+  std::thread writer_;
+  std::mutex killLock_;  // guards pid_ against kill() from another thread while reaping
 
   // The stderr reader thread appends under tailLock_; stderrTail() reads under it.
   mutable std::mutex tailLock_;
