@@ -1,0 +1,180 @@
+// The live timeline on a fast clock: a simulated render process (frames at a given speed after a
+// first-chunk latency) feeds it, and a long session of alternating speech and silence is played
+// out frame by frame. Every frame carries exactly 800 samples; the sound is every item's sound,
+// once, in order; a rendered picture leaves with the very samples it was rendered from; and the
+// start rule keeps the output from ever stalling, even when rendering is slower than real time.
+#include "live_timeline.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "family_fixture.h"
+
+namespace lumora2::serve {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr std::size_t kStampBits = 16;
+
+// Writes p into the first row of the picture's U plane, one sample per bit, 100 or 156: a mark
+// the seam measures (luma) hardly see, and that any blend makes unreadable.
+void stamp(Picture& picture, std::size_t p) {
+  std::uint8_t* u = picture.bytes.data() + picture.lumaBytes();
+  for (std::size_t bit = 0; bit < kStampBits; ++bit) u[bit] = ((p >> bit) & 1) != 0 ? 156 : 100;
+}
+
+// The stamp of a picture shown unblended; nothing for a blend or an idle frame.
+std::optional<std::size_t> readStamp(const Picture& picture) {
+  const std::uint8_t* u = picture.bytes.data() + picture.lumaBytes();
+  std::size_t p = 0;
+  for (std::size_t bit = 0; bit < kStampBits; ++bit) {
+    if (u[bit] != 100 && u[bit] != 156) return std::nullopt;
+    if (u[bit] == 156) p |= std::size_t(1) << bit;
+  }
+  return p;
+}
+
+// The sound of frame p of an item: every sample says p.
+float soundOf(std::size_t p) { return float(p + 1) / 65536.0f; }
+
+struct Pace {
+  double fps;         // the simulated render process's speed
+  double firstChunk;  // seconds before its first frame
+  double minutes;     // of session
+  const char* name;
+};
+
+class LiveTimelineOnAFastClock : public ::testing::TestWithParam<Pace> {};
+
+TEST_P(LiveTimelineOnAFastClock, SoundAndPicturesStayTogetherWithoutAStall) {
+  const Pace pace = GetParam();
+  IdleSource idle(family::test::generatedFamily().root / "ava.avatar");
+  LiveTimeline timeline(idle);
+
+  // The session's items: alternating speech (2–7 s, one or two utterances) and silence (1–5 s),
+  // each item handed over when the one before has been heard and its silence has passed.
+  struct Planned {
+    std::size_t frames;
+    std::vector<std::pair<std::size_t, std::size_t>> segments;
+  };
+  std::vector<Planned> plan;
+  const std::size_t totalFrames = std::size_t(pace.minutes * 60 * 20);
+  std::size_t planned = 0;
+  for (std::size_t i = 0; planned < totalFrames * 3 / 4; ++i) {
+    const std::size_t frames = 40 + (i * 37) % 100;
+    Planned item{frames, {}};
+    if (i % 3 == 0) {
+      item.segments = {{0, frames / 2 - 5}, {frames / 2 + 10, frames}};
+    } else {
+      item.segments = {{2, frames}};
+    }
+    plan.push_back(item);
+    planned += frames + 20 + (i * 13) % 80;
+  }
+
+  // The simulated render process: one segment at a time, as the session's render thread does.
+  struct Rendering {
+    std::uint64_t item = 0;
+    std::size_t segment = 0;
+    std::size_t frames = 0;
+    std::size_t made = 0;
+    Clock::time_point sentAt;
+  };
+  std::optional<Rendering> rendering;
+  auto render = [&](Clock::time_point now) {
+    for (;;) {
+      if (!rendering) {
+        const auto work = timeline.renderWork(0);
+        if (!work) return;
+        rendering = Rendering{work->item, work->segment, work->frames, 0, now};
+        timeline.audioSent(work->item, work->segment, now);
+      }
+      const double elapsed = std::chrono::duration<double>(now - rendering->sentAt).count();
+      const auto due = std::size_t(std::max(0.0, (elapsed - pace.firstChunk) * pace.fps));
+      while (rendering->made < std::min(due, rendering->frames)) {
+        Picture picture = idle.frame(rendering->made * 7);
+        stamp(picture, rendering->made);
+        timeline.addFrame(rendering->item, rendering->segment, rendering->made, picture, now);
+        ++rendering->made;
+      }
+      if (rendering->made < rendering->frames) return;
+      timeline.segmentDone(rendering->item, rendering->segment, now);
+      rendering.reset();
+    }
+  };
+
+  Clock::time_point now{};
+  std::size_t nextPlanned = 0;
+  std::size_t silence = 0;  // idle frames since the last item was heard
+  std::size_t stalls = 0;
+  // The sound heard, item by item: for each speech frame, (item index, frame within item).
+  std::size_t itemIndex = 0, itemFrame = 0;
+  std::size_t stamped = 0, segmentFrames = 0;
+  LiveFrame frame;
+  for (std::size_t n = 0; n < totalFrames; ++n) {
+    now += std::chrono::milliseconds(50);
+    if (nextPlanned < plan.size() && timeline.queuedItems() == 0 &&
+        silence >= 20 + (nextPlanned * 13) % 80) {
+      const Planned& p = plan[nextPlanned++];
+      std::vector<float> samples(p.frames * kFrameSamples);
+      for (std::size_t f = 0; f < p.frames; ++f) {
+        std::fill_n(samples.begin() + std::ptrdiff_t(f * kFrameSamples), kFrameSamples, soundOf(f));
+      }
+      timeline.addRecording(std::move(samples), p.segments);
+    }
+    render(now);
+    while (!timeline.next(frame, now)) {
+      ++stalls;
+      now += std::chrono::milliseconds(5);
+      render(now);
+      ASSERT_LT(stalls, 100000u) << "the timeline never recovers";
+    }
+    ASSERT_EQ(frame.samples.size(), kFrameSamples);
+    ASSERT_EQ(frame.picture.width, idle.width());
+    if (!frame.speech) {
+      ASSERT_EQ(frame.samples.front(), 0.0f) << "sound in the idle clip at frame " << n;
+      ++silence;
+      if (itemFrame != 0) FAIL() << "item " << itemIndex << " was cut short at " << itemFrame;
+      continue;
+    }
+    silence = 0;
+    // One item's frames in order, each with its own sound, and its pictures with them.
+    ASSERT_LT(itemIndex, plan.size());
+    ASSERT_EQ(frame.samples.front(), soundOf(itemFrame))
+        << "item " << itemIndex << " frame " << itemFrame;
+    ASSERT_EQ(frame.samples.back(), soundOf(itemFrame));
+    const Planned& heard = plan[itemIndex];
+    for (const auto& [first, end] : heard.segments) {
+      if (itemFrame >= first && itemFrame < end) {
+        ++segmentFrames;
+        if (const auto p = readStamp(frame.picture)) {
+          ASSERT_EQ(*p, itemFrame - first) << "picture and sound apart in item " << itemIndex;
+          ++stamped;
+        }
+      }
+    }
+    if (++itemFrame == heard.frames) {
+      ++itemIndex;
+      itemFrame = 0;
+    }
+  }
+  EXPECT_EQ(timeline.framesOut(), totalFrames);
+  EXPECT_EQ(stalls, 0u) << "the output stalled";
+  EXPECT_GE(itemIndex, plan.size() / 2) << "speech was held back";
+  // Most speech frames show the rendered picture itself (the rest are the seams' blends).
+  EXPECT_GT(double(stamped), 0.8 * double(segmentFrames));
+  std::printf("%s: %zu frames, %zu items heard, %zu of %zu utterance frames unblended\n", pace.name,
+              totalFrames, itemIndex, stamped, segmentFrames);
+}
+
+INSTANTIATE_TEST_SUITE_P(Renderers, LiveTimelineOnAFastClock,
+                         ::testing::Values(Pace{200, 0.05, 120, "TwoHoursFastRenderer"},
+                                           Pace{14, 0.4, 5, "SlowerThanRealTime"}),
+                         [](const auto& param) { return std::string(param.param.name); });
+
+}  // namespace
+}  // namespace lumora2::serve

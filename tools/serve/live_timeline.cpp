@@ -1,0 +1,272 @@
+#include "live_timeline.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace lumora2::serve {
+
+LiveTimeline::LiveTimeline(IdleSource& idle)
+    : idle_(idle), composer_([this](const Picture& p, Composer::Kind) { onComposed(p); }, idle) {
+  composer_.setEntryHold(1);
+}
+
+LiveTimeline::Item* LiveTimeline::find(std::uint64_t id) {
+  for (auto& item : items_)
+    if (item->id == id) return item.get();
+  return nullptr;
+}
+
+const LiveTimeline::Item* LiveTimeline::find(std::uint64_t id) const {
+  for (const auto& item : items_)
+    if (item->id == id) return item.get();
+  return nullptr;
+}
+
+std::uint64_t LiveTimeline::addRecording(
+    std::vector<float> samples, std::vector<std::pair<std::size_t, std::size_t>> segments) {
+  auto item = std::make_unique<Item>();
+  item->id = nextId_++;
+  item->samples = std::move(samples);
+  item->complete = true;
+  for (const auto& [first, end] : segments) {
+    Segment s;
+    s.first = first;
+    s.end = std::min(end, item->frames());
+    if (s.end > s.first) item->segments.push_back(std::move(s));
+  }
+  items_.push_back(std::move(item));
+  return items_.back()->id;
+}
+
+std::uint64_t LiveTimeline::beginStream() {
+  auto item = std::make_unique<Item>();
+  item->id = nextId_++;
+  item->streamed = true;
+  item->segments.emplace_back();
+  items_.push_back(std::move(item));
+  return items_.back()->id;
+}
+
+void LiveTimeline::appendStream(std::uint64_t id, const float* samples, std::size_t count) {
+  Item* item = find(id);
+  if (item == nullptr || item->complete) return;
+  item->samples.insert(item->samples.end(), samples, samples + count);
+  item->segments.front().end = item->frames();
+}
+
+std::size_t LiveTimeline::endStream(std::uint64_t id) {
+  Item* item = find(id);
+  if (item == nullptr) return 0;
+  item->complete = true;
+  item->segments.front().end = item->frames();
+  return item->samples.size();
+}
+
+std::optional<LiveTimeline::RenderWork> LiveTimeline::renderWork(std::size_t sent) const {
+  for (const auto& item : items_) {
+    for (std::size_t k = 0; k < item->segments.size(); ++k) {
+      const Segment& s = item->segments[k];
+      if (s.done) continue;
+      RenderWork work;
+      work.item = item->id;
+      work.segment = k;
+      const std::size_t from = s.first * kFrameSamples;
+      const std::size_t to = std::min(item->samples.size(), s.end * kFrameSamples);
+      if (from + sent < to) {
+        work.samples.assign(item->samples.begin() + std::ptrdiff_t(from + sent),
+                            item->samples.begin() + std::ptrdiff_t(to));
+      }
+      work.complete = item->complete;
+      work.frames = s.end - s.first;
+      return work;
+    }
+  }
+  return std::nullopt;
+}
+
+void LiveTimeline::addFrame(std::uint64_t id, std::size_t segment, std::size_t position,
+                            Picture picture, TimePoint now) {
+  Item* item = find(id);
+  if (item == nullptr || segment >= item->segments.size()) return;
+  Segment& s = item->segments[segment];
+  if (position < s.played || (item->complete && position >= s.end - s.first)) return;
+  if (!s.firstFrameAt) s.firstFrameAt = now;
+  if (s.frames.emplace(position, std::move(picture)).second) {
+    ++s.received;
+    ++framesAhead_;
+  }
+}
+
+void LiveTimeline::audioSent(std::uint64_t id, std::size_t segment, TimePoint now) {
+  Item* item = find(id);
+  if (item != nullptr && segment < item->segments.size() && !item->streamed) {
+    item->segments[segment].audioSentAt = now;
+  }
+}
+
+void LiveTimeline::segmentDone(std::uint64_t id, std::size_t segment, TimePoint now) {
+  Item* item = find(id);
+  if (item == nullptr || segment >= item->segments.size()) return;
+  Segment& s = item->segments[segment];
+  s.done = true;
+  // The child's speed on a whole segment: how long its first frame took after the sound was all
+  // sent (the largest seen), and frames a second from there on.
+  if (s.audioSentAt && s.firstFrameAt && s.received > 1) {
+    latency_ =
+        std::max(latency_, std::chrono::duration<double>(*s.firstFrameAt - *s.audioSentAt).count());
+    const double seconds = std::chrono::duration<double>(now - *s.firstFrameAt).count();
+    if (seconds > 0) rate_ = double(s.received - 1) / seconds;
+  }
+}
+
+bool LiveTimeline::mayStart(const Item& item, TimePoint now) const {
+  if (item.segments.empty()) return item.complete;
+  const Segment& s = item.segments.front();
+  if (s.done) return true;
+  const std::size_t length = item.complete ? s.end - s.first : SIZE_MAX;
+  // Frames at hand from the segment's start on.
+  std::size_t ready = 0;
+  while (s.frames.count(ready) != 0) ++ready;
+  if (ready < std::min(kStartFrames, length)) return false;
+  if (!item.complete) return true;  // a stream renders as its sound arrives
+  // Whether the rest will be rendered in time at the speed measured so far: a segment's frames
+  // come `latency_` after its sound was sent, then at `rate_` frames a second. Before any segment
+  // has finished, the first one's own progress is the measure (its latency counted as rendering
+  // time, which errs on the slow side).
+  double rate = rate_;
+  double latency = latency_;
+  if (rate <= 0) {
+    if (!s.audioSentAt || s.received == 0) return false;
+    const double seconds = std::chrono::duration<double>(now - *s.audioSentAt).count();
+    if (seconds <= 0) return false;
+    rate = double(s.received) / seconds;
+    latency = 0;
+  }
+  // Measures from a few frames are rough: the plan keeps a tenth of the speed and 150 ms in hand.
+  rate *= 0.9;
+  constexpr double kSlack = 0.15;
+  // The child renders the item's segments one after another: each must be whole by the time its
+  // last frame is due, and (after the first) its first frames by the time they are due.
+  double busy = kSlack;  // seconds from now until the child starts on the segment
+  for (const Segment& k : item.segments) {
+    const std::size_t frames = k.end - k.first;
+    const double left = double(frames - std::min(k.received, frames));
+    const double wait = k.received > 0 ? 0.0 : latency;
+    if (&k != &s && busy + wait + std::min(left, double(kStartFrames)) / rate >
+                        double(k.first + kLookahead) / 20.0) {
+      return false;
+    }
+    busy += wait + left / rate;
+    if (busy > double(k.end + kLookahead - 1) / 20.0) return false;
+  }
+  return true;
+}
+
+void LiveTimeline::onComposed(const Picture& picture) {
+  const std::size_t position = composer_.written();
+  while (!finished_.empty() && !finished_.front()->holds(position) &&
+         position >= finished_.front()->startPosition) {
+    finished_.pop_front();
+  }
+  LiveFrame frame;
+  frame.picture = picture;
+  frame.samples.assign(kFrameSamples, 0.0f);
+  const Item* owner = nullptr;
+  for (const auto& item : finished_)
+    if (item->holds(position)) owner = item.get();
+  if (owner == nullptr && current_ != nullptr && current_->holds(position)) owner = current_;
+  if (owner != nullptr) {
+    frame.speech = true;
+    const std::size_t from = (position - owner->startPosition) * kFrameSamples;
+    const std::size_t to = std::min(owner->samples.size(), from + kFrameSamples);
+    if (from < to) {
+      std::copy(owner->samples.begin() + std::ptrdiff_t(from),
+                owner->samples.begin() + std::ptrdiff_t(to), frame.samples.begin());
+    }
+  }
+  out_.push_back(std::move(frame));
+}
+
+bool LiveTimeline::decide(TimePoint now) {
+  while (out_.empty()) {
+    if (current_ == nullptr) {
+      if (!items_.empty() && mayStart(*items_.front(), now)) {
+        current_ = items_.front().get();
+        current_->started = true;
+        current_->startPosition = composer_.position();
+        continue;
+      }
+      composer_.idleUntil(composer_.position() + 1);
+      composer_.releaseIdle(kLookahead);
+      continue;
+    }
+    Item& item = *current_;
+    const std::size_t q = composer_.position() - item.startPosition;
+    if (item.complete && q >= item.frames()) {
+      if (inUtterance_) composer_.endUtterance();
+      inUtterance_ = false;
+      for (Segment& s : item.segments) {
+        framesAhead_ -= s.frames.size();
+        s.frames.clear();
+      }
+      ++itemsSpoken_;
+      finished_.push_back(std::move(items_.front()));
+      items_.pop_front();
+      current_ = nullptr;
+      continue;
+    }
+    // The segment that holds frame q, if any.
+    Segment* segment = nullptr;
+    std::size_t k = 0;
+    for (; k < item.segments.size(); ++k) {
+      Segment& s = item.segments[k];
+      if (q >= s.first && (q < s.end || (!item.complete && item.streamed))) {
+        segment = &s;
+        break;
+      }
+    }
+    if (segment == nullptr) {
+      // Between utterances of the item: its own sound over the idle clip.
+      if (inUtterance_) composer_.endUtterance();
+      inUtterance_ = false;
+      composer_.idleUntil(composer_.position() + 1);
+      composer_.releaseIdle(kLookahead);
+      continue;
+    }
+    const std::size_t p = q - segment->first;
+    auto frame = segment->frames.find(p);
+    if (frame != segment->frames.end()) {
+      if (!inUtterance_ || utteranceSegment_ != k) {
+        if (inUtterance_) composer_.endUtterance();
+        composer_.beginUtterance();
+        inUtterance_ = true;
+        utteranceSegment_ = k;
+      }
+      composer_.rendered(frame->second);
+      segment->frames.erase(frame);
+      segment->played = p + 1;
+      --framesAhead_;
+      continue;
+    }
+    const bool skipped = !segment->frames.empty() && segment->frames.begin()->first > p;
+    if (segment->done || skipped) {
+      // A frame the child did not render: the idle clip shows in its place.
+      composer_.idleUntil(composer_.position() + 1);
+      composer_.releaseIdle(0);
+      segment->played = p + 1;
+      continue;
+    }
+    return false;  // due and not rendered yet
+  }
+  return true;
+}
+
+bool LiveTimeline::next(LiveFrame& out, TimePoint now) {
+  if (!decide(now)) return false;
+  out = std::move(out_.front());
+  out_.pop_front();
+  ++framesOut_;
+  return true;
+}
+
+}  // namespace lumora2::serve

@@ -1,0 +1,155 @@
+// LiveTimeline: one live session's picture-and-sound timeline, without threads or clocks of its
+// own. The session's clock is the sample clock of the sound it plays: every output frame is one
+// picture and exactly the 800 samples (50 ms at 16 kHz) that play with it, in order, for as long
+// as the session lives. Silence shows the avatar's idle clip; speech shows the frames its
+// render-stream child rendered, each with the very samples it was rendered from; the Composer
+// blends the seams as lumora2-render does.
+//
+// Speech arrives as items: a posted file (whole, split into utterances by its silences, each one a
+// segment for the child) or a stream (one segment that grows until it is ended). An item plays
+// from start to end without a break once it has started; it starts only when enough of its first
+// segment is rendered to finish in time at the rendering speed measured so far. When a rendered
+// frame is due and not there, next() says so and nothing is output: the caller pauses sound and
+// pictures together (a stall) and asks again.
+//
+// Not thread-safe: the session calls it under its own lock.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "composer.h"
+#include "idle_source.h"
+#include "picture.h"
+
+namespace lumora2::serve {
+
+using render::Composer;
+using render::IdleSource;
+using render::Picture;
+using TimePoint = std::chrono::steady_clock::time_point;
+
+inline constexpr std::size_t kFrameSamples = 800;
+
+// One output frame: its picture and the sound that plays with it.
+struct LiveFrame {
+  Picture picture;
+  std::vector<float> samples;  // kFrameSamples
+  bool speech = false;         // the frame belongs to an item (its sound may still be silence)
+};
+
+class LiveTimeline {
+ public:
+  // Undecided idle frames kept ahead of the output, over which an item's start lands on the
+  // clip frame most like its first picture: 3 frames, 150 ms of added latency.
+  static constexpr std::size_t kLookahead = 3;
+  // Rendered frames an item's first segment needs before it may start (unless it is shorter).
+  static constexpr std::size_t kStartFrames = 8;
+
+  explicit LiveTimeline(IdleSource& idle);
+
+  // ---- Items ----
+  // A whole recording; `segments` are [first, end) frame ranges of it to render (the rest plays
+  // the idle clip with the recording's own sound). Returns the item's id.
+  std::uint64_t addRecording(std::vector<float> samples,
+                             std::vector<std::pair<std::size_t, std::size_t>> segments);
+  // A streamed item: one segment that grows with appendStream until endStream.
+  std::uint64_t beginStream();
+  void appendStream(std::uint64_t item, const float* samples, std::size_t count);
+  // Ends the stream: its last partial frame is padded with silence. Returns its length in
+  // samples.
+  std::size_t endStream(std::uint64_t item);
+  // Items not yet finished playing (the one playing included).
+  std::size_t queuedItems() const { return items_.size(); }
+  bool speaking() const { return current_ != nullptr; }
+
+  // ---- The rendering side ----
+  // What the child should render next: the earliest segment not yet finished, with the samples
+  // not yet sent from `sent` on (copied), and whether the segment's sound is complete. Empty when
+  // there is nothing to render.
+  struct RenderWork {
+    std::uint64_t item = 0;
+    std::size_t segment = 0;
+    std::vector<float> samples;  // from `sent` on
+    bool complete = false;       // every sample of the segment is in `samples` or was sent
+    std::size_t frames = 0;      // the segment's length in frames, once complete
+  };
+  std::optional<RenderWork> renderWork(std::size_t sent) const;
+  // A rendered frame of a segment at its position within the segment. Frames past the segment,
+  // or at positions already held or played, are dropped.
+  void addFrame(std::uint64_t item, std::size_t segment, std::size_t position, Picture picture,
+                TimePoint now);
+  // The child has sent all of a segment's audio (rendering-speed measurement starts here).
+  void audioSent(std::uint64_t item, std::size_t segment, TimePoint now);
+  // The segment is finished: the child's end-of-segment marker arrived, or it failed (its missing
+  // frames then play the idle clip).
+  void segmentDone(std::uint64_t item, std::size_t segment, TimePoint now);
+  // Rendered frames held and not yet played (for back-pressure on the child).
+  std::size_t framesAhead() const { return framesAhead_; }
+  // Rendered frames a second, measured over finished segments (0 before the first).
+  double renderRate() const { return rate_; }
+
+  // ---- The output side ----
+  // The next output frame into `out`; false when a rendered frame is due and not yet there.
+  bool next(LiveFrame& out, TimePoint now);
+  std::uint64_t framesOut() const { return framesOut_; }
+  std::uint64_t itemsSpoken() const { return itemsSpoken_; }
+
+ private:
+  struct Segment {
+    std::size_t first = 0;
+    std::size_t end = 0;                    // frames within the item; grows while streamed
+    std::map<std::size_t, Picture> frames;  // by position within the segment
+    std::size_t played = 0;                 // positions placed on the output
+    std::size_t received = 0;
+    bool done = false;
+    std::optional<TimePoint> audioSentAt;
+    std::optional<TimePoint> firstFrameAt;
+  };
+  struct Item {
+    std::uint64_t id = 0;
+    std::vector<float> samples;
+    std::vector<Segment> segments;
+    bool streamed = false;
+    bool complete = false;  // every sample is here
+    bool started = false;
+    std::size_t startPosition = 0;  // the composer position of its frame 0
+    std::size_t frames() const { return (samples.size() + kFrameSamples - 1) / kFrameSamples; }
+    // Whether composer position p is one of its frames (a stream's end is open until complete).
+    bool holds(std::size_t p) const {
+      return started && p >= startPosition && (!complete || p < startPosition + frames());
+    }
+  };
+
+  Item* find(std::uint64_t id);
+  const Item* find(std::uint64_t id) const;
+  bool mayStart(const Item& item, TimePoint now) const;
+  // Decides output frames into the composer until one comes out, or a rendered frame is missing.
+  bool decide(TimePoint now);
+  void onComposed(const Picture& picture);
+
+  IdleSource& idle_;
+  Composer composer_;
+  std::deque<LiveFrame> out_;  // composed and not yet handed out
+  std::deque<std::unique_ptr<Item>> items_;
+  Item* current_ = nullptr;  // the item playing (items_.front() when set)
+  bool inUtterance_ = false;
+  std::size_t utteranceSegment_ = 0;
+  std::uint64_t nextId_ = 1;
+  std::size_t framesAhead_ = 0;
+  double rate_ = 0;     // frames a second after a segment's first frame
+  double latency_ = 0;  // seconds from a segment's sound to its first frame
+  std::uint64_t framesOut_ = 0;
+  std::uint64_t itemsSpoken_ = 0;
+  // Items decided to their end whose last frames the composer may still hold back: the sound of
+  // a frame handed out at composer position p is that of the item whose frames hold p.
+  std::deque<std::unique_ptr<Item>> finished_;
+};
+
+}  // namespace lumora2::serve
