@@ -97,6 +97,22 @@ for avatar in "$out"/*.avatar; do
 done
 
 echo
+echo "== lumora2-serve: the live server starts, offers both avatars and stops"
+# Not interactive: the server is asked for its health and its avatars on a free port, then ended.
+serve_log="$out/serve.log"
+"$build/host/lumora2-serve" --engine "$out/vivra.model" --avatars "$out" --listen 127.0.0.1:0 \
+  >"$out/serve.out" 2>"$serve_log" &
+serve_pid=$!
+for _ in $(seq 100); do grep -q 'listening on' "$out/serve.out" 2>/dev/null && break; sleep 0.1; done
+url=$(sed -nE 's/.*listening on (http:[^ ]+).*/\1/p' "$out/serve.out")
+echo "  $(head -n1 "$out/serve.out")"
+echo "  GET ${url}healthz    -> $(curl -s --max-time 5 "${url}healthz")"
+echo "  GET ${url}v1/avatars -> $(curl -s --max-time 5 "${url}v1/avatars" | cut -c1-120)…"
+kill -TERM "$serve_pid"
+wait "$serve_pid" && echo "  SIGTERM: lumora2-serve exited 0"
+echo "  to watch live: $build/host/lumora2-serve --engine $out/vivra.model --avatars $out, then open http://127.0.0.1:8080/"
+
+echo
 echo "demo done: artifacts in $out, unpacked and verified in $out/unpacked; both avatars validated;"
 echo "render-stream served $out/ava.avatar (its log: $out/render-stream.log)"
 echo "videos (H.264 + AAC, 416 x 720 at 20 fps):"

@@ -22,10 +22,12 @@ const LiveTimeline::Item* LiveTimeline::find(std::uint64_t id) const {
   return nullptr;
 }
 
-std::uint64_t LiveTimeline::addRecording(
-    std::vector<float> samples, std::vector<std::pair<std::size_t, std::size_t>> segments) {
+std::uint64_t LiveTimeline::addRecording(std::vector<float> samples,
+                                         std::vector<std::pair<std::size_t, std::size_t>> segments,
+                                         TimePoint arrived) {
   auto item = std::make_unique<Item>();
   item->id = nextId_++;
+  item->arrived = arrived;
   item->samples = std::move(samples);
   item->complete = true;
   for (const auto& [first, end] : segments) {
@@ -38,9 +40,10 @@ std::uint64_t LiveTimeline::addRecording(
   return items_.back()->id;
 }
 
-std::uint64_t LiveTimeline::beginStream() {
+std::uint64_t LiveTimeline::beginStream(TimePoint arrived) {
   auto item = std::make_unique<Item>();
   item->id = nextId_++;
+  item->arrived = arrived;
   item->streamed = true;
   item->segments.emplace_back();
   items_.push_back(std::move(item));
@@ -177,6 +180,9 @@ void LiveTimeline::onComposed(const Picture& picture) {
   if (owner == nullptr && current_ != nullptr && current_->holds(position)) owner = current_;
   if (owner != nullptr) {
     frame.speech = true;
+    if (!owner->segments.empty() && position == owner->startPosition + owner->segments[0].first) {
+      frame.itemArrived = owner->arrived;
+    }
     const std::size_t from = (position - owner->startPosition) * kFrameSamples;
     const std::size_t to = std::min(owner->samples.size(), from + kFrameSamples);
     if (from < to) {

@@ -42,6 +42,8 @@ struct LiveFrame {
   Picture picture;
   std::vector<float> samples;  // kFrameSamples
   bool speech = false;         // the frame belongs to an item (its sound may still be silence)
+  // On an item's first rendered frame: when the item arrived (its first sample, for a stream).
+  std::optional<TimePoint> itemArrived;
 };
 
 class LiveTimeline {
@@ -58,9 +60,10 @@ class LiveTimeline {
   // A whole recording; `segments` are [first, end) frame ranges of it to render (the rest plays
   // the idle clip with the recording's own sound). Returns the item's id.
   std::uint64_t addRecording(std::vector<float> samples,
-                             std::vector<std::pair<std::size_t, std::size_t>> segments);
+                             std::vector<std::pair<std::size_t, std::size_t>> segments,
+                             TimePoint arrived = {});
   // A streamed item: one segment that grows with appendStream until endStream.
-  std::uint64_t beginStream();
+  std::uint64_t beginStream(TimePoint arrived = {});
   void appendStream(std::uint64_t item, const float* samples, std::size_t count);
   // Ends the stream: its last partial frame is padded with silence. Returns its length in
   // samples.
@@ -120,6 +123,7 @@ class LiveTimeline {
     bool complete = false;  // every sample is here
     bool started = false;
     std::size_t startPosition = 0;  // the composer position of its frame 0
+    TimePoint arrived;
     std::size_t frames() const { return (samples.size() + kFrameSamples - 1) / kFrameSamples; }
     // Whether composer position p is one of its frames (a stream's end is open until complete).
     bool holds(std::size_t p) const {

@@ -1,0 +1,381 @@
+#include "live_session.h"
+
+#include <fstream>
+#include <utility>
+
+#include "client_error.h"
+#include "media/webrtc_sender.h"
+#include "utterances.h"
+
+namespace lumora2::serve {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr auto kFramePeriod = std::chrono::milliseconds(50);
+constexpr auto kReadSlice = std::chrono::milliseconds(20);
+
+// Resident memory of a process in KiB (0 when it cannot be read).
+long residentKiB(pid_t pid) {
+  if (pid <= 0) return 0;
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  std::string key;
+  while (status >> key) {
+    if (key == "VmRSS:") {
+      long kib = 0;
+      status >> kib;
+      return kib;
+    }
+    status.ignore(4096, '\n');
+  }
+  return 0;
+}
+
+}  // namespace
+
+LiveSession::LiveSession(std::string id, Avatar avatar, SessionOptions options)
+    : id_(std::move(id)),
+      avatar_(std::move(avatar)),
+      options_(std::move(options)),
+      idle_(std::make_unique<IdleSource>(avatar_.file)),
+      timeline_(*idle_),
+      lastActivity_(Clock::now()),
+      created_(Clock::now()) {
+  render_ = std::thread([this] { renderLoop(); });
+  pace_ = std::thread([this] { paceLoop(); });
+}
+
+LiveSession::~LiveSession() {
+  end("the session was closed");
+  if (pace_.joinable()) pace_.join();
+  if (render_.joinable()) render_.join();
+  std::shared_ptr<WebRtcSender> sender;
+  {
+    MutexLock hold(lock_);
+    sender = std::move(sender_);
+  }
+  sender.reset();  // stops the media pipeline
+}
+
+void LiveSession::end(const std::string& reason) {
+  {
+    MutexLock hold(lock_);
+    if (endedReason_.empty()) endedReason_ = reason;
+  }
+  ended_ = true;
+  changed_.notify_all();
+}
+
+void LiveSession::touch() {
+  MutexLock hold(lock_);
+  lastActivity_ = Clock::now();
+}
+
+double LiveSession::idleSeconds() const {
+  MutexLock hold(lock_);
+  return std::chrono::duration<double>(Clock::now() - lastActivity_).count();
+}
+
+std::string LiveSession::connect(const std::string& offer) {
+  {
+    MutexLock hold(lock_);
+    if (sender_) throw SessionError(409, "the session already has a viewer");
+  }
+  WebRtcSender::Events events;
+  events.connected = [this] {
+    {
+      MutexLock hold(lock_);
+      connected_ = true;
+    }
+    changed_.notify_all();
+  };
+  events.ended = [this](const std::string& why) { end("the viewer's connection ended: " + why); };
+  WebRtcSender::Options media;
+  media.width = idle_->width();
+  media.height = idle_->height();
+  std::shared_ptr<WebRtcSender> sender = WebRtcSender::create(offer, media, std::move(events));
+  const std::string answer = sender->answer();
+  MutexLock hold(lock_);
+  if (sender_) throw SessionError(409, "the session already has a viewer");
+  sender_ = std::move(sender);
+  lastActivity_ = Clock::now();
+  return answer;
+}
+
+LiveSession::Receipt LiveSession::speak(std::vector<float> samples) {
+  render::SilenceRule rule;
+  std::vector<std::pair<std::size_t, std::size_t>> segments;
+  for (const render::Utterance& u : render::splitUtterances(samples, rule)) {
+    segments.emplace_back(u.firstFrame, u.endFrame);
+  }
+  const double seconds = double(samples.size()) / 16000.0;
+  Receipt receipt;
+  {
+    MutexLock hold(lock_);
+    if (ended_) throw SessionError(409, "the session has ended");
+    if (timeline_.queuedItems() >= options_.maxQueuedItems) {
+      throw SessionError(409, "the session's speech queue is full (" +
+                                  std::to_string(options_.maxQueuedItems) + " items)");
+    }
+    receipt.utterance =
+        timeline_.addRecording(std::move(samples), std::move(segments), Clock::now());
+    receipt.seconds = seconds;
+    lastActivity_ = Clock::now();
+  }
+  changed_.notify_all();
+  return receipt;
+}
+
+void LiveSession::stream(const float* samples, std::size_t count) {
+  {
+    MutexLock hold(lock_);
+    if (ended_) throw SessionError(409, "the session has ended");
+    if (!openStream_) {
+      if (timeline_.queuedItems() >= options_.maxQueuedItems) {
+        throw SessionError(409, "the session's speech queue is full (" +
+                                    std::to_string(options_.maxQueuedItems) + " items)");
+      }
+      openStream_ = timeline_.beginStream(Clock::now());
+      streamed_ = 0;
+    }
+    timeline_.appendStream(*openStream_, samples, count);
+    streamed_ += count;
+    // A stream that never ends would hold its samples for ever: it ends itself after a while.
+    if (streamed_ >= options_.maxStreamSamples) {
+      timeline_.endStream(*openStream_);
+      openStream_.reset();
+      streamed_ = 0;
+    }
+    lastActivity_ = Clock::now();
+  }
+  changed_.notify_all();
+}
+
+std::optional<LiveSession::Receipt> LiveSession::endStream() {
+  std::optional<Receipt> receipt;
+  {
+    MutexLock hold(lock_);
+    if (!openStream_) return std::nullopt;
+    receipt = Receipt{*openStream_, double(timeline_.endStream(*openStream_)) / 16000.0};
+    openStream_.reset();
+    lastActivity_ = Clock::now();
+  }
+  changed_.notify_all();
+  return receipt;
+}
+
+nlohmann::json LiveSession::status() const {
+  MutexLock hold(lock_);
+  nlohmann::json j;
+  j["id"] = id_;
+  j["avatar"] = avatar_.code;
+  j["state"] = ended_ ? "ended" : "live";
+  j["ended_reason"] = ended_ ? nlohmann::json(endedReason_) : nlohmann::json(nullptr);
+  j["child"] = childState_;
+  j["connected"] = connected_;
+  j["frames_sent"] = timeline_.framesOut();
+  j["stalls"] = stalls_;
+  j["stalled_seconds"] = stalledSeconds_;
+  j["utterances_queued"] = timeline_.queuedItems();
+  j["utterances_spoken"] = timeline_.itemsSpoken();
+  j["speaking"] = timeline_.speaking();
+  j["respawns"] = respawns_;
+  j["render_fps"] = timeline_.renderRate();
+  j["child_pid"] = childPid_;
+  j["child_rss_kib"] = residentKiB(childPid_);
+  j["speech_to_first_frame_ms"] =
+      speechLatency_ ? nlohmann::json(*speechLatency_ * 1000.0) : nlohmann::json(nullptr);
+  j["first_frame_after_connect_ms"] =
+      firstFrameAfter_ ? nlohmann::json(*firstFrameAfter_ * 1000.0) : nlohmann::json(nullptr);
+  return j;
+}
+
+bool LiveSession::startChild(std::unique_ptr<render::StreamChild>& child) {
+  {
+    MutexLock hold(lock_);
+    childState_ = "warming";
+    childPid_ = -1;
+  }
+  try {
+    render::StreamChild::Command command = options_.command;
+    command.avatar = avatar_.file;
+    child = render::StreamChild::start(command);
+  } catch (const std::exception& e) {
+    end(std::string("the render process did not start: ") + e.what());
+    MutexLock hold(lock_);
+    childState_ = "failed";
+    return false;
+  }
+  MutexLock hold(lock_);
+  childState_ = "ready";
+  childPid_ = child->pid();
+  return true;
+}
+
+// Feeds the child the segment the timeline asks for, one at a time, and hands its frames back.
+void LiveSession::renderLoop() {
+  std::unique_ptr<render::StreamChild> child;
+  if (!startChild(child)) return;
+  render::PictureConverter converter(child->geometry().width, child->geometry().height,
+                                     render::PictureConverter::Layout::rgb24);
+  struct Current {
+    std::uint64_t item = 0;
+    std::size_t segment = 0;
+    std::size_t sent = 0;
+    bool flushed = false;
+    bool resent = false;
+    std::size_t received = 0;
+  };
+  // The segment the child is rendering; `busy` says whether there is one (a plain flag: GCC 12
+  // misreads an optional of it as maybe uninitialised).
+  Current current;
+  bool busy = false;
+  while (!ended_) {
+    // 1. The sound the child has not had yet.
+    std::optional<LiveTimeline::RenderWork> work;
+    bool holdBack = false;
+    {
+      MutexLock hold(lock_);
+      if (busy && !current.flushed) work = timeline_.renderWork(current.sent);
+      if (!busy) work = timeline_.renderWork(0);
+      holdBack = timeline_.framesAhead() >= options_.maxFramesAhead;
+    }
+    if (work && (!busy || current.item != work->item || current.segment != work->segment)) {
+      current = Current{work->item, work->segment};
+      busy = true;
+    }
+    if (work && busy && !current.flushed) {
+      if (!work->samples.empty()) {
+        child->sendAudio(work->samples.data(), work->samples.size());
+        current.sent += work->samples.size();
+      }
+      if (work->complete) {
+        child->sendFlush();
+        current.flushed = true;
+        MutexLock hold(lock_);
+        timeline_.audioSent(current.item, current.segment, Clock::now());
+      }
+    }
+    // 2. What the child answers, unless the timeline holds enough already.
+    if (holdBack) {
+      MutexLock hold(lock_);
+      changed_.wait_for(lock_, kReadSlice);
+      continue;
+    }
+    const render::StreamChild::Event event = child->next(Clock::now() + kReadSlice);
+    switch (event.kind) {
+      case render::StreamChild::Event::Kind::late:
+        if (!busy) {
+          MutexLock hold(lock_);
+          if (!ended_ && !timeline_.renderWork(0)) changed_.wait_for(lock_, kReadSlice);
+        }
+        break;
+      case render::StreamChild::Event::Kind::frame:
+        if (busy) {
+          Picture picture(child->geometry().width, child->geometry().height);
+          converter.convert(event.rgb, picture);
+          ++current.received;
+          {
+            MutexLock hold(lock_);
+            timeline_.addFrame(current.item, current.segment, event.position, std::move(picture),
+                               Clock::now());
+          }
+          changed_.notify_all();
+        }
+        break;
+      case render::StreamChild::Event::Kind::marker: {
+        // A segment the engine failed ends with a marker and no frames; the child leaves right
+        // after it when it wants to be respawned.
+        if (busy && current.received == 0 && child->exitsWithin(std::chrono::seconds(3))) {
+          break;  // the next read says `ended`
+        }
+        if (busy) {
+          {
+            MutexLock hold(lock_);
+            timeline_.segmentDone(current.item, current.segment, Clock::now());
+          }
+          changed_.notify_all();
+        }
+        busy = false;
+        break;
+      }
+      case render::StreamChild::Event::Kind::ended: {
+        if (ended_) break;
+        const int status = child->exitStatus();
+        const std::string tail = child->stderrTail();
+        child.reset();
+        if (status != 3) {
+          end("the render process ended with exit status " + std::to_string(status));
+          MutexLock hold(lock_);
+          childState_ = "failed";
+          childPid_ = -1;
+          return;
+        }
+        {
+          MutexLock hold(lock_);
+          ++respawns_;
+        }
+        if (busy && current.resent) {
+          // Failed twice: the idle clip covers the rest of the segment.
+          MutexLock hold(lock_);
+          timeline_.segmentDone(current.item, current.segment, Clock::now());
+          busy = false;
+        } else if (busy) {
+          current.sent = 0;
+          current.flushed = false;
+          current.resent = true;
+          current.received = 0;
+        }
+        if (!startChild(child)) return;
+        break;
+      }
+    }
+  }
+}
+
+// One frame and its sound every 50 ms from the moment the peer is connected.
+void LiveSession::paceLoop() {
+  std::shared_ptr<WebRtcSender> sender;
+  {
+    MutexLock hold(lock_);
+    while (!ended_ && !connected_) changed_.wait_for(lock_, std::chrono::milliseconds(100));
+    sender = sender_;
+  }
+  if (ended_ || !sender) return;
+  const auto start = Clock::now();
+  Clock::duration paused{};  // stalls so far: the clock stands still while stalled
+  std::uint64_t sent = 0;
+  bool stalled = false;
+  LiveFrame frame;
+  while (!ended_) {
+    const auto due = start + paused + sent * kFramePeriod;
+    {
+      MutexLock hold(lock_);
+      while (!ended_ && Clock::now() < due) changed_.wait_until(lock_, due);
+      if (ended_) break;
+      if (!timeline_.next(frame, Clock::now())) {
+        if (!stalled) ++stalls_;
+        stalled = true;
+        changed_.wait_for(lock_, std::chrono::milliseconds(5));
+        const auto late = Clock::now() - due;
+        if (late > Clock::duration::zero()) {
+          paused += late;
+          stalledSeconds_ += std::chrono::duration<double>(late).count();
+        }
+        continue;
+      }
+      stalled = false;
+      if (frame.itemArrived) {
+        speechLatency_ = std::chrono::duration<double>(Clock::now() - *frame.itemArrived).count();
+      }
+      if (!firstFrameAfter_) {
+        firstFrameAfter_ = std::chrono::duration<double>(Clock::now() - start).count();
+      }
+    }
+    const auto pts =
+        std::chrono::duration_cast<std::chrono::nanoseconds>(paused + sent * kFramePeriod);
+    sender->push(pts, frame.picture.bytes.data(), frame.samples.data(), frame.samples.size());
+    ++sent;
+  }
+}
+
+}  // namespace lumora2::serve

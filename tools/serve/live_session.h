@@ -1,0 +1,119 @@
+// LiveSession: one viewer's talking avatar. It owns the session's render-stream child (started at
+// once, so that it warms up while the viewer connects), its LiveTimeline, and its WebRTC sender,
+// and runs two threads: the render thread feeds the child the speech the timeline asks for and
+// hands its frames back, and the pacing thread sends one frame and its 50 ms of sound every
+// 50 ms from the moment the viewer's peer is connected, pausing both together when a rendered
+// frame is due and not there (a stall, counted).
+//
+// A child that asks to be respawned (exit status 3) is replaced and the segment it was rendering
+// sent again, once; a child that ends otherwise ends this session only, with a reason the status
+// shows. Sessions are ended by end() from any thread (an API call, the peer going away, an idle
+// time-out) and destroyed by their registry, never from one of their own threads.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "catalog.h"
+#include "engine/thread_annotations.h"
+#include "live_timeline.h"
+#include "stream_child.h"
+
+namespace lumora2::serve {
+
+class WebRtcSender;
+
+// A request the session refuses; `status` is the HTTP status it maps to.
+struct SessionError : std::runtime_error {
+  SessionError(int httpStatus, const std::string& message)
+      : std::runtime_error(message), status(httpStatus) {}
+  int status;
+};
+
+struct SessionOptions {
+  render::StreamChild::Command command;  // avatar and engine filled in per session
+  std::size_t maxQueuedItems = 8;        // speech items waiting or playing
+  std::size_t maxFramesAhead = 200;      // rendered frames held before the child is made to wait
+  std::size_t maxStreamSamples = 16000 * 300;  // a streamed utterance ends itself after 5 minutes
+};
+
+class LiveSession {
+ public:
+  LiveSession(std::string id, Avatar avatar, SessionOptions options);
+  ~LiveSession();
+  LiveSession(const LiveSession&) = delete;
+  LiveSession& operator=(const LiveSession&) = delete;
+
+  const std::string& id() const { return id_; }
+  const Avatar& avatar() const { return avatar_; }
+
+  // The WHEP exchange: the viewer's SDP offer in, the answer out. Throws SessionError 409 when the
+  // session already has a peer, MediaError for an offer that cannot be answered.
+  std::string connect(const std::string& offer) LUMORA2_EXCLUDES(lock_);
+
+  struct Receipt {
+    std::uint64_t utterance = 0;
+    double seconds = 0;
+  };
+  // A whole recording (16 kHz mono), split into utterances by its silences. Throws SessionError
+  // 409 when the queue is full or the session has ended.
+  Receipt speak(std::vector<float> samples) LUMORA2_EXCLUDES(lock_);
+  // Streamed speech: samples are appended to the open streamed utterance (one is opened when
+  // none is); endStream closes it. Throws SessionError 409 as speak does.
+  void stream(const float* samples, std::size_t count) LUMORA2_EXCLUDES(lock_);
+  std::optional<Receipt> endStream() LUMORA2_EXCLUDES(lock_);
+
+  // Ends the session (idempotent): the threads stop, the child is ended; the registry destroys
+  // it later. The first reason given is kept.
+  void end(const std::string& reason) LUMORA2_EXCLUDES(lock_);
+  bool ended() const { return ended_.load(); }
+  // Seconds since the last API call or spoken item.
+  double idleSeconds() const LUMORA2_EXCLUDES(lock_);
+  void touch() LUMORA2_EXCLUDES(lock_);
+
+  nlohmann::json status() const LUMORA2_EXCLUDES(lock_);
+
+ private:
+  void renderLoop();
+  void paceLoop();
+  bool startChild(std::unique_ptr<render::StreamChild>& child);
+
+  const std::string id_;
+  const Avatar avatar_;
+  const SessionOptions options_;
+  std::unique_ptr<IdleSource> idle_;  // read by the timeline only
+
+  mutable Mutex lock_;                   // guards the timeline and the session's state below
+  std::condition_variable_any changed_;  // anything below changed
+  LiveTimeline timeline_ LUMORA2_GUARDED_BY(lock_);
+  std::optional<std::uint64_t> openStream_ LUMORA2_GUARDED_BY(lock_);
+  std::size_t streamed_ LUMORA2_GUARDED_BY(lock_) = 0;  // samples in the open stream
+  std::string endedReason_ LUMORA2_GUARDED_BY(lock_);
+  std::string childState_ LUMORA2_GUARDED_BY(lock_) = "warming";
+  pid_t childPid_ LUMORA2_GUARDED_BY(lock_) = -1;
+  std::uint64_t stalls_ LUMORA2_GUARDED_BY(lock_) = 0;
+  double stalledSeconds_ LUMORA2_GUARDED_BY(lock_) = 0;
+  std::uint64_t respawns_ LUMORA2_GUARDED_BY(lock_) = 0;
+  bool connected_ LUMORA2_GUARDED_BY(lock_) = false;
+  std::chrono::steady_clock::time_point lastActivity_ LUMORA2_GUARDED_BY(lock_);
+  std::chrono::steady_clock::time_point created_;
+  std::optional<double> firstFrameAfter_ LUMORA2_GUARDED_BY(lock_);  // connect → first frame
+  // The last item's arrival → its first rendered frame sent, in seconds.
+  std::optional<double> speechLatency_ LUMORA2_GUARDED_BY(lock_);
+  std::shared_ptr<WebRtcSender> sender_ LUMORA2_GUARDED_BY(lock_);
+  std::atomic<bool> ended_{false};
+
+  std::thread render_;
+  std::thread pace_;
+};
+
+}  // namespace lumora2::serve

@@ -1,0 +1,175 @@
+// lumora2-serve: live talking sessions in a browser. Serves the page and the HTTP API
+// (docs/SERVE.md); each session has a render-stream child of its own and streams over WebRTC.
+#include <pthread.h>
+#include <signal.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "catalog.h"
+#include "client_error.h"
+#include "container/platform.h"
+#include "engine/log.h"
+#include "http_server.h"
+#include "media/webrtc_sender.h"
+#include "session_registry.h"
+#include "stream_child.h"
+
+namespace {
+
+using lumora2::render::ClientError;
+namespace fs = std::filesystem;
+namespace serve = lumora2::serve;
+
+constexpr const char* kUsage =
+    "usage: lumora2-serve --engine vivra.model --avatars DIR [--listen 127.0.0.1:8080]\n"
+    "                     [--max-sessions N] [--token-file F] [--host PATH]\n"
+    "                     [--idle-timeout SECONDS]\n"
+    "\n"
+    "Serves live talking sessions of the avatars in DIR (*.avatar) to a browser: open\n"
+    "http://ADDRESS:PORT/ for the page, or use the HTTP API (docs/SERVE.md). Each session runs a\n"
+    "render-stream child of --host (default: the lumora2-model beside lumora2-serve). With\n"
+    "--token-file, every /v1 call needs 'Authorization: Bearer <the file's first line>'.\n"
+    "--max-sessions (default 4) bounds the sessions at once; a session nobody has called for\n"
+    "--idle-timeout seconds (default 600) ends.\n";
+
+struct Arguments {
+  fs::path engine, avatars, host, tokenFile;
+  std::string address = "127.0.0.1";
+  unsigned short port = 8080;
+  std::size_t maxSessions = 4;
+  long idleTimeout = 600;
+};
+
+long wholeNumber(const std::string& option, const std::string& text, long low, long high) {
+  char* end = nullptr;
+  const long value = std::strtol(text.c_str(), &end, 10);
+  if (text.empty() || *end != '\0' || value < low || value > high) {
+    throw ClientError(option + " wants a whole number from " + std::to_string(low) + " to " +
+                      std::to_string(high) + ", not \"" + text + "\"");
+  }
+  return value;
+}
+
+Arguments parseArguments(const std::vector<std::string>& args) {
+  Arguments a;
+  a.host = lumora2::render::StreamChild::defaultHost();
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    const std::string& option = args[i];
+    auto value = [&]() -> const std::string& {
+      if (i + 1 >= args.size()) throw ClientError(option + " needs a value");
+      return args[++i];
+    };
+    if (option == "--engine") {
+      a.engine = value();
+    } else if (option == "--avatars") {
+      a.avatars = value();
+    } else if (option == "--host") {
+      a.host = value();
+    } else if (option == "--token-file") {
+      a.tokenFile = value();
+    } else if (option == "--max-sessions") {
+      a.maxSessions = std::size_t(wholeNumber(option, value(), 1, 64));
+    } else if (option == "--idle-timeout") {
+      a.idleTimeout = wholeNumber(option, value(), 1, 86400);
+    } else if (option == "--listen") {
+      const std::string& listen = value();
+      const std::size_t colon = listen.rfind(':');
+      if (colon == std::string::npos || colon == 0) {
+        throw ClientError("--listen wants ADDRESS:PORT, not \"" + listen + "\"");
+      }
+      a.address = listen.substr(0, colon);
+      if (a.address.size() > 2 && a.address.front() == '[' && a.address.back() == ']') {
+        a.address = a.address.substr(1, a.address.size() - 2);
+      }
+      a.port = static_cast<unsigned short>(
+          wholeNumber("--listen's port", listen.substr(colon + 1), 0, 65535));
+    } else {
+      throw ClientError("unknown argument " + option);
+    }
+  }
+  if (a.engine.empty()) throw ClientError("missing --engine vivra.model");
+  if (a.avatars.empty()) throw ClientError("missing --avatars DIR");
+  return a;
+}
+
+std::string readToken(const fs::path& file) {
+  std::ifstream in(file);
+  std::string token;
+  if (!in || !std::getline(in, token)) {
+    throw ClientError("cannot read a token from " + file.string());
+  }
+  while (!token.empty() && (token.back() == '\r' || token.back() == ' ')) token.pop_back();
+  if (token.size() < 16) {
+    throw ClientError("the token in " + file.string() + " is shorter than 16 characters");
+  }
+  return token;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::vector<std::string> args(argv + 1, argv + argc);
+  if (args.size() == 1 && (args[0] == "-h" || args[0] == "--help")) {
+    std::fputs(kUsage, stdout);
+    return 0;
+  }
+  // The terminating signals are taken by this thread alone (sigwait), in every thread's mask
+  // from the start; a peer or a child that goes away is a failed write, not our death.
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  for (int s : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&stopSignals, s);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+  ::signal(SIGPIPE, SIG_IGN);
+  try {
+    const Arguments arguments = parseArguments(args);
+    if (::access(arguments.host.c_str(), X_OK) != 0) {
+      throw ClientError("render host " + arguments.host.string() +
+                        " is not an executable (choose one with --host)");
+    }
+    // The idle clip reader's log lines (one per clip loop of every session) go nowhere: standard
+    // error carries the server's own lines.
+    lumora2::setEngineLogProgram("lumora2-serve");
+    lumora2::setEngineLogDestination(-1);
+    serve::initMedia();
+    const serve::Catalog catalog = serve::loadCatalog(arguments.engine, arguments.avatars);
+    for (const std::string& line : catalog.skipped) {
+      std::fprintf(stderr, "lumora2-serve: skipped %s\n", line.c_str());
+    }
+    if (catalog.avatars.empty()) {
+      throw ClientError("no usable avatar in " + arguments.avatars.string());
+    }
+
+    lumora2::ScratchDir scratch("lumora2-serve-");
+    serve::SessionOptions sessionOptions;
+    sessionOptions.command.host = arguments.host;
+    sessionOptions.command.engine = arguments.engine;
+    serve::ServerConfig config;
+    config.address = arguments.address;
+    config.port = arguments.port;
+    config.scratch = scratch.path();
+    if (!arguments.tokenFile.empty()) config.token = readToken(arguments.tokenFile);
+    serve::SessionRegistry sessions(sessionOptions, arguments.maxSessions,
+                                    std::chrono::seconds(arguments.idleTimeout));
+    serve::HttpServer server(config, catalog, sessions);
+    server.run();
+    std::printf("lumora2-serve: listening on http://%s:%u/ (%zu avatars, at most %zu sessions)\n",
+                arguments.address.c_str(), unsigned(server.port()), catalog.avatars.size(),
+                arguments.maxSessions);
+    std::fflush(stdout);
+
+    int signal = 0;
+    sigwait(&stopSignals, &signal);
+    std::fprintf(stderr, "lumora2-serve: signal %d — ending every session\n", signal);
+    server.stop();
+    sessions.endAll();
+    return 0;
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "error: %s\n", e.what());
+    return 1;
+  }
+}

@@ -1,0 +1,361 @@
+#include "media/webrtc_sender.h"
+
+#define GST_USE_UNSTABLE_API
+#include <gst/app/gstappsrc.h>
+#include <gst/gst.h>
+#include <gst/sdp/sdp.h>
+#include <gst/webrtc/webrtc.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <optional>
+
+namespace lumora2::serve {
+namespace {
+
+// The payload types the offer gives H.264 (packetization mode 1, constrained baseline preferred)
+// and Opus.
+struct OfferedCodecs {
+  int h264 = -1;
+  int opus = -1;
+};
+
+OfferedCodecs readOffer(const GstSDPMessage* sdp) {
+  OfferedCodecs found;
+  for (guint m = 0; m < gst_sdp_message_medias_len(sdp); ++m) {
+    const GstSDPMedia* media = gst_sdp_message_get_media(sdp, m);
+    const std::string kind = gst_sdp_media_get_media(media) ? gst_sdp_media_get_media(media) : "";
+    int bestScore = -1;
+    for (guint f = 0; f < gst_sdp_media_formats_len(media); ++f) {
+      const int pt = std::atoi(gst_sdp_media_get_format(media, f));
+      GstCaps* caps = gst_sdp_media_get_caps_from_media(media, pt);
+      if (caps == nullptr) continue;
+      const GstStructure* s = gst_caps_get_structure(caps, 0);
+      const char* name = gst_structure_get_string(s, "encoding-name");
+      if (kind == "video" && name != nullptr && g_ascii_strcasecmp(name, "H264") == 0) {
+        const char* mode = gst_structure_get_string(s, "packetization-mode");
+        const char* profile = gst_structure_get_string(s, "profile-level-id");
+        int score = (mode != nullptr && std::strcmp(mode, "1") == 0) ? 2 : 0;
+        if (profile != nullptr && g_str_has_prefix(profile, "42e0")) score += 1;
+        if (score >= 2 && score > bestScore) {
+          bestScore = score;
+          found.h264 = pt;
+        }
+      }
+      if (kind == "audio" && name != nullptr && g_ascii_strcasecmp(name, "OPUS") == 0 &&
+          found.opus < 0) {
+        found.opus = pt;
+      }
+      gst_caps_unref(caps);
+    }
+  }
+  return found;
+}
+
+// Waits for a promise's reply; null when it was not answered in time or was interrupted.
+const GstStructure* await(GstPromise* promise) {
+  if (gst_promise_wait(promise) != GST_PROMISE_RESULT_REPLIED) return nullptr;
+  return gst_promise_get_reply(promise);
+}
+
+}  // namespace
+
+void initMedia() {
+  static std::once_flag once;
+  std::call_once(once, [] { gst_init(nullptr, nullptr); });
+  struct Needed {
+    const char* element;
+    const char* package;
+  };
+  for (const Needed& n :
+       {Needed{"webrtcbin", "gstreamer1.0-plugins-bad"}, Needed{"nicesrc", "gstreamer1.0-nice"},
+        Needed{"x264enc", "gstreamer1.0-plugins-ugly"},
+        Needed{"rtph264pay", "gstreamer1.0-plugins-good"},
+        Needed{"opusenc", "gstreamer1.0-plugins-base"},
+        Needed{"rtpopuspay", "gstreamer1.0-plugins-good"},
+        Needed{"appsrc", "gstreamer1.0-plugins-base"},
+        Needed{"audioresample", "gstreamer1.0-plugins-base"}}) {
+    GstElementFactory* factory = gst_element_factory_find(n.element);
+    if (factory == nullptr) {
+      throw MediaError(std::string("the GStreamer element ") + n.element + " is missing: install " +
+                       n.package);
+    }
+    gst_object_unref(factory);
+  }
+}
+
+struct WebRtcSender::Impl {
+  GstElement* pipeline = nullptr;
+  GstElement* webrtc = nullptr;
+  GstElement* video = nullptr;
+  GstElement* audio = nullptr;
+  Options options;
+  Events events;
+
+  std::mutex lock;  // guards the fields below and the events' delivery
+  std::condition_variable changed;
+  bool gathered = false;
+  bool connected = false;
+  bool ended = false;                       // the ended event was delivered
+  bool closing = false;                     // destruction began: no more events
+  GstClockTime base = GST_CLOCK_TIME_NONE;  // running time at connection
+  std::uint64_t pushed = 0, dropped = 0;
+
+  ~Impl() {
+    {
+      std::lock_guard hold(lock);
+      closing = true;
+    }
+    if (pipeline != nullptr) {
+      gst_element_set_state(pipeline, GST_STATE_NULL);
+      if (GstBus* bus = gst_element_get_bus(pipeline)) {
+        gst_bus_set_sync_handler(bus, nullptr, nullptr, nullptr);
+        gst_object_unref(bus);
+      }
+    }
+    for (GstElement* e : {webrtc, video, audio})
+      if (e != nullptr) gst_object_unref(e);
+    if (pipeline != nullptr) gst_object_unref(pipeline);
+  }
+
+  void end(const std::string& why) {
+    std::unique_lock hold(lock);
+    if (ended || closing) return;
+    ended = true;
+    connected = false;
+    // Delivered under the lock: destruction waits for it, and no event follows it.
+    if (events.ended) events.ended(why);
+  }
+
+  void onConnectionState() {
+    GstWebRTCPeerConnectionState state{};
+    g_object_get(webrtc, "connection-state", &state, nullptr);
+    if (state == GST_WEBRTC_PEER_CONNECTION_STATE_CONNECTED) {
+      std::unique_lock hold(lock);
+      if (connected || ended || closing) return;
+      GstClock* clock = gst_element_get_clock(pipeline);
+      if (clock != nullptr) {
+        base = gst_clock_get_time(clock) - gst_element_get_base_time(pipeline);
+        gst_object_unref(clock);
+      } else {
+        base = 0;
+      }
+      connected = true;
+      if (events.connected) events.connected();
+    } else if (state == GST_WEBRTC_PEER_CONNECTION_STATE_FAILED) {
+      end("the connection failed");
+    } else if (state == GST_WEBRTC_PEER_CONNECTION_STATE_CLOSED) {
+      end("the viewer closed the connection");
+    } else if (state == GST_WEBRTC_PEER_CONNECTION_STATE_DISCONNECTED) {
+      end("the viewer is gone");
+    }
+  }
+};
+
+namespace {
+
+void onGatheringState(GstElement* webrtc, GParamSpec*, gpointer data) {
+  auto* impl = static_cast<WebRtcSender::Impl*>(data);
+  GstWebRTCICEGatheringState state{};
+  g_object_get(webrtc, "ice-gathering-state", &state, nullptr);
+  if (state == GST_WEBRTC_ICE_GATHERING_STATE_COMPLETE) {
+    std::lock_guard hold(impl->lock);
+    impl->gathered = true;
+    impl->changed.notify_all();
+  }
+}
+
+void onConnectionState(GstElement*, GParamSpec*, gpointer data) {
+  static_cast<WebRtcSender::Impl*>(data)->onConnectionState();
+}
+
+GstBusSyncReply onBusMessage(GstBus*, GstMessage* message, gpointer data) {
+  if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) {
+    GError* error = nullptr;
+    gst_message_parse_error(message, &error, nullptr);
+    const std::string why = error != nullptr ? error->message : "unknown";
+    if (error != nullptr) g_error_free(error);
+    static_cast<WebRtcSender::Impl*>(data)->end("the media pipeline failed: " + why);
+  }
+  return GST_BUS_PASS;
+}
+
+}  // namespace
+
+WebRtcSender::WebRtcSender(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+WebRtcSender::~WebRtcSender() = default;
+
+std::unique_ptr<WebRtcSender> WebRtcSender::create(const std::string& offerSdp,
+                                                   const Options& options, Events events) {
+  initMedia();
+  GstSDPMessage* sdp = nullptr;
+  gst_sdp_message_new(&sdp);
+  if (offerSdp.rfind("v=0", 0) != 0 ||
+      gst_sdp_message_parse_buffer(reinterpret_cast<const guint8*>(offerSdp.data()),
+                                   guint(offerSdp.size()), sdp) != GST_SDP_OK ||
+      gst_sdp_message_medias_len(sdp) == 0) {
+    gst_sdp_message_free(sdp);
+    throw MediaError("the offer is not SDP with media");
+  }
+  const OfferedCodecs codecs = readOffer(sdp);
+  if (codecs.h264 < 0 || codecs.opus < 0) {
+    gst_sdp_message_free(sdp);
+    throw MediaError(codecs.h264 < 0
+                         ? "the offer does not receive H.264 video (packetization mode 1)"
+                         : "the offer does not receive Opus audio");
+  }
+
+  auto impl = std::make_unique<Impl>();
+  impl->options = options;
+  impl->events = std::move(events);
+  const std::string description =
+      "webrtcbin name=webrtc bundle-policy=max-bundle latency=0 "
+      "appsrc name=video is-live=true format=time do-timestamp=false max-bytes=20000000 "
+      "caps=video/x-raw,format=I420,width=" +
+      std::to_string(options.width) + ",height=" + std::to_string(options.height) +
+      ",framerate=" + std::to_string(options.fps) +
+      "/1 ! queue max-size-buffers=4 leaky=downstream ! "
+      "x264enc tune=zerolatency speed-preset=ultrafast key-int-max=" +
+      std::to_string(options.fps * 2) +
+      " bitrate=1500 threads=1 ! video/x-h264,profile=constrained-baseline ! "
+      "rtph264pay config-interval=-1 aggregate-mode=zero-latency pt=" +
+      std::to_string(codecs.h264) +
+      " ! application/x-rtp,media=video,encoding-name=H264,payload=" + std::to_string(codecs.h264) +
+      ",clock-rate=90000 ! webrtc. " +
+      "appsrc name=audio is-live=true format=time do-timestamp=false "
+      "caps=audio/x-raw,format=F32LE,layout=interleaved,channels=1,rate=" +
+      std::to_string(options.sampleRate) +
+      " ! queue ! audioconvert ! audioresample ! audio/x-raw,rate=48000,channels=1 ! "
+      "opusenc frame-size=20 ! rtpopuspay pt=" +
+      std::to_string(codecs.opus) +
+      " ! application/x-rtp,media=audio,encoding-name=OPUS,payload=" + std::to_string(codecs.opus) +
+      ",clock-rate=48000 ! webrtc. ";
+  GError* error = nullptr;
+  impl->pipeline = gst_parse_launch(description.c_str(), &error);
+  if (impl->pipeline == nullptr || error != nullptr) {
+    const std::string why = error != nullptr ? error->message : "unknown";
+    if (error != nullptr) g_error_free(error);
+    gst_sdp_message_free(sdp);
+    throw MediaError("cannot build the media pipeline: " + why);
+  }
+  impl->webrtc = gst_bin_get_by_name(GST_BIN(impl->pipeline), "webrtc");
+  impl->video = gst_bin_get_by_name(GST_BIN(impl->pipeline), "video");
+  impl->audio = gst_bin_get_by_name(GST_BIN(impl->pipeline), "audio");
+  // Both tracks in one stream: the browser then keeps them in sync.
+  GstIterator* pads = gst_element_iterate_sink_pads(impl->webrtc);
+  GValue item = G_VALUE_INIT;
+  while (gst_iterator_next(pads, &item) == GST_ITERATOR_OK) {
+    GObject* pad = G_OBJECT(g_value_get_object(&item));
+    if (g_object_class_find_property(G_OBJECT_GET_CLASS(pad), "msid") != nullptr) {
+      g_object_set(pad, "msid", "lumora2", nullptr);
+    }
+    g_value_reset(&item);
+  }
+  g_value_unset(&item);
+  gst_iterator_free(pads);
+
+  GstBus* bus = gst_element_get_bus(impl->pipeline);
+  gst_bus_set_sync_handler(bus, onBusMessage, impl.get(), nullptr);
+  gst_object_unref(bus);
+  g_signal_connect(impl->webrtc, "notify::ice-gathering-state", G_CALLBACK(onGatheringState),
+                   impl.get());
+  g_signal_connect(impl->webrtc, "notify::connection-state", G_CALLBACK(onConnectionState),
+                   impl.get());
+  if (gst_element_set_state(impl->pipeline, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
+    gst_sdp_message_free(sdp);
+    throw MediaError("the media pipeline does not start");
+  }
+
+  GstWebRTCSessionDescription* offer =
+      gst_webrtc_session_description_new(GST_WEBRTC_SDP_TYPE_OFFER, sdp);
+  GstPromise* promise = gst_promise_new();
+  g_signal_emit_by_name(impl->webrtc, "set-remote-description", offer, promise);
+  bool remoteSet = gst_promise_wait(promise) == GST_PROMISE_RESULT_REPLIED;
+  if (const GstStructure* r = gst_promise_get_reply(promise)) {
+    remoteSet = remoteSet && !gst_structure_has_field(r, "error");
+  }
+  gst_promise_unref(promise);
+  gst_webrtc_session_description_free(offer);
+  if (!remoteSet) throw MediaError("the offer was not accepted");
+
+  promise = gst_promise_new();
+  g_signal_emit_by_name(impl->webrtc, "create-answer", nullptr, promise);
+  const GstStructure* reply = await(promise);
+  GstWebRTCSessionDescription* answer = nullptr;
+  if (reply != nullptr) {
+    if (gst_structure_has_field(reply, "error")) {
+      GError* why = nullptr;
+      gst_structure_get(reply, "error", G_TYPE_ERROR, &why, nullptr);
+      const std::string text = why != nullptr ? why->message : "unknown";
+      if (why != nullptr) g_error_free(why);
+      gst_promise_unref(promise);
+      throw MediaError("the offer cannot be answered: " + text);
+    }
+    gst_structure_get(reply, "answer", GST_TYPE_WEBRTC_SESSION_DESCRIPTION, &answer, nullptr);
+  }
+  gst_promise_unref(promise);
+  if (answer == nullptr) throw MediaError("the offer cannot be answered");
+  promise = gst_promise_new();
+  g_signal_emit_by_name(impl->webrtc, "set-local-description", answer, promise);
+  gst_promise_wait(promise);
+  gst_promise_unref(promise);
+  gst_webrtc_session_description_free(answer);
+
+  // WHEP: the answer goes out complete, with every candidate in it.
+  {
+    std::unique_lock hold(impl->lock);
+    if (!impl->changed.wait_for(hold, options.gatherTimeout, [&] { return impl->gathered; })) {
+      throw MediaError("no network candidates were found in time");
+    }
+  }
+  GstWebRTCSessionDescription* local = nullptr;
+  g_object_get(impl->webrtc, "local-description", &local, nullptr);
+  if (local == nullptr) throw MediaError("the answer went missing");
+  gchar* text = gst_sdp_message_as_text(local->sdp);
+  std::string answerText = text;
+  g_free(text);
+  gst_webrtc_session_description_free(local);
+
+  std::unique_ptr<WebRtcSender> sender(new WebRtcSender(std::move(impl)));
+  sender->answer_ = std::move(answerText);
+  return sender;
+}
+
+void WebRtcSender::push(std::chrono::nanoseconds pts, const std::uint8_t* i420,
+                        const float* samples, std::size_t count) {
+  GstClockTime base;
+  {
+    std::lock_guard hold(impl_->lock);
+    if (!impl_->connected) {
+      ++impl_->dropped;
+      return;
+    }
+    base = impl_->base;
+    ++impl_->pushed;
+  }
+  const GstClockTime at = base + GstClockTime(pts.count());
+  const GstClockTime frame = GST_SECOND / GstClockTime(impl_->options.fps);
+  const gsize pictureBytes = gsize(impl_->options.width) * gsize(impl_->options.height) * 3 / 2;
+  GstBuffer* picture = gst_buffer_new_allocate(nullptr, pictureBytes, nullptr);
+  gst_buffer_fill(picture, 0, i420, pictureBytes);
+  GST_BUFFER_PTS(picture) = at;
+  GST_BUFFER_DURATION(picture) = frame;
+  gst_app_src_push_buffer(GST_APP_SRC(impl_->video), picture);
+  if (count > 0) {
+    GstBuffer* sound = gst_buffer_new_allocate(nullptr, count * sizeof(float), nullptr);
+    gst_buffer_fill(sound, 0, samples, count * sizeof(float));
+    GST_BUFFER_PTS(sound) = at;
+    GST_BUFFER_DURATION(sound) =
+        gst_util_uint64_scale(count, GST_SECOND, guint64(impl_->options.sampleRate));
+    gst_app_src_push_buffer(GST_APP_SRC(impl_->audio), sound);
+  }
+}
+
+SenderStats WebRtcSender::stats() const {
+  std::lock_guard hold(impl_->lock);
+  return SenderStats{impl_->pushed, impl_->dropped, impl_->connected};
+}
+
+}  // namespace lumora2::serve
