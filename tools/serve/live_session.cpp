@@ -1,5 +1,6 @@
 #include "live_session.h"
 
+#include <cmath>
 #include <fstream>
 #include <utility>
 
@@ -31,6 +32,23 @@ long residentKiB(pid_t pid) {
 }
 
 }  // namespace
+
+TraceFile::TraceFile(const std::string& path) {
+  MutexLock hold(lock_);
+  file_ = std::fopen(path.c_str(), "w");
+  if (file_ == nullptr) throw std::runtime_error("cannot write the trace " + path);
+}
+
+TraceFile::~TraceFile() {
+  MutexLock hold(lock_);
+  if (file_ != nullptr) std::fclose(file_);
+}
+
+void TraceFile::write(const std::string& line) {
+  MutexLock hold(lock_);
+  std::fputs(line.c_str(), file_);
+  std::fflush(file_);
+}
 
 LiveSession::LiveSession(std::string id, Avatar avatar, SessionOptions options)
     : id_(std::move(id)),
@@ -332,6 +350,33 @@ void LiveSession::renderLoop() {
   }
 }
 
+// One line per frame sent: the session, the frame's index and time stamp (ms), its sound's RMS,
+// and the mean luma of a 4 x 8 grid of the picture, row by row. A diagnostic: what left the
+// server, to set beside what a viewer got.
+void LiveSession::traceFrame(std::uint64_t index, std::chrono::nanoseconds pts,
+                             const LiveFrame& frame) {
+  double squares = 0;
+  for (float v : frame.samples) squares += double(v) * double(v);
+  std::string line = id_ + " " + std::to_string(index) + " " +
+                     std::to_string(double(pts.count()) / 1e6) + " " +
+                     std::to_string(std::sqrt(squares / double(frame.samples.size())));
+  const Picture& p = frame.picture;
+  for (int row = 0; row < 8; ++row) {
+    for (int col = 0; col < 4; ++col) {
+      double sum = 0;
+      const int y0 = row * p.height / 8, y1 = (row + 1) * p.height / 8;
+      const int x0 = col * p.width / 4, x1 = (col + 1) * p.width / 4;
+      for (int y = y0; y < y1; ++y) {
+        const std::uint8_t* at = p.bytes.data() + std::size_t(y) * std::size_t(p.width);
+        for (int x = x0; x < x1; ++x) sum += at[x];
+      }
+      line += " " + std::to_string(int(sum / double((y1 - y0) * (x1 - x0)) * 100) / 100.0);
+    }
+  }
+  line += "\n";
+  options_.trace->write(line);
+}
+
 // One frame and its sound every 50 ms from the moment the peer is connected.
 void LiveSession::paceLoop() {
   std::shared_ptr<WebRtcSender> sender;
@@ -373,6 +418,7 @@ void LiveSession::paceLoop() {
     }
     const auto pts =
         std::chrono::duration_cast<std::chrono::nanoseconds>(paused + sent * kFramePeriod);
+    if (options_.trace) traceFrame(sent, pts, frame);
     sender->push(pts, frame.picture.bytes.data(), frame.samples.data(), frame.samples.size());
     ++sent;
   }

@@ -15,6 +15,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <cstdio>
 #include <memory>
 #include <optional>
 #include <string>
@@ -39,11 +40,25 @@ struct SessionError : std::runtime_error {
   int status;
 };
 
+// Where sessions write their frame traces (LUMORA2_SERVE_TRACE): one line per write, from any
+// thread.
+class TraceFile {
+ public:
+  explicit TraceFile(const std::string& path);
+  ~TraceFile();
+  void write(const std::string& line);
+
+ private:
+  Mutex lock_;
+  std::FILE* file_ LUMORA2_GUARDED_BY(lock_) = nullptr;
+};
+
 struct SessionOptions {
   render::StreamChild::Command command;  // avatar and engine filled in per session
   std::size_t maxQueuedItems = 8;        // speech items waiting or playing
   std::size_t maxFramesAhead = 200;      // rendered frames held before the child is made to wait
   std::size_t maxStreamSamples = 16000 * 300;  // a streamed utterance ends itself after 5 minutes
+  std::shared_ptr<TraceFile> trace;            // frames sent, when asked for
 };
 
 class LiveSession {
@@ -85,6 +100,7 @@ class LiveSession {
  private:
   void renderLoop();
   void paceLoop();
+  void traceFrame(std::uint64_t index, std::chrono::nanoseconds pts, const LiveFrame& frame);
   bool startChild(std::unique_ptr<render::StreamChild>& child);
 
   const std::string id_;

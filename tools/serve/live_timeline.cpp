@@ -7,7 +7,9 @@ namespace lumora2::serve {
 
 LiveTimeline::LiveTimeline(IdleSource& idle)
     : idle_(idle), composer_([this](const Picture& p, Composer::Kind) { onComposed(p); }, idle) {
-  composer_.setEntryHold(1);
+  // The entry dissolve learns how much each part of the picture moves from the pictures it holds:
+  // as many as an item needs before it may start, so that holding them never stalls.
+  composer_.setEntryHold(kStartFrames);
 }
 
 LiveTimeline::Item* LiveTimeline::find(std::uint64_t id) {

@@ -148,6 +148,9 @@ int main(int argc, char** argv) {
     serve::SessionOptions sessionOptions;
     sessionOptions.command.host = arguments.host;
     sessionOptions.command.engine = arguments.engine;
+    if (const char* trace = std::getenv("LUMORA2_SERVE_TRACE"); trace != nullptr && *trace) {
+      sessionOptions.trace = std::make_shared<serve::TraceFile>(trace);
+    }
     serve::ServerConfig config;
     config.address = arguments.address;
     config.port = arguments.port;

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <cstdio>
 #include <cstring>
 #include <mutex>
 #include <optional>
@@ -302,6 +303,22 @@ std::unique_ptr<WebRtcSender> WebRtcSender::create(const std::string& offerSdp,
   gst_promise_wait(promise);
   gst_promise_unref(promise);
   gst_webrtc_session_description_free(answer);
+
+  // Sender reports often (every half second rather than every five): the browser lines sound
+  // and pictures up by them, and needs two of each stream before it starts to.
+  if (GstElement* rtpbin = gst_bin_get_by_name(GST_BIN(impl->webrtc), "rtpbin")) {
+    GObject* session = nullptr;
+    g_signal_emit_by_name(rtpbin, "get-internal-session", 0u, &session);
+    if (session != nullptr) {
+      g_object_set(session, "rtcp-min-interval", guint64(500 * GST_MSECOND), nullptr);
+      g_object_unref(session);
+    } else {
+      std::fprintf(stderr, "no internal session\n");
+    }
+    gst_object_unref(rtpbin);
+  } else {
+    std::fprintf(stderr, "no rtpbin\n");
+  }
 
   // WHEP: the answer goes out complete, with every candidate in it.
   {
