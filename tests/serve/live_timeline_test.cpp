@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "family_fixture.h"
+#include "protocol/stream_wire.h"
 
 namespace lumora2::serve {
 namespace {
@@ -174,6 +175,102 @@ TEST_P(LiveTimelineOnAFastClock, SoundAndPicturesStayTogetherWithoutAStall) {
 INSTANTIATE_TEST_SUITE_P(Renderers, LiveTimelineOnAFastClock,
                          ::testing::Values(Pace{200, 0.05, 120, "TwoHoursFastRenderer"},
                                            Pace{14, 0.4, 5, "SlowerThanRealTime"}),
+                         [](const auto& param) { return std::string(param.param.name); });
+
+// Streamed speech, as a voice sends it while it speaks: the simulated child renders as the real
+// one does, a chunk's frames only once the chunk's sound has all been sent to it
+// (wire::samplesBeforeFrame), and the rest when the stream ends. The stream must start late enough
+// that none of its frames is ever missing when due, and no later than that needs.
+struct Voice {
+  double speed;        // seconds of sound sent per second
+  double latestStart;  // the latest its first frame may play, in seconds after its first sample
+  const char* name;
+};
+
+class StreamedSpeech : public ::testing::TestWithParam<Voice> {};
+
+TEST_P(StreamedSpeech, StartsAsSoonAsItCanWithoutAStall) {
+  const Voice voice = GetParam();
+  IdleSource idle(family::test::generatedFamily().root / "ava.avatar");
+  LiveTimeline timeline(idle);
+  constexpr std::size_t kFrames = 230;  // 11.5 s: six chunks and a piece
+  constexpr double kLatency = 0.08, kFps = 100;
+  const auto seconds = [](double s) {
+    return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(s));
+  };
+
+  Clock::time_point now{};
+  const Clock::time_point begun = now;
+  const std::uint64_t id = timeline.beginStream(now);
+  std::vector<float> sound(kFrames * kFrameSamples);
+  for (std::size_t f = 0; f < kFrames; ++f) {
+    std::fill_n(sound.begin() + std::ptrdiff_t(f * kFrameSamples), kFrameSamples, soundOf(f));
+  }
+  std::size_t arrived = 0, sent = 0, made = 0;
+  bool flushed = false;
+  std::vector<Clock::time_point> renderable;  // when each frame could be rendered
+  Clock::time_point lastMade{};
+  std::optional<double> start;
+  std::size_t stalls = 0, heard = 0;
+  LiveFrame frame;
+  auto tick = [&](Clock::duration step) {
+    now += step;
+    // The voice.
+    const auto due =
+        std::min(sound.size(), std::size_t(std::chrono::duration<double>(now - begun).count() *
+                                           voice.speed * wire::kSampleRate));
+    if (arrived < sound.size() && due > arrived) {
+      timeline.appendStream(id, sound.data() + arrived, due - arrived);
+      arrived = due;
+      if (arrived == sound.size()) timeline.endStream(id);
+    }
+    // The session's render thread and the child.
+    if (const auto work = timeline.renderWork(sent); work && !flushed) {
+      sent += work->samples.size();
+      flushed = work->complete;
+      if (flushed) timeline.audioSent(id, 0, now);
+    }
+    while (renderable.size() < kFrames &&
+           (flushed || wire::samplesBeforeFrame(renderable.size()) <= sent)) {
+      renderable.push_back(now);
+    }
+    while (made < renderable.size()) {
+      const Clock::time_point at =
+          std::max(renderable[made] + seconds(kLatency), lastMade + seconds(1 / kFps));
+      if (at > now) break;
+      Picture picture = idle.frame(made * 7);
+      stamp(picture, made);
+      timeline.addFrame(id, 0, made++, picture, at);
+      lastMade = at;
+    }
+    if (made == kFrames) timeline.segmentDone(id, 0, now);
+  };
+  for (std::size_t n = 0; n < 20 * 20; ++n) {
+    tick(std::chrono::milliseconds(50));
+    while (!timeline.next(frame, now)) {
+      ++stalls;
+      tick(std::chrono::milliseconds(5));
+      ASSERT_LT(stalls, 10000u) << "the timeline never recovers";
+    }
+    if (!frame.speech) {
+      ASSERT_TRUE(heard == 0 || heard == kFrames) << "the stream was cut at frame " << heard;
+      continue;
+    }
+    if (!start) start = std::chrono::duration<double>(now - begun).count();
+    ASSERT_EQ(frame.samples.front(), soundOf(heard)) << "frame " << heard;
+    ++heard;
+  }
+  EXPECT_EQ(stalls, 0u) << "the output stalled";
+  EXPECT_EQ(heard, kFrames);
+  ASSERT_TRUE(start.has_value());
+  EXPECT_LE(*start, voice.latestStart) << "held back longer than it needed";
+}
+
+// Sent in real time, the second chunk's first frame (1.1 s in) needs 3.2 s of sound: the stream
+// starts after about 2.3 s. A voice three times faster than real time starts within a second.
+INSTANTIATE_TEST_SUITE_P(Voices, StreamedSpeech,
+                         ::testing::Values(Voice{1.0, 2.5, "RealTime"},
+                                           Voice{3.0, 1.0, "ThreeTimesRealTime"}),
                          [](const auto& param) { return std::string(param.param.name); });
 
 }  // namespace

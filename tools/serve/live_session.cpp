@@ -13,7 +13,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr auto kFramePeriod = std::chrono::milliseconds(50);
-constexpr auto kReadSlice = std::chrono::milliseconds(20);
+constexpr auto kReadSlice = std::chrono::milliseconds(5);
 
 // Resident memory of a process in KiB (0 when it cannot be read).
 long residentKiB(pid_t pid) {
@@ -198,6 +198,11 @@ nlohmann::json LiveSession::status() const {
   j["speaking"] = timeline_.speaking();
   j["respawns"] = respawns_;
   j["render_fps"] = timeline_.renderRate();
+  j["render_first_frame_ms"] = timeline_.renderLatency() * 1000.0;
+  j["speech_to_first_rendered_ms"] =
+      timeline_.arrivalToFirstRendered() >= 0
+          ? nlohmann::json(timeline_.arrivalToFirstRendered() * 1000.0)
+          : nlohmann::json(nullptr);
   j["child_pid"] = childPid_;
   j["child_rss_kib"] = residentKiB(childPid_);
   j["speech_to_first_frame_ms"] =
@@ -370,7 +375,10 @@ void LiveSession::traceFrame(std::uint64_t index, std::chrono::nanoseconds pts,
         const std::uint8_t* at = p.bytes.data() + std::size_t(y) * std::size_t(p.width);
         for (int x = x0; x < x1; ++x) sum += at[x];
       }
-      line += " " + std::to_string(int(sum / double((y1 - y0) * (x1 - x0)) * 100) / 100.0);
+      // Appended piece by piece: GCC 12 misreads `" " + std::to_string(...)` (its -Wrestrict
+      // false positive, bug 105651).
+      line += ' ';
+      line += std::to_string(int(sum / double((y1 - y0) * (x1 - x0)) * 100) / 100.0);
     }
   }
   line += "\n";

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "protocol/stream_wire.h"
+
 namespace lumora2::serve {
 
 LiveTimeline::LiveTimeline(IdleSource& idle)
@@ -95,7 +97,10 @@ void LiveTimeline::addFrame(std::uint64_t id, std::size_t segment, std::size_t p
   if (item == nullptr || segment >= item->segments.size()) return;
   Segment& s = item->segments[segment];
   if (position < s.played || (item->complete && position >= s.end - s.first)) return;
-  if (!s.firstFrameAt) s.firstFrameAt = now;
+  if (!s.firstFrameAt) {
+    s.firstFrameAt = now;
+    if (segment == 0) firstRendered_ = std::chrono::duration<double>(now - item->arrived).count();
+  }
   if (s.frames.emplace(position, std::move(picture)).second) {
     ++s.received;
     ++framesAhead_;
@@ -133,7 +138,7 @@ bool LiveTimeline::mayStart(const Item& item, TimePoint now) const {
   std::size_t ready = 0;
   while (s.frames.count(ready) != 0) ++ready;
   if (ready < std::min(kStartFrames, length)) return false;
-  if (!item.complete) return true;  // a stream renders as its sound arrives
+  if (!item.complete) return streamInTime(item);
   // Whether the rest will be rendered in time at the speed measured so far: a segment's frames
   // come `latency_` after its sound was sent, then at `rate_` frames a second. Before any segment
   // has finished, the first one's own progress is the measure (its latency counted as rendering
@@ -165,6 +170,24 @@ bool LiveTimeline::mayStart(const Item& item, TimePoint now) const {
     if (busy > double(k.end + kLookahead - 1) / 20.0) return false;
   }
   return true;
+}
+
+bool LiveTimeline::streamInTime(const Item& item) const {
+  // Its sound is assumed to arrive from now on no faster than it plays (a voice that sends it
+  // faster only gains). The frame that waits longest for its sound is the first of each chunk,
+  // and every chunk after the next keeps the same margin as the next one: that one decides.
+  const std::size_t arrived = item.samples.size();
+  const std::size_t chunks = arrived / wire::kChunkSamples;  // whole chunks at hand
+  const std::size_t frame =
+      chunks == 0 ? 0 : wire::kFirstChunkFrames + (chunks - 1) * wire::kChunkFrames;
+  const double soundDue =
+      double(wire::samplesBeforeFrame(frame) - std::min(arrived, wire::samplesBeforeFrame(frame))) /
+      double(wire::kSampleRate);
+  // A chunk's frames come `latency_` after its sound (the largest seen; a tenth of a second
+  // before any was measured), and 150 ms are kept in hand as for recordings.
+  constexpr double kSlack = 0.15;
+  const double render = latency_ > 0 ? latency_ : 0.1;
+  return soundDue + render + kSlack <= double(frame) / double(wire::kFps);
 }
 
 void LiveTimeline::onComposed(const Picture& picture) {

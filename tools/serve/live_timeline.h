@@ -8,7 +8,11 @@
 // Speech arrives as items: a posted file (whole, split into utterances by its silences, each one a
 // segment for the child) or a stream (one segment that grows until it is ended). An item plays
 // from start to end without a break once it has started; it starts only when enough of its first
-// segment is rendered to finish in time at the rendering speed measured so far. When a rendered
+// segment is rendered to finish in time at the rendering speed measured so far. A stream still
+// arriving starts only when the frames it lacks will come in time even if the rest of its sound
+// arrives no faster than it plays: the child renders in chunks (wire::samplesBeforeFrame), and the
+// first frame of the second chunk, which plays 1.1 s in, needs the first 3.2 s of sound, so a
+// stream sent in real time starts about 2.3 s after its first sample. When a rendered
 // frame is due and not there, next() says so and nothing is output: the caller pauses sound and
 // pictures together (a stall) and asks again.
 //
@@ -50,7 +54,7 @@ class LiveTimeline {
  public:
   // Undecided idle frames kept ahead of the output, over which an item's start lands on the
   // clip frame most like its first picture: 3 frames, 150 ms of added latency.
-  static constexpr std::size_t kLookahead = 3;
+  static constexpr std::size_t kLookahead = 1;
   // Rendered frames an item's first segment needs before it may start (unless it is shorter).
   static constexpr std::size_t kStartFrames = 8;
 
@@ -97,6 +101,11 @@ class LiveTimeline {
   std::size_t framesAhead() const { return framesAhead_; }
   // Rendered frames a second, measured over finished segments (0 before the first).
   double renderRate() const { return rate_; }
+  // Seconds from a segment's sound to its first frame, the longest seen.
+  double renderLatency() const { return latency_; }
+  // Seconds from the latest item's arrival (its first sample, for a stream) to its first rendered
+  // frame coming from the child; negative before any.
+  double arrivalToFirstRendered() const { return firstRendered_; }
 
   // ---- The output side ----
   // The next output frame into `out`; false when a rendered frame is due and not yet there.
@@ -134,6 +143,9 @@ class LiveTimeline {
   Item* find(std::uint64_t id);
   const Item* find(std::uint64_t id) const;
   bool mayStart(const Item& item, TimePoint now) const;
+  // Whether a stream still arriving may start now without a stall: every frame it lacks will be
+  // rendered by the time it is due, its sound arriving no faster than it plays.
+  bool streamInTime(const Item& item) const;
   // Decides output frames into the composer until one comes out, or a rendered frame is missing.
   bool decide(TimePoint now);
   void onComposed(const Picture& picture);
@@ -149,6 +161,7 @@ class LiveTimeline {
   std::size_t framesAhead_ = 0;
   double rate_ = 0;     // frames a second after a segment's first frame
   double latency_ = 0;  // seconds from a segment's sound to its first frame
+  double firstRendered_ = -1;
   std::uint64_t framesOut_ = 0;
   std::uint64_t itemsSpoken_ = 0;
   // Items decided to their end whose last frames the composer may still hold back: the sound of

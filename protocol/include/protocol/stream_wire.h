@@ -17,6 +17,19 @@ namespace lumora2::wire {
 inline constexpr int kFps = 20;
 inline constexpr int kSampleRate = 16000;
 inline constexpr std::size_t kSamplesPerFrame = 800;
+// When frames come while audio arrives (before a flush): the child renders speech in chunks of
+// 25,600 samples. The first chunk of a segment gives frames 0 to 21 once it is whole; each further
+// chunk gives the next 32 frames once it is whole. A flush renders what is pending at once.
+inline constexpr std::size_t kChunkSamples = 25600;
+inline constexpr std::size_t kFirstChunkFrames = 22;
+inline constexpr std::size_t kChunkFrames = 32;
+// The samples of a segment that must have been sent (without a flush) before frame `frame` of it
+// can come.
+constexpr std::size_t samplesBeforeFrame(std::size_t frame) {
+  return frame < kFirstChunkFrames
+             ? kChunkSamples
+             : (2 + (frame - kFirstChunkFrames) / kChunkFrames) * kChunkSamples;
+}
 
 // Count words of the parent's messages.
 inline constexpr std::uint32_t kEndOfStream = 0;
