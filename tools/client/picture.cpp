@@ -42,10 +42,25 @@ double pictureStep(const Picture& a, const Picture& b) {
   const std::size_t luma = std::min(a.lumaBytes(), size);
   std::uint64_t absolute = 0;
   std::int64_t lumaSigned = 0;
-  for (std::size_t i = 0; i < size; ++i) {
-    const int d = int(a.bytes[i]) - int(b.bytes[i]);
-    absolute += std::uint64_t(std::abs(d));
-    if (i < luma) lumaSigned += d;
+  // In blocks small enough for 32-bit sums and without a branch inside, so that the compiler
+  // vectorises the loops: the live server measures every rendered picture.
+  constexpr std::size_t kBlock = 1 << 16;
+  const std::uint8_t* pa = a.bytes.data();
+  const std::uint8_t* pb = b.bytes.data();
+  for (std::size_t from = 0; from < size; from += kBlock) {
+    const std::size_t to = std::min(size, from + kBlock), lumaTo = std::clamp(luma, from, to);
+    std::uint32_t blockAbsolute = 0;
+    std::int32_t blockSigned = 0;
+    for (std::size_t i = from; i < lumaTo; ++i) {
+      const int d = int(pa[i]) - int(pb[i]);
+      blockAbsolute += std::uint32_t(std::abs(d));
+      blockSigned += d;
+    }
+    for (std::size_t i = lumaTo; i < to; ++i) {
+      blockAbsolute += std::uint32_t(std::abs(int(pa[i]) - int(pb[i])));
+    }
+    absolute += blockAbsolute;
+    lumaSigned += blockSigned;
   }
   if (size == 0) return 0;
   const double mean = double(absolute) / double(size);

@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <cstdio>
 #include <cstring>
 #include <mutex>
 #include <optional>
@@ -220,7 +219,7 @@ std::unique_ptr<WebRtcSender> WebRtcSender::create(const std::string& offerSdp,
       "/1 ! queue max-size-buffers=4 leaky=downstream ! "
       "x264enc tune=zerolatency speed-preset=ultrafast key-int-max=" +
       std::to_string(options.fps * 2) +
-      " bitrate=1500 threads=1 ! video/x-h264,profile=constrained-baseline ! "
+      " bitrate=1500 threads=1 trellis=false ! video/x-h264,profile=constrained-baseline ! "
       "rtph264pay config-interval=-1 aggregate-mode=zero-latency pt=" +
       std::to_string(codecs.h264) +
       " ! application/x-rtp,media=video,encoding-name=H264,payload=" + std::to_string(codecs.h264) +
@@ -228,8 +227,7 @@ std::unique_ptr<WebRtcSender> WebRtcSender::create(const std::string& offerSdp,
       "appsrc name=audio is-live=true format=time do-timestamp=false "
       "caps=audio/x-raw,format=F32LE,layout=interleaved,channels=1,rate=" +
       std::to_string(options.sampleRate) +
-      " ! queue ! audioconvert ! audioresample ! audio/x-raw,rate=48000,channels=1 ! "
-      "opusenc frame-size=20 ! rtpopuspay pt=" +
+      " ! queue ! audioconvert ! opusenc frame-size=20 ! rtpopuspay pt=" +
       std::to_string(codecs.opus) +
       " ! application/x-rtp,media=audio,encoding-name=OPUS,payload=" + std::to_string(codecs.opus) +
       ",clock-rate=48000 ! webrtc. ";
@@ -312,12 +310,8 @@ std::unique_ptr<WebRtcSender> WebRtcSender::create(const std::string& offerSdp,
     if (session != nullptr) {
       g_object_set(session, "rtcp-min-interval", guint64(500 * GST_MSECOND), nullptr);
       g_object_unref(session);
-    } else {
-      std::fprintf(stderr, "no internal session\n");
     }
     gst_object_unref(rtpbin);
-  } else {
-    std::fprintf(stderr, "no rtpbin\n");
   }
 
   // WHEP: the answer goes out complete, with every candidate in it.
