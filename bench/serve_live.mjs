@@ -1,0 +1,181 @@
+// Benchmarks of lumora2-serve with real viewers (Debian's chromium through playwright-core), each
+// figure measured in one run against its target:
+//   latency   speech posted -> its first rendered frame sent (target: 300 ms + the engine's first
+//             chunk), and streamed PCM -> its first rendered frame (target: 1.6 s + 150 ms)
+//   capacity  1..N sessions at once, each speaking all the time: stalls, the server's CPU per
+//             frame per session (target <= 3 ms), each child's resident memory
+//   soak      one session for M minutes (default 10), speaking every 10 s: resident memory of the
+//             server and the child (target < 5 % growth after the first minute), stalls,
+//             descriptors
+// node bench/serve_live.mjs BUILD_DIR [latency|capacity|soak] [N or minutes]
+import { spawn, spawnSync } from 'node:child_process';
+import { mkdtempSync, readFileSync, readdirSync, rmSync } from 'node:fs';
+import { createRequire } from 'node:module';
+import { tmpdir } from 'node:os';
+import { join } from 'node:path';
+
+const { chromium } = createRequire(import.meta.url)('playwright-core');
+const [build = 'build/release', mode = 'latency', countArg] = process.argv.slice(2);
+const bin = (p) => join(build, p);
+
+function wav(seconds, burst = 0.4, gap = 0.5) {
+  const rate = 16000, pcm = new Int16Array(Math.ceil(seconds * rate));
+  for (let t = 0.2; t + burst < seconds - 0.2; t += burst + gap) {
+    const s = Math.round(t * rate);
+    for (let i = 0; i < burst * rate; ++i) pcm[s + i] = Math.round(9000 * Math.sin(2 * Math.PI * 220 * i / rate));
+  }
+  const h = Buffer.alloc(44);
+  h.write('RIFF', 0); h.writeUInt32LE(36 + pcm.byteLength, 4); h.write('WAVEfmt ', 8); h.writeUInt32LE(16, 16);
+  h.writeUInt16LE(1, 20); h.writeUInt16LE(1, 22); h.writeUInt32LE(rate, 24); h.writeUInt32LE(rate * 2, 28);
+  h.writeUInt16LE(2, 32); h.writeUInt16LE(16, 34); h.write('data', 36); h.writeUInt32LE(pcm.byteLength, 40);
+  return Buffer.concat([h, Buffer.from(pcm.buffer)]);
+}
+
+const rssKiB = (pid) => Number((readFileSync(`/proc/${pid}/status`, 'utf8').match(/VmRSS:\s+(\d+)/) || [0, 0])[1]);
+const cpuSeconds = (pid) => {
+  const f = readFileSync(`/proc/${pid}/stat`, 'utf8').split(') ')[1].split(' ');
+  return (Number(f[11]) + Number(f[12])) / 100;  // utime + stime, in clock ticks of 1/100 s
+};
+const fds = (pid) => readdirSync(`/proc/${pid}/fd`).length;
+const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
+
+const family = mkdtempSync(join(tmpdir(), 'lumora2-bench-serve-'));
+spawnSync(bin('tools/family/lumora2-family'), ['--out', family, '--host', bin('host/lumora2-model')], { stdio: 'ignore' });
+const server = spawn(bin('host/lumora2-serve'), ['--engine', join(family, 'vivra.model'), '--avatars', family,
+  '--listen', '127.0.0.1:0', '--max-sessions', '8'], { stdio: ['ignore', 'pipe', 'inherit'] });
+const port = await new Promise((resolve) => {
+  let out = '';
+  server.stdout.on('data', (c) => { out += c; const m = out.match(/127\.0\.0\.1:(\d+)\//); if (m) resolve(Number(m[1])); });
+});
+const base = `http://127.0.0.1:${port}`;
+const browser = await chromium.launch({
+  executablePath: '/usr/bin/chromium',
+  args: ['--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run', '--disable-background-networking',
+    '--disable-component-update', '--disable-sync', '--allow-loopback-in-peer-connection',
+    '--disable-features=WebRtcHideLocalIpsWithMdns', '--autoplay-policy=no-user-gesture-required'],
+});
+
+// A viewer: the page, a session on `avatar`, connected and its child ready.
+async function viewer(avatar) {
+  const page = await browser.newPage();
+  await page.goto(base + '/');
+  await page.waitForSelector(`input[name=avatar][value=${avatar}]`);
+  await page.check(`input[name=avatar][value=${avatar}]`);
+  await page.click('#start');
+  await page.waitForFunction(() => window.lumora2.pc && window.lumora2.pc.connectionState === 'connected', null, { timeout: 30000 });
+  const url = await page.evaluate(() => window.lumora2.session.urls.session);
+  for (let i = 0; i < 300; ++i) {
+    if ((await (await fetch(base + url)).json()).child === 'ready') break;
+    await sleep(100);
+  }
+  return { page, url, status: async () => (await fetch(base + url)).json() };
+}
+async function speak(v, bytes) {
+  const speech = v.url + '/speech';
+  const r = await fetch(base + speech, { method: 'POST', body: bytes });
+  return (await r.json()).duration;
+}
+
+const result = {};
+try {
+  if (mode === 'latency') {
+    const v = await viewer('ava');
+    await sleep(3000);
+    const posted = [];
+    for (let k = 0; k < 5; ++k) {
+      const before = (await v.status()).utterances_spoken;
+      await speak(v, wav(2));
+      while ((await v.status()).utterances_spoken === before) await sleep(50);
+      posted.push((await v.status()).speech_to_first_frame_ms);
+      await sleep(1500);  // from rest: past the last exit dissolve (up to 1 s)
+    }
+    // Streamed: 16 kHz s16le from the page over the WebSocket, in 20 ms messages at real-time pace.
+    const streamed = [], streamedRendered = [];
+    for (let k = 0; k < 3; ++k) {
+      const before = (await v.status()).utterances_spoken;
+      await v.page.evaluate(async () => {
+        const url = window.lumora2.session.urls.audio;
+        const ws = new WebSocket(`ws://${location.host}${url}`);
+        await new Promise((r) => { ws.onopen = r; });
+        const rate = 16000, piece = 320, start = performance.now();
+        for (let i = 0; i < 3 * rate; i += piece) {
+          const pcm = new Int16Array(piece);
+          for (let j = 0; j < piece; ++j) pcm[j] = ((i + j) % 14400) < 6400 ? Math.round(9000 * Math.sin(2 * Math.PI * 220 * (i + j) / rate)) : 0;
+          ws.send(pcm.buffer);
+          // At the sound's own pace: each message when its first sample is due.
+          const due = start + ((i + piece) / rate) * 1000;
+          await new Promise((r) => setTimeout(r, Math.max(0, due - performance.now())));
+        }
+        ws.send(JSON.stringify({ end: true }));
+        await new Promise((r) => { ws.onmessage = r; });
+        ws.close();
+      });
+      while ((await v.status()).utterances_spoken === before) await sleep(50);
+      const s = await v.status();
+      streamed.push(s.speech_to_first_frame_ms);
+      streamedRendered.push(s.speech_to_first_rendered_ms);
+    }
+    const s = await v.status();
+    const median = (xs) => [...xs].sort((a, b) => a - b)[Math.floor(xs.length / 2)];
+    result.latency = {
+      posted_ms: posted.map(Math.round), posted_median_ms: Math.round(median(posted)),
+      posted_target_ms: Math.round(300 + s.render_first_frame_ms),
+      // Streamed: the first sample to its first frame rendered (the child needs 1.6 s of sound for
+      // it), and to its first frame sent (it waits until no later frame can be late).
+      streamed_rendered_ms: streamedRendered.map(Math.round), streamed_rendered_median_ms: Math.round(median(streamedRendered)),
+      streamed_rendered_target_ms: 1750,
+      streamed_sent_ms: streamed.map(Math.round), streamed_sent_median_ms: Math.round(median(streamed)),
+      stalls: s.stalls, render_fps: Math.round(s.render_fps), render_first_frame_ms: Math.round(s.render_first_frame_ms),
+    };
+  } else if (mode === 'capacity') {
+    const most = Number(countArg || 4);
+    result.capacity = [];
+    for (let n = 1; n <= most; ++n) {
+      const viewers = [];
+      for (let k = 0; k < n; ++k) viewers.push(await viewer(k % 2 ? 'bram' : 'ava'));
+      await sleep(2000);
+      const framesBefore = (await Promise.all(viewers.map((v) => v.status()))).reduce((a, s) => a + s.frames_sent, 0);
+      const cpuBefore = cpuSeconds(server.pid);
+      const end = Date.now() + 20000;
+      const talking = viewers.map(async (v) => { while (Date.now() < end) { await speak(v, wav(4)); await sleep(4200); } });
+      await Promise.all(talking);
+      const statuses = await Promise.all(viewers.map((v) => v.status()));
+      const frames = statuses.reduce((a, s) => a + s.frames_sent, 0) - framesBefore;
+      const cpu = cpuSeconds(server.pid) - cpuBefore;
+      result.capacity.push({
+        sessions: n, stalls: statuses.map((s) => s.stalls), stalled_s: statuses.map((s) => +s.stalled_seconds.toFixed(2)),
+        server_ms_per_frame: +(1000 * cpu / frames).toFixed(2), child_rss_mib: statuses.map((s) => Math.round(s.child_rss_kib / 1024)),
+        server_rss_mib: Math.round(rssKiB(server.pid) / 1024),
+      });
+      for (const v of viewers) { await fetch(base + v.url, { method: 'DELETE' }); await v.page.close(); }
+      await sleep(2000);
+    }
+  } else if (mode === 'soak') {
+    const minutes = Number(countArg || 10);
+    const v = await viewer('ava');
+    const samples = [];
+    const end = Date.now() + minutes * 60000;
+    let next = Date.now();
+    while (Date.now() < end) {
+      await speak(v, wav(4));
+      const s = await v.status();
+      samples.push({ t: (minutes * 60000 - (end - Date.now())) / 1000, server: rssKiB(server.pid), child: s.child_rss_kib, fds: fds(server.pid), stalls: s.stalls });
+      next += 10000;
+      await sleep(Math.max(0, next - Date.now()));
+    }
+    const after = samples.filter((x) => x.t >= 60);
+    const growth = (k) => after.length > 1 ? +(100 * (Math.max(...after.map((x) => x[k])) - after[0][k]) / after[0][k]).toFixed(1) : null;
+    result.soak = {
+      minutes, server_rss_mib: [samples[0].server, samples.at(-1).server].map((x) => Math.round(x / 1024)),
+      child_rss_mib: [samples[0].child, samples.at(-1).child].map((x) => Math.round(x / 1024)),
+      server_growth_pct_after_1min: growth('server'), child_growth_pct_after_1min: growth('child'),
+      fds: [Math.min(...after.map((x) => x.fds)), Math.max(...after.map((x) => x.fds))], stalls: samples.at(-1).stalls,
+    };
+  }
+} finally {
+  await browser.close();
+  server.kill('SIGTERM');
+  await new Promise((r) => server.on('exit', r));
+  rmSync(family, { recursive: true, force: true });
+}
+console.log(JSON.stringify(result, null, 1));
