@@ -170,6 +170,8 @@ try {
       child_rss_mib: [samples[0].child, samples.at(-1).child].map((x) => Math.round(x / 1024)),
       server_growth_pct_after_1min: growth('server'), child_growth_pct_after_1min: growth('child'),
       fds: [Math.min(...after.map((x) => x.fds)), Math.max(...after.map((x) => x.fds))], stalls: samples.at(-1).stalls,
+      // Resident memory once a minute (MiB): server, child.
+      by_minute: samples.filter((x, i) => i % 6 === 0).map((x) => [Math.round(x.server / 1024), Math.round(x.child / 1024)]),
     };
   }
 } finally {
