@@ -1,5 +1,6 @@
 #include "session_registry.h"
 
+#include <malloc.h>
 #include <openssl/rand.h>
 
 #include <cstdio>
@@ -108,6 +109,8 @@ void SessionRegistry::endAll() {
 }
 
 void SessionRegistry::reap() {
+  using Clock = std::chrono::steady_clock;
+  Clock::time_point nextTrim = Clock::now();
   for (;;) {
     std::vector<std::shared_ptr<LiveSession>> done;
     {
@@ -134,6 +137,15 @@ void SessionRegistry::reap() {
       }
     }
     done.clear();  // destroyed outside the lock
+    // Pictures and frame records (0.4 to 0.9 MB) are made on one thread and freed on another for
+    // every frame of every session; glibc keeps the freed pieces in its heaps, scattered, and the
+    // resident set crept up by a tenth in ten minutes of one session. Giving the free pages back
+    // every few seconds keeps it flat, at no cost per frame (mapping each block instead cost
+    // about 1.5 ms a frame in page faults).
+    if (Clock::now() >= nextTrim) {
+      ::malloc_trim(0);
+      nextTrim = Clock::now() + std::chrono::seconds(5);
+    }
   }
 }
 
