@@ -12,7 +12,7 @@ scripts/install-deps.sh
 build=build/release
 out=${LUMORA2_DEMO_OUT:-out/demo}
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DLUMORA2_WERROR=ON >/dev/null
-cmake --build "$build" -j"$(nproc)" --target lumora2-model lumora2-family lumora2-render
+cmake --build "$build" -j"$(nproc)" --target lumora2-model lumora2-family lumora2-render lumora2-serve
 
 host="$build/host/lumora2-model"
 rm -rf "$out"
