@@ -3,8 +3,8 @@
 # reference model family, packs the family's engine and avatars with the project's own pack
 # commands, inspects each artifact with `info`, unpacks it with checksum verification, and runs
 # `validate` on each avatar: warm-up and a short render through the engine, judged by sharpness.
-# It serves a few seconds through `render-stream` to a small parent, and ends by rendering a
-# spoken sentence through each avatar into a playable MP4 with `lumora2-render`.
+# It serves a few seconds through `render-stream` to a small parent, and ends by having each
+# avatar say a typed text, in its own embedded voice, into a playable MP4 with `lumora2-render`.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
@@ -83,15 +83,22 @@ sys.exit(status)
 PY
 
 echo
-echo "== lumora2-render: a spoken sentence through each avatar"
-# Real speech from espeak-ng, with pauses long enough for the avatars to rest in their idle clips.
-espeak-ng -m -w "$out/speech.wav" '<speak>Hello! I am a talking avatar of the lumora family.
-  <break time="1600ms"/> Every frame of this video was rendered from my voice.
-  <break time="1600ms"/> Between sentences, I rest in my idle clip.</speak>'
+echo "== lumora2-render: each avatar says a typed text in its own voice"
+# The embedded voice speaks it; each blank line is a pause long enough for the avatars to rest in
+# their idle clips.
+cat >"$out/words.txt" <<'TEXT'
+Hello! I am a talking avatar of the lumora family.
+
+
+Every frame of this video was rendered from my voice.
+
+
+Between sentences, I rest in my idle clip.
+TEXT
 videos=()
 for avatar in "$out"/*.avatar; do
   name=$(basename "${avatar%.*}")
-  "$build/host/lumora2-render" "$avatar" --engine "$out/vivra.model" --audio "$out/speech.wav" \
+  "$build/host/lumora2-render" "$avatar" --engine "$out/vivra.model" --text-file "$out/words.txt" \
     -o "$out/$name.mp4"
   videos+=("$out/$name.mp4")
 done

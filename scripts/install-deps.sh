@@ -15,7 +15,7 @@ packages=(
   libsndfile1-dev
   libopencv-core-dev libopencv-imgproc-dev
   hyperfine                           # benchmarks time whole commands
-  espeak-ng                           # the demo's spoken sentence
+  libespeak-ng-dev espeak-ng-data     # the embedded voice: text to speech in memory
   libboost1.81-dev                    # lumora2-serve: HTTP and WebSocket (Beast)
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libgstreamer-plugins-bad1.0-dev
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad

@@ -256,7 +256,26 @@ INSTANTIATE_TEST_SUITE_P(
         BadRequest{"WrongMethod", http::verb::put, "/v1/avatars", "", "", 405, "use GET"},
         BadRequest{"NoSuchPage", http::verb::get, "/etc/passwd", "", "", 404, "no such page"},
         BadRequest{"NoSuchEndpoint", http::verb::get, "/v1/things", "", "", 404,
-                   "no such endpoint"}),
+                   "no such endpoint"},
+        BadRequest{"SayEmpty", http::verb::post, "/v1/sessions/{id}/say", R"({"text": ""})",
+                   "application/json", 400, "the text is empty"},
+        BadRequest{"SaySpaces", http::verb::post, "/v1/sessions/{id}/say",
+                   R"({"text": "  \t \n "})", "application/json", 400, "only spaces"},
+        BadRequest{"SayControlCharacter", http::verb::post, "/v1/sessions/{id}/say",
+                   R"({"text": "hi\u0007there"})", "application/json", 400,
+                   "control character (U+0007, character 3)"},
+        BadRequest{"SayTooLong", http::verb::post, "/v1/sessions/{id}/say",
+                   "{\"text\": \"" + std::string(5001, 'a') + "\"}", "application/json", 413,
+                   "has 5001 characters; at most 5000"},
+        BadRequest{"SayOversizedBody", http::verb::post, "/v1/sessions/{id}/say",
+                   std::string(70000, ' '), "application/json", 413, "larger than"},
+        BadRequest{"SayNoText", http::verb::post, "/v1/sessions/{id}/say", R"({"words": "hi"})",
+                   "application/json", 400, "{\"text\": "},
+        BadRequest{"SayUnspeakableScript", http::verb::post, "/v1/sessions/{id}/say",
+                   R"({"text": "Hello. Привет."})", "application/json", 422,
+                   "the voice en-us+f3 cannot speak Cyrillic script"},
+        BadRequest{"SayWithGet", http::verb::get, "/v1/sessions/{id}/say", "", "", 405,
+                   "use POST"}),
     [](const auto& param) { return std::string(param.param.name); });
 
 TEST(Serve, OffersEveryAvatarAndThePage) {
@@ -389,6 +408,59 @@ TEST(Serve, TheAudioSocketTakesPcmAndRefusesText) {
   EXPECT_EQ(status.json().value("state", ""), "live");
   EXPECT_EQ(status.json().value("utterances_queued", 0), 1) << "the streamed utterance waits "
                                                                "for a viewer";
+}
+
+// Text to say is taken at once with its utterance and length, spoken in the avatar's own voice (a
+// female one for ava, a male one for bram) as one item; the first of its five sentences is made
+// long before the last.
+TEST(Serve, SaysTextInTheAvatarsVoice) {
+  Server server({});
+  std::map<std::string, std::string> voices;
+  const nlohmann::json avatars = server.call(http::verb::get, "/v1/avatars").json();
+  for (const auto& a : avatars["avatars"]) voices[a.value("code", "")] = a.value("voice", "");
+  EXPECT_EQ(voices,
+            (std::map<std::string, std::string>{{"ava", "en-us+f3"}, {"bram", "en-us+m3"}}));
+
+  const nlohmann::json session = server.readySession("ava");
+  const std::string id = session.value("id", "");
+  const std::string text =
+      "Hello there. I am Ava. I say what you type. Every word moves my mouth. Goodbye for now.";
+  const Reply said =
+      server.call(http::verb::post, "/v1/sessions/" + id + "/say",
+                  nlohmann::json{{"text", text}}.dump(), {{"Content-Type", "application/json"}});
+  ASSERT_EQ(said.status, 202) << said.body;
+  const nlohmann::json receipt = said.json();
+  EXPECT_GE(receipt.value("utterance", 0), 1);
+  EXPECT_EQ(receipt.value("voice", ""), "en-us+f3");
+  // 17 words at about 2.5 a second (within a factor of 2), and the pauses around the sentences.
+  const double pauses = 0.25 + 4 * 0.5 + 0.5;
+  EXPECT_GT(receipt.value("duration", 0.0), 17 / 2.5 / 2 + pauses);
+  EXPECT_LT(receipt.value("duration", 0.0), 17 / 2.5 * 2 + pauses);
+  const nlohmann::json status = server.call(http::verb::get, "/v1/sessions/" + id).json();
+  EXPECT_EQ(status.value("utterances_queued", 0), 1) << status.dump();
+  ASSERT_TRUE(status["say_first_sentence_ms"].is_number()) << status.dump();
+  EXPECT_LT(status["say_first_sentence_ms"].get<double>(), 1000.0);
+  EXPECT_TRUE(status["say_to_first_frame_ms"].is_null()) << "no viewer, no frame sent";
+}
+
+// --voice gives every avatar that voice; a voice that is not installed stops the server at once.
+TEST(Serve, AVoiceAskedForSpeaksForEveryAvatar) {
+  {
+    Server server({"--voice", "de"});
+    const nlohmann::json avatars = server.call(http::verb::get, "/v1/avatars").json();
+    ASSERT_EQ(avatars["avatars"].size(), 2u) << avatars.dump();
+    for (const auto& a : avatars["avatars"]) EXPECT_EQ(a.value("voice", ""), "de") << a.dump();
+  }
+  const fs::path dir = scratchDir("serve-voice");
+  const fs::path family = generatedFamily().root;
+  const Shell r =
+      shell(commandLine({LUMORA2_SERVE_BIN, "--engine", (family / "vivra.model").string(),
+                         "--avatars", family.string(), "--listen", "127.0.0.1:0", "--host",
+                         LUMORA2_MODEL_BIN, "--voice", "nosuch"}),
+            dir / "stderr");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_THAT(readFile(dir / "stderr"),
+              HasSubstr("error: espeak-ng has no voice called \"nosuch\""));
 }
 
 // A child that asks to be respawned (exit status 3: its engine failed two segments in a row) is

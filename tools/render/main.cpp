@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -20,6 +22,7 @@ extern "C" {
 #include "output_path.h"
 #include "render_job.h"
 #include "signal_cleanup.h"
+#include "speech_text.h"
 #include "stream_child.h"
 
 namespace {
@@ -29,13 +32,18 @@ namespace fs = std::filesystem;
 
 constexpr const char* kUsage =
     "usage: lumora2-render <X.avatar> --engine vivra.model --audio speech.wav -o out.mp4\n"
-    "                      [--gap SECONDS] [--host PATH] [--log FILE]\n"
+    "       lumora2-render <X.avatar> --engine vivra.model --text \"...\" -o out.mp4\n"
+    "       lumora2-render <X.avatar> --engine vivra.model --text-file F -o out.mp4\n"
+    "                      [--voice NAME] [--gap SECONDS] [--host PATH] [--log FILE]\n"
     "\n"
     "Renders the speech in any audio file (WAV, FLAC, MP3, Ogg, M4A; any rate and channels)\n"
-    "through the avatar into an H.264 + AAC MP4 at 20 fps. Silences of at least --gap seconds\n"
-    "(default 0.6) separate utterances and show the avatar's idle clip. --host names the\n"
-    "lumora2-model that renders (default: the one beside lumora2-render). --log appends the\n"
-    "idle clip reader's log lines to FILE (by default they go nowhere).\n";
+    "through the avatar into an H.264 + AAC MP4 at 20 fps; or speaks a text (UTF-8; in a file,\n"
+    "a blank line is a pause) with the embedded voice: the avatar's own (from its gender and\n"
+    "persona), or the espeak-ng voice --voice names (en-us, en-us+f3, de, ru, ...). Silences\n"
+    "of at least --gap seconds (default 0.6) separate utterances and show the avatar's idle\n"
+    "clip. --host names the lumora2-model that renders (default: the one beside\n"
+    "lumora2-render). --log appends the idle clip reader's log lines to FILE (by default they\n"
+    "go nowhere).\n";
 
 double parseSeconds(const std::string& text) {
   char* end = nullptr;
@@ -46,10 +54,33 @@ double parseSeconds(const std::string& text) {
   return value;
 }
 
+// A text file's UTF-8 text (a byte order mark dropped); the text's own checks follow.
+std::string readTextFile(const fs::path& file) {
+  std::error_code ec;
+  if (!fs::is_regular_file(file, ec)) {
+    throw ClientError("the text file " + file.string() + " is not a readable file");
+  }
+  std::ifstream in(file, std::ios::binary);
+  // At most four bytes a character: more than that many bytes is too long whatever it holds.
+  const std::size_t most = 4 * lumora2::render::kMaxTextChars;
+  std::string text(most + 1, '\0');
+  in.read(text.data(), std::streamsize(text.size()));
+  if (in.bad()) throw ClientError("cannot read the text file " + file.string());
+  text.resize(std::size_t(in.gcount()));
+  if (text.size() > most) {
+    throw ClientError("the text file " + file.string() + " has more than " +
+                      std::to_string(lumora2::render::kMaxTextChars) +
+                      " characters; at most that many are taken");
+  }
+  if (text.starts_with("\xEF\xBB\xBF")) text.erase(0, 3);
+  return text;
+}
+
 lumora2::render::RenderOptions parseArguments(const std::vector<std::string>& args) {
   lumora2::render::RenderOptions options;
   options.host = lumora2::render::StreamChild::defaultHost();
   bool haveAvatar = false;
+  fs::path textFile;
   for (std::size_t i = 0; i < args.size(); ++i) {
     const std::string& a = args[i];
     auto value = [&]() -> const std::string& {
@@ -60,6 +91,12 @@ lumora2::render::RenderOptions parseArguments(const std::vector<std::string>& ar
       options.engine = value();
     } else if (a == "--audio") {
       options.audio = value();
+    } else if (a == "--text") {
+      options.text = value();
+    } else if (a == "--text-file") {
+      textFile = value();
+    } else if (a == "--voice") {
+      options.voice = value();
     } else if (a == "-o" || a == "--output") {
       options.output = value();
     } else if (a == "--gap") {
@@ -79,8 +116,23 @@ lumora2::render::RenderOptions parseArguments(const std::vector<std::string>& ar
   }
   if (!haveAvatar) throw ClientError("missing <X.avatar>");
   if (options.engine.empty()) throw ClientError("missing --engine vivra.model");
-  if (options.audio.empty()) throw ClientError("missing --audio FILE");
+  const int sources =
+      int(!options.audio.empty()) + int(options.text.has_value()) + int(!textFile.empty());
+  if (sources == 0) throw ClientError("missing --audio FILE, --text \"...\" or --text-file FILE");
+  if (sources > 1) throw ClientError("--audio, --text and --text-file exclude each other");
   if (options.output.empty()) throw ClientError("missing -o out.mp4");
+  if (!options.voice.empty() && !options.audio.empty()) {
+    throw ClientError("--voice speaks a text: it goes with --text or --text-file");
+  }
+  try {
+    if (!textFile.empty()) {
+      options.text = readTextFile(textFile);
+      options.textFile = textFile;
+    }
+    if (options.text) lumora2::render::checkText(*options.text, lumora2::render::kMaxTextChars);
+  } catch (const lumora2::render::TextError& e) {
+    throw ClientError(textFile.empty() ? e.what() : textFile.string() + ": " + e.what());
+  }
   return options;
 }
 
@@ -128,14 +180,15 @@ int main(int argc, char** argv) {
   av_log_set_level(AV_LOG_QUIET);
   try {
     const lumora2::render::RenderOptions options = parseArguments(args);
-    lumora2::render::checkOutputPath(
-        options.output,
-        {{"audio", options.audio}, {"avatar", options.avatar}, {"engine", options.engine}});
+    const std::vector<lumora2::render::NamedInput> inputs = {{"audio", options.audio},
+                                                             {"text", options.textFile},
+                                                             {"avatar", options.avatar},
+                                                             {"engine", options.engine}};
+    lumora2::render::checkOutputPath(options.output, inputs);
     if (!options.logFile.empty()) {
-      lumora2::render::checkOutputPath(options.logFile, {{"audio", options.audio},
-                                                         {"avatar", options.avatar},
-                                                         {"engine", options.engine},
-                                                         {"output", options.output}});
+      std::vector<lumora2::render::NamedInput> taken = inputs;
+      taken.push_back({"output", options.output});
+      lumora2::render::checkOutputPath(options.logFile, taken);
     }
     checkKinds(options);
     lumora2::render::signal_cleanup::setPartialFile(

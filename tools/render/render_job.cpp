@@ -17,11 +17,15 @@
 #include "audio_input.h"
 #include "client_error.h"
 #include "composer.h"
+#include "container/archive.h"
+#include "container/manifest.h"
 #include "engine/log.h"
 #include "idle_source.h"
 #include "mp4_writer.h"
+#include "speech_text.h"
 #include "stream_child.h"
 #include "utterances.h"
+#include "voice.h"
 
 namespace lumora2::render {
 namespace {
@@ -191,6 +195,19 @@ class StreamSession {
   std::size_t respawns_ = 0;
 };
 
+// The voice asked for, or the avatar's own: from its manifest's gender and persona.
+Voice avatarVoice(const RenderOptions& options) {
+  AvatarManifest manifest;
+  try {
+    manifest = ManifestJSON::decodeAvatar(Archive::readManifest(options.avatar));
+  } catch (const std::exception& e) {
+    throw ClientError("cannot read the avatar " + options.avatar.string() + ": " + e.what());
+  }
+  const VoiceChoice choice = chooseVoice(manifest.gender, manifest.persona, options.voice);
+  if (!choice.warning.empty()) std::fprintf(stderr, "warning: %s\n", choice.warning.c_str());
+  return Voice(choice.name);
+}
+
 }  // namespace
 
 std::filesystem::path partialNameFor(const std::filesystem::path& output) {
@@ -224,13 +241,29 @@ RenderReport renderToMp4(const RenderOptions& options) {
       starting = std::async(std::launch::async, [command] { return StreamChild::start(command); });
     }
   };
-  const std::vector<float> audio =
-      decodeAudio(options.audio, [&](const float* samples, std::size_t count) {
-        if (starting.valid()) return;
-        for (std::size_t i = 0; i < count; ++i) {
-          if (std::fabs(samples[i]) >= rule.absoluteFloor) return startChild();
-        }
-      });
+  auto startOnSound = [&](const float* samples, std::size_t count) {
+    if (starting.valid()) return;
+    for (std::size_t i = 0; i < count; ++i) {
+      if (std::fabs(samples[i]) >= rule.absoluteFloor) return startChild();
+    }
+  };
+  std::vector<float> audio;
+  if (options.text) {
+    // Sentence by sentence: the child warms up while the rest of the text is spoken.
+    const Voice voice = avatarVoice(options);
+    voice.checkScripts(*options.text);
+    const std::vector<Sentence> sentences = splitSentences(*options.text);
+    voice.speak(sentences, [&](const float* samples, std::size_t count) {
+      audio.insert(audio.end(), samples, samples + count);
+      startOnSound(samples, count);
+      return true;
+    });
+    std::fprintf(stderr, "voice %s: %zu sentence%s, %.2f s of speech\n", voice.name().c_str(),
+                 sentences.size(), sentences.size() == 1 ? "" : "s",
+                 double(audio.size()) / kEngineRate);
+  } else {
+    audio = decodeAudio(options.audio, startOnSound);
+  }
   const std::vector<Utterance> utterances = splitUtterances(audio, rule);
 
   RenderReport report;

@@ -1,20 +1,30 @@
-// renderToMp4: the whole of lumora2-render. Decodes the audio, splits it into utterances, has a
-// render-stream child render each one (respawning it once when it asks to), lays the rendered
-// frames on a timeline of one frame per 800 input samples, fills the rest with the avatar's idle
-// clip, blends the seams where idle and rendered pictures meet, and writes the MP4 under a
-// temporary name that becomes `output` only when the file is complete.
+// renderToMp4: the whole of lumora2-render. Decodes the audio (or speaks the text with the
+// embedded voice, sentence by sentence, the child warming up from the first), splits it into
+// utterances, has a render-stream child render each one (respawning it once when it asks to),
+// lays the rendered frames on a timeline of one frame per 800 input samples, fills the rest with
+// the avatar's idle clip, blends the seams where idle and rendered pictures meet, and writes the
+// MP4 under a temporary name that becomes `output` only when the file is complete.
 #pragma once
 
 #include <cstddef>
 #include <filesystem>
+#include <optional>
 #include <string>
 
 namespace lumora2::render {
+
+// The longest text lumora2-render speaks, in characters (about two hours of speech).
+inline constexpr std::size_t kMaxTextChars = 100000;
 
 struct RenderOptions {
   std::filesystem::path avatar;
   std::filesystem::path engine;
   std::filesystem::path audio;
+  // Speech from text instead of `audio` (checked already: checkText), spoken with `voice`, or
+  // with the avatar's own voice when that is empty (chooseVoice).
+  std::optional<std::string> text;
+  std::filesystem::path textFile;  // where the text came from, when it came from a file
+  std::string voice;
   std::filesystem::path output;
   std::filesystem::path host;  // lumora2-model
   // Where the engine parts used here (the idle clip reader) log, appended; empty: nowhere.

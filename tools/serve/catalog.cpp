@@ -5,6 +5,7 @@
 
 #include "container/archive.h"
 #include "container/manifest.h"
+#include "voice.h"
 
 namespace lumora2::serve {
 
@@ -14,7 +15,8 @@ const Avatar* Catalog::find(const std::string& code) const {
   return nullptr;
 }
 
-Catalog loadCatalog(const std::filesystem::path& engine, const std::filesystem::path& dir) {
+Catalog loadCatalog(const std::filesystem::path& engine, const std::filesystem::path& dir,
+                    const std::string& voice) {
   namespace fs = std::filesystem;
   EngineManifest engineManifest;
   try {
@@ -37,6 +39,8 @@ Catalog loadCatalog(const std::filesystem::path& engine, const std::filesystem::
     if (entry.path().extension() == ".avatar") files.push_back(entry.path());
   }
   std::sort(files.begin(), files.end());
+  // The voice asked for, or the default one: a server that cannot speak text says so at once.
+  const render::Voice probe(voice.empty() ? "en-us" : voice);
   Catalog catalog;
   for (const fs::path& file : files) {
     try {
@@ -53,7 +57,9 @@ Catalog loadCatalog(const std::filesystem::path& engine, const std::filesystem::
       if (catalog.find(m.code) != nullptr) {
         throw std::runtime_error("another file already offers the code " + m.code);
       }
-      catalog.avatars.push_back({m.code, m.name, m.gender, m.persona, file});
+      const render::VoiceChoice spoken = render::chooseVoice(m.gender, m.persona, voice);
+      if (!spoken.warning.empty()) catalog.warnings.push_back(m.code + ": " + spoken.warning);
+      catalog.avatars.push_back({m.code, m.name, m.gender, m.persona, file, spoken.name});
     } catch (const std::exception& e) {
       catalog.skipped.push_back(file.string() + ": " + e.what());
     }

@@ -20,6 +20,7 @@
 #include "client_error.h"
 #include "container/platform.h"
 #include "media/webrtc_sender.h"
+#include "speech_text.h"
 #include "web_assets.h"
 
 namespace lumora2::serve {
@@ -131,6 +132,7 @@ struct HttpServer::Impl {
   std::size_t bodyLimit(const http::request_parser<http::string_body>& parser) const {
     const auto parts = pathParts(parser.get().target());
     if (parts.size() == 4 && parts[3] == "speech") return config.limits.speechBytes;
+    if (parts.size() == 4 && parts[3] == "say") return config.limits.sayBytes;
     if (parts.size() == 4 && parts[3] == "whep") return config.limits.sdpBytes;
     return config.limits.jsonBodyBytes;
   }
@@ -147,6 +149,7 @@ struct HttpServer::Impl {
     return session;
   }
   std::vector<float> decodeSpeech(const std::string& body);
+  Response say(const Request& req, LiveSession& session);
 };
 
 // ---- WebSocket: streamed speech -------------------------------------------------------------
@@ -420,6 +423,35 @@ std::vector<float> HttpServer::Impl::decodeSpeech(const std::string& body) {
   return samples;
 }
 
+Response HttpServer::Impl::say(const Request& req, LiveSession& session) {
+  const auto posted = std::chrono::steady_clock::now();
+  nlohmann::json body;
+  try {
+    body = nlohmann::json::parse(req.body());
+  } catch (const nlohmann::json::exception&) {
+    throw ApiError{http::status::bad_request, "the body must be JSON: {\"text\": \"<words>\"}"};
+  }
+  if (!body.is_object() || !body.contains("text") || !body["text"].is_string()) {
+    throw ApiError{http::status::bad_request, "the body must be {\"text\": \"<words>\"}"};
+  }
+  const std::string& text = body["text"].get_ref<const std::string&>();
+  try {
+    render::checkText(text, config.limits.sayChars);
+    session.voice().checkScripts(text);
+  } catch (const render::TextError& e) {
+    using Kind = render::TextError::Kind;
+    const http::status status = e.kind() == Kind::tooLong       ? http::status::payload_too_large
+                                : e.kind() == Kind::unspeakable ? http::status::unprocessable_entity
+                                                                : http::status::bad_request;
+    throw ApiError{status, e.what()};
+  }
+  const LiveSession::Receipt receipt = session.say(render::splitSentences(text), posted);
+  return jsonResponse(req, http::status::accepted,
+                      {{"utterance", receipt.utterance},
+                       {"duration", receipt.seconds},
+                       {"voice", session.voice().name()}});
+}
+
 Response HttpServer::Impl::handle(const Request& req) {
   try {
     const auto parts = pathParts(req.target());
@@ -475,8 +507,11 @@ Response HttpServer::Impl::handleApi(const Request& req, const std::vector<std::
     only(http::verb::get);
     nlohmann::json list = nlohmann::json::array();
     for (const Avatar& a : catalog.avatars) {
-      list.push_back(
-          {{"code", a.code}, {"name", a.name}, {"gender", a.gender}, {"persona", a.persona}});
+      list.push_back({{"code", a.code},
+                      {"name", a.name},
+                      {"gender", a.gender},
+                      {"persona", a.persona},
+                      {"voice", a.voice}});
     }
     return jsonResponse(req, http::status::ok, {{"avatars", list}});
   }
@@ -508,6 +543,7 @@ Response HttpServer::Impl::handleApi(const Request& req, const std::vector<std::
                                   {{"session", base},
                                    {"whep", base + "/whep"},
                                    {"speech", base + "/speech"},
+                                   {"say", base + "/say"},
                                    {"audio", base + "/audio"}}}});
     res.set(http::field::location, base);
     return res;
@@ -542,6 +578,10 @@ Response HttpServer::Impl::handleApi(const Request& req, const std::vector<std::
     const LiveSession::Receipt receipt = session->speak(decodeSpeech(req.body()));
     return jsonResponse(req, http::status::accepted,
                         {{"utterance", receipt.utterance}, {"duration", receipt.seconds}});
+  }
+  if (parts.size() == 4 && parts[3] == "say") {
+    only(http::verb::post);
+    return say(req, *session);
   }
   if (parts.size() == 4 && parts[3] == "audio") {
     throw ApiError{http::status::upgrade_required, "this endpoint is a WebSocket"};

@@ -1,6 +1,6 @@
 // The HTTP and WebSocket front of lumora2-serve (docs/SERVE.md): the page, the avatars, the
-// sessions and their WHEP, speech and streamed-audio endpoints, on Boost.Beast. Every request is
-// bounded: header and body sizes per endpoint, the time a client may take to send a request, and
+// sessions and their WHEP, speech, text and streamed-audio endpoints, on Boost.Beast. Every request
+// is bounded: header and body sizes per endpoint, the time a client may take to send a request, and
 // the time an idle connection stays open. A request that fails gets a 4xx or 5xx status with a
 // one-line JSON error; the server goes on serving.
 #pragma once
@@ -21,7 +21,9 @@ struct Limits {
   std::size_t jsonBodyBytes = 16 * 1024;
   std::size_t sdpBytes = 64 * 1024;
   std::size_t speechBytes = 32 * 1024 * 1024;
-  double speechSeconds = 600;  // a posted recording may last this long
+  double speechSeconds = 600;        // a posted recording may last this long
+  std::size_t sayChars = 5000;       // characters of text to speak, per request
+  std::size_t sayBytes = 64 * 1024;  // its JSON body (escapes included)
   std::size_t webSocketMessageBytes = 1024 * 1024;
   std::chrono::seconds requestTime{15};     // to send a whole request
   std::chrono::seconds idleConnection{30};  // between requests on a kept-alive connection

@@ -1,9 +1,11 @@
 #include "live_session.h"
 
 #include <cmath>
+#include <exception>
 #include <fstream>
 #include <utility>
 
+#include "audio_input.h"
 #include "client_error.h"
 #include "media/webrtc_sender.h"
 #include "utterances.h"
@@ -54,16 +56,20 @@ LiveSession::LiveSession(std::string id, Avatar avatar, SessionOptions options)
     : id_(std::move(id)),
       avatar_(std::move(avatar)),
       options_(std::move(options)),
+      voice_(avatar_.voice.empty() ? render::chooseVoice(avatar_.gender, avatar_.persona, "").name
+                                   : avatar_.voice),
       idle_(std::make_unique<IdleSource>(avatar_.file)),
       timeline_(*idle_),
       lastActivity_(Clock::now()),
       created_(Clock::now()) {
   render_ = std::thread([this] { renderLoop(); });
   pace_ = std::thread([this] { paceLoop(); });
+  voiceThread_ = std::thread([this] { voiceLoop(); });
 }
 
 LiveSession::~LiveSession() {
   end("the session was closed");
+  if (voiceThread_.joinable()) voiceThread_.join();
   if (pace_.joinable()) pace_.join();
   if (render_.joinable()) render_.join();
   std::shared_ptr<WebRtcSender> sender;
@@ -81,6 +87,7 @@ void LiveSession::end(const std::string& reason) {
   }
   ended_ = true;
   changed_.notify_all();
+  sayQueued_.notify_all();
 }
 
 void LiveSession::touch() {
@@ -181,6 +188,90 @@ std::optional<LiveSession::Receipt> LiveSession::endStream() {
   return receipt;
 }
 
+void LiveSession::checkRoom() const {
+  if (ended_) throw SessionError(409, "the session has ended");
+  if (timeline_.queuedItems() >= options_.maxQueuedItems) {
+    throw SessionError(409, "the session's speech queue is full (" +
+                                std::to_string(options_.maxQueuedItems) + " items)");
+  }
+}
+
+LiveSession::Receipt LiveSession::say(std::vector<render::Sentence> sentences,
+                                      Clock::time_point posted) {
+  auto job = std::make_shared<SayJob>();
+  job->sentences = std::move(sentences);
+  std::future<Receipt> receipt = job->done.get_future();
+  {
+    MutexLock hold(lock_);
+    checkRoom();
+    job->item = timeline_.beginStream(posted);
+    sayTimes_ = SayTimes{job->item, posted, {}, {}, {}, {}};
+    sayJobs_.push_back(job);
+    lastActivity_ = Clock::now();
+  }
+  sayQueued_.notify_all();
+  // Making speech runs hundreds of times faster than speaking it: a minute is far more than a
+  // whole text takes, whatever else the voice is busy with.
+  if (receipt.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
+    throw SessionError(503, "the voice is busy; the text is spoken as it is made");
+  }
+  return receipt.get();
+}
+
+// Speaks the texts posted, one after another: each sentence goes into the text's streamed item
+// as soon as it is made, and the item ends after the last.
+void LiveSession::voiceLoop() {
+  for (;;) {
+    std::shared_ptr<SayJob> job;
+    {
+      MutexLock hold(lock_);
+      while (!ended_ && sayJobs_.empty()) sayQueued_.wait(lock_);
+      if (ended_) break;
+      job = sayJobs_.front();
+    }
+    std::size_t made = 0;
+    std::exception_ptr failure;
+    try {
+      made = voice_.speak(job->sentences, [&](const float* samples, std::size_t count) {
+        {
+          MutexLock hold(lock_);
+          if (ended_) return false;
+          if (sayTimes_ && sayTimes_->item == job->item && !sayTimes_->fed) {
+            sayTimes_->fed = Clock::now();
+          }
+          timeline_.appendStream(job->item, samples, count);
+          lastActivity_ = Clock::now();
+        }
+        changed_.notify_all();
+        return true;
+      });
+    } catch (const std::exception& e) {
+      // What was made is spoken; the caller hears why the rest is not.
+      failure = std::make_exception_ptr(SessionError(500, e.what()));
+    }
+    {
+      MutexLock hold(lock_);
+      timeline_.endStream(job->item);
+      sayJobs_.pop_front();
+    }
+    changed_.notify_all();
+    if (ended_) failure = std::make_exception_ptr(SessionError(409, "the session has ended"));
+    if (failure) {
+      job->done.set_exception(failure);
+    } else {
+      job->done.set_value(Receipt{job->item, double(made) / double(render::kEngineRate)});
+    }
+  }
+  std::deque<std::shared_ptr<SayJob>> left;
+  {
+    MutexLock hold(lock_);
+    left.swap(sayJobs_);
+  }
+  for (const auto& job : left) {
+    job->done.set_exception(std::make_exception_ptr(SessionError(409, "the session has ended")));
+  }
+}
+
 nlohmann::json LiveSession::status() const {
   MutexLock hold(lock_);
   nlohmann::json j;
@@ -209,6 +300,21 @@ nlohmann::json LiveSession::status() const {
       speechLatency_ ? nlohmann::json(*speechLatency_ * 1000.0) : nlohmann::json(nullptr);
   j["first_frame_after_connect_ms"] =
       firstFrameAfter_ ? nlohmann::json(*firstFrameAfter_ * 1000.0) : nlohmann::json(nullptr);
+  // The last text spoken: posted → its first sentence made, its first sound sent to the child →
+  // its first frame back (the engine's first chunk), and posted → its first rendered frame sent.
+  auto ms = [](const auto& from, const auto& to) {
+    return from && to
+               ? nlohmann::json(std::chrono::duration<double, std::milli>(*to - *from).count())
+               : nlohmann::json(nullptr);
+  };
+  const std::optional<Clock::time_point> posted =
+      sayTimes_ ? std::optional(sayTimes_->posted) : std::nullopt;
+  j["say_first_sentence_ms"] = ms(posted, sayTimes_ ? sayTimes_->fed : std::nullopt);
+  j["say_child_first_frame_ms"] =
+      sayTimes_ ? ms(sayTimes_->toChild, sayTimes_->fromChild) : nlohmann::json(nullptr);
+  j["say_to_first_frame_ms"] = sayTimes_ && sayTimes_->firstFrameSent
+                                   ? nlohmann::json(*sayTimes_->firstFrameSent * 1000.0)
+                                   : nlohmann::json(nullptr);
   return j;
 }
 
@@ -269,6 +375,12 @@ void LiveSession::renderLoop() {
     if (work && busy && !current.flushed) {
       if (!work->samples.empty()) {
         child->sendAudio(work->samples.data(), work->samples.size());
+        if (current.sent == 0) {
+          MutexLock hold(lock_);
+          if (sayTimes_ && sayTimes_->item == current.item && !sayTimes_->toChild) {
+            sayTimes_->toChild = Clock::now();
+          }
+        }
         current.sent += work->samples.size();
       }
       if (work->complete) {
@@ -299,6 +411,10 @@ void LiveSession::renderLoop() {
           ++current.received;
           {
             MutexLock hold(lock_);
+            if (current.received == 1 && sayTimes_ && sayTimes_->item == current.item &&
+                !sayTimes_->fromChild) {
+              sayTimes_->fromChild = Clock::now();
+            }
             timeline_.addFrame(current.item, current.segment, event.position, std::move(picture),
                                Clock::now());
           }
@@ -419,6 +535,7 @@ void LiveSession::paceLoop() {
       stalled = false;
       if (frame.itemArrived) {
         speechLatency_ = std::chrono::duration<double>(Clock::now() - *frame.itemArrived).count();
+        if (sayTimes_ && sayTimes_->item == frame.item) sayTimes_->firstFrameSent = speechLatency_;
       }
       if (!firstFrameAfter_) {
         firstFrameAfter_ = std::chrono::duration<double>(Clock::now() - start).count();

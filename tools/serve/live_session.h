@@ -1,9 +1,10 @@
 // LiveSession: one viewer's talking avatar. It owns the session's render-stream child (started at
 // once, so that it warms up while the viewer connects), its LiveTimeline, and its WebRTC sender,
-// and runs two threads: the render thread feeds the child the speech the timeline asks for and
-// hands its frames back, and the pacing thread sends one frame and its 50 ms of sound every
-// 50 ms from the moment the viewer's peer is connected, pausing both together when a rendered
-// frame is due and not there (a stall, counted).
+// and runs three threads: the render thread feeds the child the speech the timeline asks for and
+// hands its frames back, the pacing thread sends one frame and its 50 ms of sound every 50 ms
+// from the moment the viewer's peer is connected, pausing both together when a rendered frame is
+// due and not there (a stall, counted), and the voice thread speaks posted text with the
+// avatar's voice, sentence by sentence, into the timeline.
 //
 // A child that asks to be respawned (exit status 3) is replaced and the segment it was rendering
 // sent again, once; a child that ends otherwise ends this session only, with a reason the status
@@ -16,6 +17,8 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
+#include <deque>
+#include <future>
 #include <memory>
 #include <optional>
 #include <string>
@@ -27,7 +30,9 @@
 #include "catalog.h"
 #include "engine/thread_annotations.h"
 #include "live_timeline.h"
+#include "speech_text.h"
 #include "stream_child.h"
+#include "voice.h"
 
 namespace lumora2::serve {
 
@@ -86,6 +91,15 @@ class LiveSession {
   // none is); endStream closes it. Throws SessionError 409 as speak does.
   void stream(const float* samples, std::size_t count) LUMORA2_EXCLUDES(lock_);
   std::optional<Receipt> endStream() LUMORA2_EXCLUDES(lock_);
+  // The avatar's voice, for the caller's checks of a text before say().
+  const render::Voice& voice() const { return voice_; }
+  // Speaks checked text: one streamed item, its sentences synthesised one by one on the
+  // session's voice thread and each fed to the timeline as soon as it is made, so that the first
+  // is rendered while the rest are made. `posted` is when the text arrived (the item's arrival).
+  // Returns once every sentence is made, with the item's length. Throws SessionError 409 as
+  // speak does, also when the session ends before the text is all made.
+  Receipt say(std::vector<render::Sentence> sentences, std::chrono::steady_clock::time_point posted)
+      LUMORA2_EXCLUDES(lock_);
 
   // Ends the session (idempotent): the threads stop, the child is ended; the registry destroys
   // it later. The first reason given is kept.
@@ -100,16 +114,36 @@ class LiveSession {
  private:
   void renderLoop();
   void paceLoop();
+  void voiceLoop();
+  // Throws SessionError 409 when the session has ended or its speech queue is full.
+  void checkRoom() const LUMORA2_REQUIRES(lock_);
   void traceFrame(std::uint64_t index, std::chrono::nanoseconds pts, const LiveFrame& frame);
   bool startChild(std::unique_ptr<render::StreamChild>& child);
+
+  // A text waiting for the voice thread, and the caller waiting for its receipt.
+  struct SayJob {
+    std::uint64_t item = 0;
+    std::vector<render::Sentence> sentences;
+    std::promise<Receipt> done;
+  };
+  // When the last spoken text arrived, had its first sentence made, had its first sound sent to
+  // the child and its first frame back, and had its first rendered frame sent.
+  struct SayTimes {
+    std::uint64_t item = 0;
+    std::chrono::steady_clock::time_point posted;
+    std::optional<std::chrono::steady_clock::time_point> fed, toChild, fromChild;
+    std::optional<double> firstFrameSent;  // seconds after `posted`
+  };
 
   const std::string id_;
   const Avatar avatar_;
   const SessionOptions options_;
+  const render::Voice voice_;
   std::unique_ptr<IdleSource> idle_;  // read by the timeline only
 
-  mutable Mutex lock_;                   // guards the timeline and the session's state below
-  std::condition_variable_any changed_;  // anything below changed
+  mutable Mutex lock_;                     // guards the timeline and the session's state below
+  std::condition_variable_any changed_;    // anything below changed
+  std::condition_variable_any sayQueued_;  // a text was queued for the voice thread, or the end
   LiveTimeline timeline_ LUMORA2_GUARDED_BY(lock_);
   std::optional<std::uint64_t> openStream_ LUMORA2_GUARDED_BY(lock_);
   std::size_t streamed_ LUMORA2_GUARDED_BY(lock_) = 0;  // samples in the open stream
@@ -126,10 +160,13 @@ class LiveSession {
   // The last item's arrival → its first rendered frame sent, in seconds.
   std::optional<double> speechLatency_ LUMORA2_GUARDED_BY(lock_);
   std::shared_ptr<WebRtcSender> sender_ LUMORA2_GUARDED_BY(lock_);
+  std::deque<std::shared_ptr<SayJob>> sayJobs_ LUMORA2_GUARDED_BY(lock_);
+  std::optional<SayTimes> sayTimes_ LUMORA2_GUARDED_BY(lock_);
   std::atomic<bool> ended_{false};
 
   std::thread render_;
   std::thread pace_;
+  std::thread voiceThread_;
 };
 
 }  // namespace lumora2::serve

@@ -8,7 +8,7 @@
 namespace lumora2::serve {
 
 LiveTimeline::LiveTimeline(IdleSource& idle)
-    : idle_(idle), composer_([this](const Picture& p, Composer::Kind) { onComposed(p); }, idle) {
+    : composer_([this](const Picture& p, Composer::Kind) { onComposed(p); }, idle) {
   // The entry dissolve learns how much each part of the picture moves from the pictures it holds:
   // as many as an item needs before it may start, so that holding them never stalls.
   composer_.setEntryHold(kStartFrames);
@@ -205,6 +205,7 @@ void LiveTimeline::onComposed(const Picture& picture) {
   if (owner == nullptr && current_ != nullptr && current_->holds(position)) owner = current_;
   if (owner != nullptr) {
     frame.speech = true;
+    frame.item = owner->id;
     if (!owner->segments.empty() && position == owner->startPosition + owner->segments[0].first) {
       frame.itemArrived = owner->arrived;
     }

@@ -48,12 +48,14 @@ struct LiveFrame {
   bool speech = false;         // the frame belongs to an item (its sound may still be silence)
   // On an item's first rendered frame: when the item arrived (its first sample, for a stream).
   std::optional<TimePoint> itemArrived;
+  std::uint64_t item = 0;  // the item it belongs to; 0: none
 };
 
 class LiveTimeline {
  public:
-  // Undecided idle frames kept ahead of the output, over which an item's start lands on the
-  // clip frame most like its first picture: 3 frames, 150 ms of added latency.
+  // Undecided idle frames kept ahead of the output, over which an item's start may land on the
+  // clip frame most like its first picture: one frame, 50 ms of added latency (the entry dissolve
+  // joins the rest).
   static constexpr std::size_t kLookahead = 1;
   // Rendered frames an item's first segment needs before it may start (unless it is shorter).
   static constexpr std::size_t kStartFrames = 8;
@@ -150,7 +152,6 @@ class LiveTimeline {
   bool decide(TimePoint now);
   void onComposed(const Picture& picture);
 
-  IdleSource& idle_;
   Composer composer_;
   std::deque<LiveFrame> out_;  // composed and not yet handed out
   std::deque<std::unique_ptr<Item>> items_;

@@ -28,17 +28,19 @@ namespace serve = lumora2::serve;
 constexpr const char* kUsage =
     "usage: lumora2-serve --engine vivra.model --avatars DIR [--listen 127.0.0.1:8080]\n"
     "                     [--max-sessions N] [--token-file F] [--host PATH]\n"
-    "                     [--idle-timeout SECONDS]\n"
+    "                     [--idle-timeout SECONDS] [--voice NAME]\n"
     "\n"
     "Serves live talking sessions of the avatars in DIR (*.avatar) to a browser: open\n"
     "http://ADDRESS:PORT/ for the page, or use the HTTP API (docs/SERVE.md). Each session runs a\n"
     "render-stream child of --host (default: the lumora2-model beside lumora2-serve). With\n"
     "--token-file, every /v1 call needs 'Authorization: Bearer <the file's first line>'.\n"
     "--max-sessions (default 4) bounds the sessions at once; a session nobody has called for\n"
-    "--idle-timeout seconds (default 600) ends.\n";
+    "--idle-timeout seconds (default 600) ends. Text is spoken with each avatar's own voice\n"
+    "(from its gender and persona), or with the espeak-ng voice --voice names.\n";
 
 struct Arguments {
   fs::path engine, avatars, host, tokenFile;
+  std::string voice;
   std::string address = "127.0.0.1";
   unsigned short port = 8080;
   std::size_t maxSessions = 4;
@@ -72,6 +74,8 @@ Arguments parseArguments(const std::vector<std::string>& args) {
       a.host = value();
     } else if (option == "--token-file") {
       a.tokenFile = value();
+    } else if (option == "--voice") {
+      a.voice = value();
     } else if (option == "--max-sessions") {
       a.maxSessions = std::size_t(wholeNumber(option, value(), 1, 64));
     } else if (option == "--idle-timeout") {
@@ -136,9 +140,13 @@ int main(int argc, char** argv) {
     lumora2::setEngineLogProgram("lumora2-serve");
     lumora2::setEngineLogDestination(-1);
     serve::initMedia();
-    const serve::Catalog catalog = serve::loadCatalog(arguments.engine, arguments.avatars);
+    const serve::Catalog catalog =
+        serve::loadCatalog(arguments.engine, arguments.avatars, arguments.voice);
     for (const std::string& line : catalog.skipped) {
       std::fprintf(stderr, "lumora2-serve: skipped %s\n", line.c_str());
+    }
+    for (const std::string& line : catalog.warnings) {
+      std::fprintf(stderr, "lumora2-serve: warning: %s\n", line.c_str());
     }
     if (catalog.avatars.empty()) {
       throw ClientError("no usable avatar in " + arguments.avatars.string());

@@ -3,6 +3,8 @@
 // it. Checked from the browser's side: 416 x 720 frames at about 20 a second, an idle picture
 // that moves, a speech file that moves the mouth, sound that arrives, and sound bursts and mouth
 // openings, both measured in what the browser plays on one clock, one constant offset apart.
+// Then a paragraph typed into the page is heard and moves the mouth during its words (resting in
+// the pauses between its sentences), its first frame leaving the server soon after it was sent.
 //
 // node live_session.test.mjs --serve BIN --family BIN --host BIN --render BIN
 // Exit status: 0 passed, 1 failed, 77 skipped (no chromium or no playwright-core).
@@ -52,6 +54,11 @@ function burstsWav(bursts) {
   header.writeUInt16LE(16, 34); header.write('data', 36); header.writeUInt32LE(pcm.byteLength, 40);
   return Buffer.concat([header, Buffer.from(pcm.buffer)]);
 }
+
+// Five sentences, typed into the page.
+const PARAGRAPH = 'Hello there. I am Ava. I say what you type. Every word moves my mouth. Goodbye for now.';
+
+const mean = (values) => values.reduce((a, b) => a + b, 0) / Math.max(1, values.length);
 
 // What left the server: its frame trace (LUMORA2_SERVE_TRACE), one line per frame: session,
 // index, time stamp (ms), sound RMS, then the mean luma of a 4 x 8 grid of the picture. The
@@ -274,6 +281,46 @@ async function main() {
     const ajb = final.audio.jitterBufferDelay / final.audio.jitterBufferEmittedCount * 1000;
     console.log(`figures: ${fps.toFixed(1)} fps, video jitter buffer ${jb.toFixed(1)} ms, audio ${ajb.toFixed(1)} ms, ` +
       `frames dropped ${final.video.framesDropped}, packets lost ${final.video.packetsLost + final.audio.packetsLost}`);
+
+    // 5. Typed text, sent with Enter: heard, the mouth open during the words and resting in the
+    // pauses between sentences (in what the server sent: sound RMS and the lower face's distance
+    // from its shut level, frame by frame, pauses counted 150 ms from any sound), and its first
+    // rendered frame sent within 400 ms of the post plus the engine's first chunk.
+    const traceBefore = readTrace(join(family, 'trace.txt')).length;
+    const typedAt = await page.evaluate(() => performance.now());
+    await page.locator('#text').pressSequentially(PARAGRAPH);
+    await page.locator('#text').press('Enter');
+    await page.waitForFunction(() => /^saying /.test(document.getElementById('message').textContent), null, { timeout: 10000 });
+    const saying = Number((await page.textContent('#message')).match(/saying ([\d.]+) s/)[1]);
+    await page.waitForFunction((t) => window.probe.sound.some((s) => s.t > t && s.rms > 0.02), typedAt, { timeout: 20000 });
+    await page.waitForTimeout(Math.ceil(saying * 1000) + 1000);
+    const heard = await page.evaluate((t) => ({
+      frames: window.probe.frames.filter((f) => f.t >= t), loud: window.probe.sound.filter((s) => s.t >= t && s.rms > 0.02).length,
+    }), typedAt);
+    check(heard.loud > 0 && (await page.inputValue('#text')) === '', 'typed text: taken, and its sound arrives', `${saying} s of speech, ${heard.loud} loud sound blocks heard`);
+    const typedSpread = spread(heard.frames);
+    check(typedSpread > 2 * idleSpread + 5, 'typed text: the mouth moves',
+      `lower-face luma range ${typedSpread.toFixed(1)}, ${idleSpread.toFixed(1)} at rest`);
+    const said = readTrace(join(family, 'trace.txt')).slice(traceBefore);
+    const saidShut = Math.max(...said.map((f) => f.mouth));
+    const loud = said.map((f) => f.rms > 0.02);
+    const firstWord = loud.indexOf(true), lastWord = loud.lastIndexOf(true);
+    const words = [], pauses = [];
+    for (let i = Math.max(3, firstWord); i <= lastWord; ++i) {
+      const open = saidShut - said[i].mouth;
+      if (loud[i]) words.push(open);
+      if (said.slice(i - 3, i + 4).every((f) => f.rms < 0.002)) pauses.push(open);
+    }
+    check(firstWord >= 0 && words.length > 20 && pauses.length >= 4 && mean(words) > 3 * mean(pauses) + 0.5,
+      'typed text: the lower face differs from rest during words far more than in the pauses between sentences',
+      `${mean(words).toFixed(2)} over ${words.length} frames of words, ${mean(pauses).toFixed(2)} over ${pauses.length} frames of pauses`);
+    const typed = await page.evaluate(async () => (await fetch(window.lumora2.session.urls.session)).json());
+    check(typed.say_to_first_frame_ms !== null && typed.say_to_first_frame_ms <= 400 + typed.say_child_first_frame_ms,
+      'typed text: its first rendered frame within 400 ms of the post, plus the engine\'s first chunk',
+      `${Math.round(typed.say_to_first_frame_ms)} ms from the post (first sentence made in ` +
+      `${Math.round(typed.say_first_sentence_ms)} ms; the engine's first chunk ${Math.round(typed.say_child_first_frame_ms)} ms)`);
+    check(typed.stalls === 0, 'typed text: no stall', `stalls ${typed.stalls}`);
+
     check(pageErrors.length === 0, 'the page ran without errors', pageErrors.join('; '));
   } catch (error) {
     check(false, 'the live session ran', error.stack || String(error));

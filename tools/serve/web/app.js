@@ -1,6 +1,6 @@
 // The live page: lists the avatars, starts a session (WHEP: the complete offer in, the complete
-// answer out), plays it, sends an audio file or a microphone recording as speech, and shows live
-// figures. Both received tracks play from one MediaStream on one <video>, so the browser keeps
+// answer out), plays it, sends typed text, an audio file or a microphone recording as speech, and
+// shows live figures. Both received tracks play from one MediaStream on one <video>, so the browser keeps
 // sound and pictures in sync. window.lumora2 exposes the session for tests and for the curious.
 'use strict';
 
@@ -85,6 +85,8 @@ async function start() {
     })).text();
     await pc.setRemoteDescription({ type: 'answer', sdp: answer });
     $('stop').disabled = false;
+    $('text').disabled = false;
+    $('send').disabled = false;
     $('file').disabled = false;
     $('record').disabled = !(navigator.mediaDevices && window.MediaRecorder);
     state.poll = setInterval(figures, 500);
@@ -131,6 +133,8 @@ function teardown() {
   state.pc = null;
   $('start').disabled = false;
   $('stop').disabled = true;
+  $('text').disabled = true;
+  $('send').disabled = true;
   $('file').disabled = true;
   $('record').disabled = true;
   $('figures').textContent = 'no session';
@@ -149,6 +153,22 @@ async function speak(blob) {
     say(`speaking ${duration.toFixed(1)} s`);
   } catch (error) {
     say('could not speak: ' + error.message);
+  }
+}
+
+// The typed text, spoken with the avatar's voice; the box empties once the server took it.
+async function sayText(event) {
+  event.preventDefault();
+  const text = $('text').value;
+  if (!state.session || !text.trim()) return;
+  try {
+    const { duration } = await (await api(state.session.urls.say, {
+      method: 'POST', headers: { 'Content-Type': 'application/json' }, body: JSON.stringify({ text }),
+    })).json();
+    $('text').value = '';
+    say(`saying ${duration.toFixed(1)} s`);
+  } catch (error) {
+    say('could not say it: ' + error.message);
   }
 }
 
@@ -172,6 +192,7 @@ async function record() {
 
 $('start').addEventListener('click', start);
 $('stop').addEventListener('click', stop);
+$('say').addEventListener('submit', sayText);
 $('file').addEventListener('change', () => { if ($('file').files[0]) speak($('file').files[0]); });
 $('record').addEventListener('click', () => record().catch((e) => say('microphone: ' + e.message)));
 listAvatars().catch((error) => say('cannot list the avatars: ' + error.message));
