@@ -3,7 +3,8 @@
 # receives each session over WebRTC on 127.0.0.1, as a person would. Three runs, each printing its
 # figures beside their targets as one JSON object (bench/serve_live.mjs has the details):
 #   latency   speech file posted -> its first rendered frame sent (<= 300 ms + the first chunk);
-#             streamed PCM -> its first rendered frame (<= 1.6 s + 150 ms)
+#             streamed PCM -> its first rendered frame (<= 1.6 s + 150 ms); a 5-sentence
+#             paragraph said -> its first rendered frame sent (<= 400 ms + the first chunk)
 #   capacity  1..N sessions at once, each speaking all the time: stalls per session, the
 #             server's processor time per frame per session (<= 3 ms), each child's memory
 #   soak      one session for M minutes, speaking every 10 s: growth of the server's and the

@@ -1,7 +1,8 @@
 // Benchmarks of lumora2-serve with real viewers (Debian's chromium through playwright-core), each
 // figure measured in one run against its target:
 //   latency   speech posted -> its first rendered frame sent (target: 300 ms + the engine's first
-//             chunk), and streamed PCM -> its first rendered frame (target: 1.6 s + 150 ms)
+//             chunk), streamed PCM -> its first rendered frame (target: 1.6 s + 150 ms), and a
+//             5-sentence paragraph said -> its first rendered frame sent (400 ms + the first chunk)
 //   capacity  1..N sessions at once, each speaking all the time: stalls, the server's CPU per
 //             frame per session (target <= 3 ms), each child's resident memory
 //   soak      one session for M minutes (default 10), speaking every 10 s: resident memory of the
@@ -115,6 +116,19 @@ try {
       streamed.push(s.speech_to_first_frame_ms);
       streamedRendered.push(s.speech_to_first_rendered_ms);
     }
+    // Typed: a 5-sentence paragraph said by the embedded voice, fed sentence by sentence.
+    const said = [];
+    const paragraph = 'The weather is mild today. We will walk along the river after lunch. ' +
+      'Bring a coat in case it rains. The path is long but flat. We should be back before dark.';
+    for (let k = 0; k < 3; ++k) {
+      const before = (await v.status()).utterances_spoken;
+      await fetch(base + v.url + '/say', { method: 'POST', headers: { 'Content-Type': 'application/json' },
+        body: JSON.stringify({ text: paragraph }) });
+      while ((await v.status()).utterances_spoken === before) await sleep(100);
+      const t = await v.status();
+      said.push([t.say_to_first_frame_ms, t.say_child_first_frame_ms]);
+      await sleep(1500);
+    }
     const s = await v.status();
     const median = (xs) => [...xs].sort((a, b) => a - b)[Math.floor(xs.length / 2)];
     result.latency = {
@@ -125,6 +139,9 @@ try {
       streamed_rendered_ms: streamedRendered.map(Math.round), streamed_rendered_median_ms: Math.round(median(streamedRendered)),
       streamed_rendered_target_ms: 1750,
       streamed_sent_ms: streamed.map(Math.round), streamed_sent_median_ms: Math.round(median(streamed)),
+      // Typed: posted -> first frame sent, against 400 ms + the engine's first chunk of that text.
+      said_ms: said.map(([a]) => Math.round(a)), said_median_ms: Math.round(median(said.map(([a]) => a))),
+      said_target_ms: Math.round(400 + median(said.map(([, b]) => b))),
       stalls: s.stalls, render_fps: Math.round(s.render_fps), render_first_frame_ms: Math.round(s.render_first_frame_ms),
     };
   } else if (mode === 'capacity') {
