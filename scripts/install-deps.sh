@@ -21,6 +21,9 @@ packages=(
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
   gstreamer1.0-plugins-ugly gstreamer1.0-nice     # WebRTC media: webrtcbin, x264, Opus, ICE
   chromium                            # the browser test (driven by playwright-core from npm)
+  prometheus-cpp-dev                  # lumora2-serve's /metrics
+  haproxy iproute2                    # the scale-out test: a router before replicas in namespaces
+  mmdebstrap buildah podman skopeo runc uidmap  # scripts/image.sh builds and runs the image offline
 )
 
 missing=()

@@ -52,12 +52,14 @@ Response jsonResponse(const Request& req, http::status status, const nlohmann::j
 }
 
 Response errorResponse(unsigned version, bool keepAlive, http::status status,
-                       const std::string& message) {
+                       const std::string& message, const std::string& reason = {}) {
   Response res{status, version};
   res.set(http::field::content_type, "application/json");
   res.set(http::field::cache_control, "no-store");
   res.keep_alive(keepAlive);
-  res.body() = nlohmann::json{{"error", message}}.dump() + "\n";
+  nlohmann::json body{{"error", message}};
+  if (!reason.empty()) body["reason"] = reason;
+  res.body() = body.dump() + "\n";
   res.prepare_payload();
   return res;
 }
@@ -110,14 +112,15 @@ struct HttpServer::Impl {
   ServerConfig config;
   const Catalog& catalog;
   SessionRegistry& sessions;
+  const ServerMetrics& metrics;
   net::io_context io;
   tcp::acceptor acceptor{io};
   std::vector<std::thread> threads;
   std::atomic<std::size_t> connections{0};
   std::atomic<std::uint64_t> uploads{0};
 
-  Impl(ServerConfig c, const Catalog& cat, SessionRegistry& reg)
-      : config(std::move(c)), catalog(cat), sessions(reg) {}
+  Impl(ServerConfig c, const Catalog& cat, SessionRegistry& reg, const ServerMetrics& m)
+      : config(std::move(c)), catalog(cat), sessions(reg), metrics(m) {}
 
   void accept();
   bool authorised(const Request& req) const {
@@ -278,6 +281,11 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void readHeader() {
     parser_.emplace();
     parser_->header_limit(std::uint32_t(server_.config.limits.headerBytes));
+    // The parser checks Content-Length against its body limit while it reads the header (its
+    // default is 1 MiB, less than a recording may be); the endpoint's own limit is set after.
+    parser_->body_limit(
+        std::max(server_.config.limits.speechBytes,
+                 std::max(server_.config.limits.sdpBytes, server_.config.limits.jsonBodyBytes)));
     // The first request on a connection gets the request time; later ones wait as long as an
     // idle connection may.
     stream_.expires_after(requests_ == 0 ? server_.config.limits.requestTime
@@ -462,6 +470,32 @@ Response HttpServer::Impl::handle(const Request& req) {
     if (parts.size() == 1 && parts[0] == "healthz") {
       return jsonResponse(req, http::status::ok, {{"ok", true}, {"sessions", sessions.size()}});
     }
+    if (parts.size() == 1 && parts[0] == "readyz") {
+      // Ready while one more session would be admitted: a balancer sends new ones elsewhere.
+      const Admission::Refusal refusal = sessions.readiness();
+      nlohmann::json body{{"ready", refusal == Admission::Refusal::none},
+                          {"sessions", sessions.size()},
+                          {"capacity", sessions.capacity()}};
+      if (refusal != Admission::Refusal::none) {
+        body["reason"] = refusal == Admission::Refusal::draining ? "draining" : "full";
+      }
+      Response res =
+          jsonResponse(req,
+                       refusal == Admission::Refusal::none ? http::status::ok
+                                                           : http::status::service_unavailable,
+                       body);
+      if (refusal != Admission::Refusal::none) res.set(http::field::retry_after, "5");
+      return res;
+    }
+    if (parts.size() == 1 && parts[0] == "metrics") {
+      Response res{http::status::ok, req.version()};
+      res.set(http::field::content_type, "text/plain; version=0.0.4; charset=utf-8");
+      res.set(http::field::cache_control, "no-store");
+      res.keep_alive(req.keep_alive());
+      if (req.method() == http::verb::get) res.body() = metrics.text();
+      res.prepare_payload();
+      return res;
+    }
     const std::string path = parts.empty() ? "/" : "/" + parts[0];
     if (parts.size() <= 1) {
       for (const WebAsset& asset : webAssets()) {
@@ -481,7 +515,8 @@ Response HttpServer::Impl::handle(const Request& req) {
   } catch (const ApiError& e) {
     return errorResponse(req.version(), req.keep_alive(), e.status, e.message);
   } catch (const SessionError& e) {
-    Response res = errorResponse(req.version(), req.keep_alive(), http::status(e.status), e.what());
+    Response res =
+        errorResponse(req.version(), req.keep_alive(), http::status(e.status), e.what(), e.reason);
     if (e.status == 503) res.set(http::field::retry_after, "5");
     return res;
   } catch (const MediaError& e) {
@@ -589,8 +624,9 @@ Response HttpServer::Impl::handleApi(const Request& req, const std::vector<std::
   throw ApiError{http::status::not_found, "no such endpoint"};
 }
 
-HttpServer::HttpServer(ServerConfig config, const Catalog& catalog, SessionRegistry& sessions)
-    : impl_(std::make_unique<Impl>(std::move(config), catalog, sessions)) {
+HttpServer::HttpServer(ServerConfig config, const Catalog& catalog, SessionRegistry& sessions,
+                       const ServerMetrics& metrics)
+    : impl_(std::make_unique<Impl>(std::move(config), catalog, sessions, metrics)) {
   beast::error_code ec;
   const auto address = net::ip::make_address(impl_->config.address, ec);
   if (ec)

@@ -1,5 +1,6 @@
 // The HTTP and WebSocket front of lumora2-serve (docs/SERVE.md): the page, the avatars, the
-// sessions and their WHEP, speech, text and streamed-audio endpoints, on Boost.Beast. Every request
+// sessions and their WHEP, speech, text and streamed-audio endpoints, and the operations
+// endpoints (/healthz, /readyz, /metrics), on Boost.Beast. Every request
 // is bounded: header and body sizes per endpoint, the time a client may take to send a request, and
 // the time an idle connection stays open. A request that fails gets a 4xx or 5xx status with a
 // one-line JSON error; the server goes on serving.
@@ -12,6 +13,7 @@
 #include <string>
 
 #include "catalog.h"
+#include "server_metrics.h"
 #include "session_registry.h"
 
 namespace lumora2::serve {
@@ -43,7 +45,8 @@ struct ServerConfig {
 class HttpServer {
  public:
   // Binds and listens; throws std::runtime_error when the address cannot be had.
-  HttpServer(ServerConfig config, const Catalog& catalog, SessionRegistry& sessions);
+  HttpServer(ServerConfig config, const Catalog& catalog, SessionRegistry& sessions,
+             const ServerMetrics& metrics);
   ~HttpServer();
   unsigned short port() const;
   void run();   // starts the threads; returns at once

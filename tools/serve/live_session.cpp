@@ -68,7 +68,7 @@ LiveSession::LiveSession(std::string id, Avatar avatar, SessionOptions options)
 }
 
 LiveSession::~LiveSession() {
-  end("the session was closed");
+  end("the session was closed", "closed");
   if (voiceThread_.joinable()) voiceThread_.join();
   if (pace_.joinable()) pace_.join();
   if (render_.joinable()) render_.join();
@@ -80,10 +80,13 @@ LiveSession::~LiveSession() {
   sender.reset();  // stops the media pipeline
 }
 
-void LiveSession::end(const std::string& reason) {
+void LiveSession::end(const std::string& reason, const char* cause) {
   {
     MutexLock hold(lock_);
-    if (endedReason_.empty()) endedReason_ = reason;
+    if (endedReason_.empty()) {
+      endedReason_ = reason;
+      endedCause_ = cause;
+    }
   }
   ended_ = true;
   changed_.notify_all();
@@ -113,7 +116,9 @@ std::string LiveSession::connect(const std::string& offer) {
     }
     changed_.notify_all();
   };
-  events.ended = [this](const std::string& why) { end("the viewer's connection ended: " + why); };
+  events.ended = [this](const std::string& why) {
+    end("the viewer's connection ended: " + why, "viewer_left");
+  };
   WebRtcSender::Options media;
   media.width = idle_->width();
   media.height = idle_->height();
@@ -136,11 +141,7 @@ LiveSession::Receipt LiveSession::speak(std::vector<float> samples) {
   Receipt receipt;
   {
     MutexLock hold(lock_);
-    if (ended_) throw SessionError(409, "the session has ended");
-    if (timeline_.queuedItems() >= options_.maxQueuedItems) {
-      throw SessionError(409, "the session's speech queue is full (" +
-                                  std::to_string(options_.maxQueuedItems) + " items)");
-    }
+    checkRoom();
     receipt.utterance =
         timeline_.addRecording(std::move(samples), std::move(segments), Clock::now());
     receipt.seconds = seconds;
@@ -155,10 +156,7 @@ void LiveSession::stream(const float* samples, std::size_t count) {
     MutexLock hold(lock_);
     if (ended_) throw SessionError(409, "the session has ended");
     if (!openStream_) {
-      if (timeline_.queuedItems() >= options_.maxQueuedItems) {
-        throw SessionError(409, "the session's speech queue is full (" +
-                                    std::to_string(options_.maxQueuedItems) + " items)");
-      }
+      checkRoom();  // a stream already open goes on while the server drains
       openStream_ = timeline_.beginStream(Clock::now());
       streamed_ = 0;
     }
@@ -190,6 +188,10 @@ std::optional<LiveSession::Receipt> LiveSession::endStream() {
 
 void LiveSession::checkRoom() const {
   if (ended_) throw SessionError(409, "the session has ended");
+  if (!takingSpeech_) {
+    throw SessionError(503, "the server is shutting down: what was said is spoken, nothing new",
+                       "draining");
+  }
   if (timeline_.queuedItems() >= options_.maxQueuedItems) {
     throw SessionError(409, "the session's speech queue is full (" +
                                 std::to_string(options_.maxQueuedItems) + " items)");
@@ -318,6 +320,33 @@ nlohmann::json LiveSession::status() const {
   return j;
 }
 
+LiveSession::Counters LiveSession::counters() const {
+  MutexLock hold(lock_);
+  Counters c;
+  c.framesSent = timeline_.framesOut();
+  c.renderedSent = timeline_.renderedOut();
+  c.framesRendered = framesRendered_;
+  c.stalls = stalls_;
+  c.respawns = respawns_;
+  c.childDeaths = childDeaths_;
+  c.utterancesSpoken = timeline_.itemsSpoken();
+  c.childPid = childPid_;
+  c.renderFps = timeline_.renderRate();
+  c.speechQueued = timeline_.queuedItems();
+  c.framesAhead = timeline_.framesAhead();
+  c.textsQueued = sayJobs_.size();
+  // Speech without a viewer never plays: it does not hold a drain up.
+  c.busy =
+      connected_ && (timeline_.queuedItems() > 0 || openStream_.has_value() || !sayJobs_.empty());
+  c.cause = ended_ ? endedCause_ : "";
+  return c;
+}
+
+void LiveSession::stopTakingSpeech() {
+  MutexLock hold(lock_);
+  takingSpeech_ = false;
+}
+
 bool LiveSession::startChild(std::unique_ptr<render::StreamChild>& child) {
   {
     MutexLock hold(lock_);
@@ -329,9 +358,10 @@ bool LiveSession::startChild(std::unique_ptr<render::StreamChild>& child) {
     command.avatar = avatar_.file;
     child = render::StreamChild::start(command);
   } catch (const std::exception& e) {
-    end(std::string("the render process did not start: ") + e.what());
+    end(std::string("the render process did not start: ") + e.what(), "render_failed");
     MutexLock hold(lock_);
     childState_ = "failed";
+    ++childDeaths_;
     return false;
   }
   MutexLock hold(lock_);
@@ -411,6 +441,7 @@ void LiveSession::renderLoop() {
           ++current.received;
           {
             MutexLock hold(lock_);
+            ++framesRendered_;
             if (current.received == 1 && sayTimes_ && sayTimes_->item == current.item &&
                 !sayTimes_->fromChild) {
               sayTimes_->fromChild = Clock::now();
@@ -443,9 +474,11 @@ void LiveSession::renderLoop() {
         const std::string tail = child->stderrTail();
         child.reset();
         if (status != 3) {
-          end("the render process ended with exit status " + std::to_string(status));
+          end("the render process ended with exit status " + std::to_string(status),
+              "render_failed");
           MutexLock hold(lock_);
           childState_ = "failed";
+          ++childDeaths_;
           childPid_ = -1;
           return;
         }

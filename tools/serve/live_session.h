@@ -39,10 +39,12 @@ namespace lumora2::serve {
 class WebRtcSender;
 
 // A request the session refuses; `status` is the HTTP status it maps to.
+// `reason` is a word for programs (the JSON error's "reason"), empty when the status says all.
 struct SessionError : std::runtime_error {
-  SessionError(int httpStatus, const std::string& message)
-      : std::runtime_error(message), status(httpStatus) {}
+  SessionError(int httpStatus, const std::string& message, std::string why = {})
+      : std::runtime_error(message), status(httpStatus), reason(std::move(why)) {}
   int status;
+  std::string reason;
 };
 
 // Where sessions write their frame traces (LUMORA2_SERVE_TRACE): one line per write, from any
@@ -102,14 +104,32 @@ class LiveSession {
       LUMORA2_EXCLUDES(lock_);
 
   // Ends the session (idempotent): the threads stop, the child is ended; the registry destroys
-  // it later. The first reason given is kept.
-  void end(const std::string& reason) LUMORA2_EXCLUDES(lock_);
+  // it later. The first reason given is kept, with its cause: one word for the metrics
+  // (deleted, viewer_left, idle, render_failed, shutdown, closed).
+  void end(const std::string& reason, const char* cause) LUMORA2_EXCLUDES(lock_);
   bool ended() const { return ended_.load(); }
   // Seconds since the last API call or spoken item.
   double idleSeconds() const LUMORA2_EXCLUDES(lock_);
   void touch() LUMORA2_EXCLUDES(lock_);
 
   nlohmann::json status() const LUMORA2_EXCLUDES(lock_);
+
+  // What the session has done so far, for the server's metrics and its admission.
+  struct Counters {
+    std::uint64_t framesSent = 0, renderedSent = 0;  // frames sent; of them, rendered pictures
+    std::uint64_t framesRendered = 0;                // frames the child has rendered
+    std::uint64_t stalls = 0, respawns = 0, childDeaths = 0;
+    std::uint64_t utterancesSpoken = 0;
+    pid_t childPid = -1;  // while a warmed-up child runs
+    double renderFps = 0;
+    std::size_t speechQueued = 0, framesAhead = 0, textsQueued = 0;
+    bool busy = false;  // has speech queued, playing, streaming or being made
+    std::string cause;  // once ended
+  };
+  Counters counters() const LUMORA2_EXCLUDES(lock_);
+
+  // The server drains: speech already taken is spoken, new speech is refused (503, "draining").
+  void stopTakingSpeech() LUMORA2_EXCLUDES(lock_);
 
  private:
   void renderLoop();
@@ -148,6 +168,10 @@ class LiveSession {
   std::optional<std::uint64_t> openStream_ LUMORA2_GUARDED_BY(lock_);
   std::size_t streamed_ LUMORA2_GUARDED_BY(lock_) = 0;  // samples in the open stream
   std::string endedReason_ LUMORA2_GUARDED_BY(lock_);
+  const char* endedCause_ LUMORA2_GUARDED_BY(lock_) = "";
+  bool takingSpeech_ LUMORA2_GUARDED_BY(lock_) = true;
+  std::uint64_t framesRendered_ LUMORA2_GUARDED_BY(lock_) = 0;
+  std::uint64_t childDeaths_ LUMORA2_GUARDED_BY(lock_) = 0;
   std::string childState_ LUMORA2_GUARDED_BY(lock_) = "warming";
   pid_t childPid_ LUMORA2_GUARDED_BY(lock_) = -1;
   std::uint64_t stalls_ LUMORA2_GUARDED_BY(lock_) = 0;

@@ -275,6 +275,7 @@ bool LiveTimeline::decide(TimePoint now) {
         utteranceSegment_ = k;
       }
       composer_.rendered(frame->second);
+      ++renderedOut_;
       segment->frames.erase(frame);
       segment->played = p + 1;
       --framesAhead_;

@@ -113,6 +113,8 @@ class LiveTimeline {
   // The next output frame into `out`; false when a rendered frame is due and not yet there.
   bool next(LiveFrame& out, TimePoint now);
   std::uint64_t framesOut() const { return framesOut_; }
+  // Of those, the ones showing a rendered picture (the rest show the idle clip).
+  std::uint64_t renderedOut() const { return renderedOut_; }
   std::uint64_t itemsSpoken() const { return itemsSpoken_; }
 
  private:
@@ -164,6 +166,7 @@ class LiveTimeline {
   double latency_ = 0;  // seconds from a segment's sound to its first frame
   double firstRendered_ = -1;
   std::uint64_t framesOut_ = 0;
+  std::uint64_t renderedOut_ = 0;
   std::uint64_t itemsSpoken_ = 0;
   // Items decided to their end whose last frames the composer may still hold back: the sound of
   // a frame handed out at composer position p is that of the item whose frames hold p.

@@ -10,12 +10,14 @@
 #include <string>
 #include <vector>
 
+#include "admission.h"
 #include "catalog.h"
 #include "client_error.h"
 #include "container/platform.h"
 #include "engine/log.h"
 #include "http_server.h"
 #include "media/webrtc_sender.h"
+#include "server_metrics.h"
 #include "session_registry.h"
 #include "stream_child.h"
 
@@ -27,24 +29,30 @@ namespace serve = lumora2::serve;
 
 constexpr const char* kUsage =
     "usage: lumora2-serve --engine vivra.model --avatars DIR [--listen 127.0.0.1:8080]\n"
-    "                     [--max-sessions N] [--token-file F] [--host PATH]\n"
-    "                     [--idle-timeout SECONDS] [--voice NAME]\n"
+    "                     [--max-sessions auto|N] [--drain-seconds S] [--token-file F]\n"
+    "                     [--host PATH] [--idle-timeout SECONDS] [--voice NAME]\n"
     "\n"
     "Serves live talking sessions of the avatars in DIR (*.avatar) to a browser: open\n"
     "http://ADDRESS:PORT/ for the page, or use the HTTP API (docs/SERVE.md). Each session runs a\n"
     "render-stream child of --host (default: the lumora2-model beside lumora2-serve). With\n"
     "--token-file, every /v1 call needs 'Authorization: Bearer <the file's first line>'.\n"
-    "--max-sessions (default 4) bounds the sessions at once; a session nobody has called for\n"
-    "--idle-timeout seconds (default 600) ends. Text is spoken with each avatar's own voice\n"
-    "(from its gender and persona), or with the espeak-ng voice --voice names.\n";
+    "A session is admitted while the machine keeps every session in real time, as measured\n"
+    "while sessions run (--max-sessions auto, the default); --max-sessions N also caps them at N.\n"
+    "GET /readyz says whether one more would be admitted, GET /metrics what the server does.\n"
+    "SIGTERM drains: no new session or speech, what was said is spoken (up to --drain-seconds,\n"
+    "default 30), then the server exits 0; a second SIGTERM ends at once. A session nobody has\n"
+    "called for --idle-timeout seconds (default 600) ends. Text is spoken with each avatar's own\n"
+    "voice (from its gender and persona), or with the espeak-ng voice --voice names.\n";
 
 struct Arguments {
   fs::path engine, avatars, host, tokenFile;
   std::string voice;
   std::string address = "127.0.0.1";
   unsigned short port = 8080;
-  std::size_t maxSessions = 4;
+  std::size_t maxSessions = 64;  // the ceiling of auto
+  bool measured = true;          // false: --max-sessions N was given
   long idleTimeout = 600;
+  long drainSeconds = 30;
 };
 
 long wholeNumber(const std::string& option, const std::string& text, long low, long high) {
@@ -77,7 +85,11 @@ Arguments parseArguments(const std::vector<std::string>& args) {
     } else if (option == "--voice") {
       a.voice = value();
     } else if (option == "--max-sessions") {
-      a.maxSessions = std::size_t(wholeNumber(option, value(), 1, 64));
+      const std::string& text = value();
+      a.measured = text == "auto";
+      a.maxSessions = a.measured ? 64 : std::size_t(wholeNumber(option, text, 1, 64));
+    } else if (option == "--drain-seconds") {
+      a.drainSeconds = wholeNumber(option, value(), 0, 3600);
     } else if (option == "--idle-timeout") {
       a.idleTimeout = wholeNumber(option, value(), 1, 86400);
     } else if (option == "--listen") {
@@ -164,18 +176,45 @@ int main(int argc, char** argv) {
     config.port = arguments.port;
     config.scratch = scratch.path();
     if (!arguments.tokenFile.empty()) config.token = readToken(arguments.tokenFile);
-    serve::SessionRegistry sessions(sessionOptions, arguments.maxSessions,
+    serve::Admission::Options admit;
+    admit.cores = serve::usableCores();
+    admit.cap = arguments.maxSessions;
+    serve::Admission admission(admit);
+    serve::ServerMetrics metrics;
+    serve::SessionRegistry sessions(sessionOptions, admission, metrics,
                                     std::chrono::seconds(arguments.idleTimeout));
-    serve::HttpServer server(config, catalog, sessions);
+    serve::HttpServer server(config, catalog, sessions, metrics);
     server.run();
-    std::printf("lumora2-serve: listening on http://%s:%u/ (%zu avatars, at most %zu sessions)\n",
-                arguments.address.c_str(), unsigned(server.port()), catalog.avatars.size(),
-                arguments.maxSessions);
+    std::printf(
+        "lumora2-serve: listening on http://%s:%u/ (%zu avatars, %s sessions, %.1f cores)\n",
+        arguments.address.c_str(), unsigned(server.port()), catalog.avatars.size(),
+        arguments.measured ? "measured"
+                           : ("at most " + std::to_string(arguments.maxSessions)).c_str(),
+        admit.cores);
     std::fflush(stdout);
 
     int signal = 0;
     sigwait(&stopSignals, &signal);
-    std::fprintf(stderr, "lumora2-serve: signal %d — ending every session\n", signal);
+    if (signal == SIGTERM && arguments.drainSeconds > 0) {
+      std::fprintf(stderr,
+                   "lumora2-serve: SIGTERM — draining: no new session, what was said is spoken "
+                   "(at most %ld s)\n",
+                   arguments.drainSeconds);
+      const timespec none{0, 0};
+      const auto started = std::chrono::steady_clock::now();
+      const serve::SessionRegistry::Drained drained =
+          sessions.drain(started + std::chrono::seconds(arguments.drainSeconds),
+                         [&] { return sigtimedwait(&stopSignals, nullptr, &none) > 0; });
+      std::fprintf(
+          stderr,
+          "lumora2-serve: %s in %.1f s (utterances spoken to their end: %llu) — ending "
+          "every session\n",
+          drained.complete ? "drained" : "drain cut short",
+          std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count(),
+          static_cast<unsigned long long>(drained.spoken));
+    } else {
+      std::fprintf(stderr, "lumora2-serve: signal %d — ending every session\n", signal);
+    }
     server.stop();
     sessions.endAll();
     return 0;

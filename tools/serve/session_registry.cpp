@@ -22,9 +22,12 @@ std::string newId() {
 
 }  // namespace
 
-SessionRegistry::SessionRegistry(SessionOptions options, std::size_t maxSessions,
-                                 std::chrono::seconds idleTimeout)
-    : options_(std::move(options)), maxSessions_(maxSessions), idleTimeout_(idleTimeout) {
+SessionRegistry::SessionRegistry(SessionOptions options, Admission& admission,
+                                 ServerMetrics& metrics, std::chrono::seconds idleTimeout)
+    : options_(std::move(options)),
+      admission_(admission),
+      metrics_(metrics),
+      idleTimeout_(idleTimeout) {
   reaper_ = std::thread([this] { reap(); });
 }
 
@@ -46,24 +49,60 @@ bool SessionRegistry::looksLikeId(const std::string& text) {
 }
 
 std::shared_ptr<LiveSession> SessionRegistry::create(const Avatar& avatar) {
+  auto admit = [this] {
+    const std::size_t active = sessions_.size();
+    const Admission::Refusal refusal = admission_.check(active);
+    if (refusal == Admission::Refusal::none) return;
+    metrics_.refused(Admission::reasonName(refusal));
+    throw SessionError(503, admission_.explain(refusal, active), Admission::reasonName(refusal));
+  };
   {
     MutexLock hold(lock_);
-    if (sessions_.size() >= maxSessions_) {
-      throw SessionError(503, "the server is full (" + std::to_string(maxSessions_) +
-                                  " sessions); try again later");
-    }
+    admit();
   }
   SessionOptions options = options_;
-  options.command.siblings = int(maxSessions_);
+  // Each child's graphs get an equal share of the cores among as many sessions as fit.
+  options.command.siblings = int(admission_.capacity());
   // Reading the idle clip takes a moment: outside the lock.
   auto session = std::make_shared<LiveSession>(newId(), avatar, std::move(options));
   MutexLock hold(lock_);
-  if (sessions_.size() >= maxSessions_) {
-    throw SessionError(
-        503, "the server is full (" + std::to_string(maxSessions_) + " sessions); try again later");
-  }
+  admit();
   sessions_.emplace(session->id(), session);
+  metrics_.admitted();
   return session;
+}
+
+Admission::Refusal SessionRegistry::readiness() const {
+  MutexLock hold(lock_);
+  return admission_.check(sessions_.size());
+}
+
+std::vector<std::shared_ptr<LiveSession>> SessionRegistry::snapshot() const {
+  std::vector<std::shared_ptr<LiveSession>> all;
+  MutexLock hold(lock_);
+  for (const auto& entry : sessions_) all.push_back(entry.second);
+  return all;
+}
+
+SessionRegistry::Drained SessionRegistry::drain(std::chrono::steady_clock::time_point deadline,
+                                                const std::function<bool()>& interrupted) {
+  admission_.startDraining();
+  std::map<std::string, std::uint64_t> spokenAtStart;
+  Drained result;
+  for (;;) {
+    bool busy = false;
+    result.spoken = 0;
+    for (const std::shared_ptr<LiveSession>& session : snapshot()) {
+      session->stopTakingSpeech();
+      const LiveSession::Counters c = session->counters();
+      const auto [at, fresh] = spokenAtStart.emplace(session->id(), c.utterancesSpoken);
+      result.spoken += c.utterancesSpoken - at->second;
+      busy = busy || (!session->ended() && c.busy);
+    }
+    result.complete = !busy;
+    if (!busy || std::chrono::steady_clock::now() >= deadline || interrupted()) return result;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
 }
 
 std::shared_ptr<LiveSession> SessionRegistry::find(const std::string& id) const {
@@ -77,7 +116,7 @@ std::shared_ptr<LiveSession> SessionRegistry::find(const std::string& id) const 
 bool SessionRegistry::remove(const std::string& id) {
   std::shared_ptr<LiveSession> session = find(id);
   if (!session) return false;
-  session->end("the session was deleted");
+  session->end("the session was deleted", "deleted");
   wake_.notify_all();
   return true;
 }
@@ -104,23 +143,24 @@ void SessionRegistry::endAll() {
     MutexLock hold(lock_);
     all.swap(sessions_);
   }
-  for (auto& [id, session] : all) session->end("the server is shutting down");
+  for (auto& [id, session] : all) session->end("the server is shutting down", "shutdown");
   all.clear();  // each destructor joins its threads and ends its child
 }
 
 void SessionRegistry::reap() {
   using Clock = std::chrono::steady_clock;
   Clock::time_point nextTrim = Clock::now();
+  Clock::time_point nextLook = Clock::now();
   for (;;) {
     std::vector<std::shared_ptr<LiveSession>> done;
     {
       MutexLock hold(lock_);
       if (stopping_) return;
-      wake_.wait_for(lock_, std::chrono::milliseconds(500));
+      wake_.wait_for(lock_, std::chrono::milliseconds(250));
       for (auto it = sessions_.begin(); it != sessions_.end();) {
         LiveSession& s = *it->second;
         if (!s.ended() && s.idleSeconds() > double(idleTimeout_.count())) {
-          s.end("the session was idle for " + std::to_string(idleTimeout_.count()) + " s");
+          s.end("the session was idle for " + std::to_string(idleTimeout_.count()) + " s", "idle");
         }
         if (s.ended()) {
           endedReasons_[it->first] = s.status().value("ended_reason", "");
@@ -136,6 +176,10 @@ void SessionRegistry::reap() {
         }
       }
     }
+    if (!done.empty() || Clock::now() >= nextLook) {
+      observe(snapshot(), done);
+      nextLook = Clock::now() + std::chrono::seconds(1);
+    }
     done.clear();  // destroyed outside the lock
     // Pictures and frame records (0.4 to 0.9 MB) are made on one thread and freed on another for
     // every frame of every session; glibc keeps the freed pieces in its heaps, scattered, and the
@@ -147,6 +191,91 @@ void SessionRegistry::reap() {
       nextTrim = Clock::now() + std::chrono::seconds(5);
     }
   }
+}
+
+}  // namespace lumora2::serve
+
+namespace lumora2::serve {
+
+void SessionRegistry::observe(const std::vector<std::shared_ptr<LiveSession>>& live,
+                              const std::vector<std::shared_ptr<LiveSession>>& ended) {
+  ServerMetrics::Gauges gauges;
+  std::uint64_t framesSent = 0, framesRendered = 0;
+  bool childMeasured = false;  // some child was looked at twice while it rendered
+  double slowest = 0;
+  auto look = [&](LiveSession& session, bool last) {
+    const LiveSession::Counters c = session.counters();
+    Seen& seen = seen_[session.id()];
+    const LiveSession::Counters& was = seen.counters;
+    const std::uint64_t sent = c.framesSent - was.framesSent;
+    const std::uint64_t rendered = c.renderedSent - was.renderedSent;
+    metrics_.framesSent(sent - std::min(sent, rendered), rendered);
+    metrics_.framesRendered(c.framesRendered - was.framesRendered);
+    metrics_.stalls(c.stalls - was.stalls);
+    metrics_.respawns(c.respawns - was.respawns);
+    metrics_.childDeaths(c.childDeaths - was.childDeaths);
+    framesSent += sent;
+    // A child's processor time counts from its second look on: its warm-up is not rendering.
+    const std::optional<ProcessUsage> child = processUsage(c.childPid);
+    if (child && c.childPid == was.childPid && seen.childCpu >= 0) {
+      childCpuSpan_ += std::max(0.0, child->cpuSeconds - seen.childCpu);
+      framesRendered += c.framesRendered - was.framesRendered;
+      childMeasured = true;
+    }
+    seen.childCpu = child ? child->cpuSeconds : -1;
+    seen.counters = c;
+    if (last) {
+      metrics_.ended(c.cause.empty() ? "closed" : c.cause);
+      seen_.erase(session.id());
+      return;
+    }
+    if (child) gauges.childrenBytes += child->residentBytes;
+    if (c.renderFps > 0 && (slowest == 0 || c.renderFps < slowest)) slowest = c.renderFps;
+    gauges.speechQueued += c.speechQueued;
+    gauges.framesAhead += c.framesAhead;
+    gauges.textsQueued += c.textsQueued;
+  };
+  for (const auto& session : live) look(*session, false);
+  for (const auto& session : ended) look(*session, true);
+
+  // Spans with nothing rendered (or sent) are left out: idle processor time is not a frame's.
+  if (childMeasured && framesRendered > 0) {
+    childFramesSpan_ += framesRendered;
+    if (childFramesSpan_ >= admission_.options().minFrames) {
+      admission_.childSample(childCpuSpan_, childFramesSpan_);
+      childCpuSpan_ = 0;
+      childFramesSpan_ = 0;
+    }
+  } else {
+    childCpuSpan_ = 0;
+    childFramesSpan_ = 0;
+  }
+  if (const std::optional<ProcessUsage> self = processUsage(0)) {
+    if (serverCpu_ >= 0 && framesSent > 0) {
+      serverCpuSpan_ += std::max(0.0, self->cpuSeconds - serverCpu_);
+      serverFramesSpan_ += framesSent;
+      if (serverFramesSpan_ >= admission_.options().minFrames) {
+        admission_.serverSample(serverCpuSpan_, serverFramesSpan_);
+        serverCpuSpan_ = 0;
+        serverFramesSpan_ = 0;
+      }
+    } else {
+      serverCpuSpan_ = 0;
+      serverFramesSpan_ = 0;
+    }
+    serverCpu_ = self->cpuSeconds;
+    gauges.serverBytes = self->residentBytes;
+  }
+  admission_.renderSpeed(slowest);
+
+  const Admission::Estimate estimate = admission_.estimate();
+  gauges.active = live.size();
+  gauges.capacity = admission_.capacity();
+  gauges.renderFps = slowest;
+  gauges.childMsPerFrame = estimate.childMs;
+  gauges.serverMsPerFrame = estimate.serverMs;
+  gauges.draining = admission_.draining();
+  metrics_.set(gauges);
 }
 
 }  // namespace lumora2::serve

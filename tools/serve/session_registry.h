@@ -1,29 +1,34 @@
 // SessionRegistry: the server's live sessions by id. Ids are 128 random bits in hex, so a caller
-// can reach only the sessions it was told about. A reaper thread destroys sessions that have
-// ended (their peer went away, their child died, DELETE) or been idle too long, outside the
-// registry's lock, so that ending one session never holds up another or a request.
+// can reach only the sessions it was told about. New sessions pass the server's Admission first.
+// A reaper thread destroys sessions that have ended (their peer went away, their child died,
+// DELETE) or been idle too long, outside the registry's lock, so that ending one session never
+// holds up another or a request; once a second it also looks at every session's counters and
+// processes, for the metrics and for the admission's measurements.
 #pragma once
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "admission.h"
 #include "engine/thread_annotations.h"
 #include "live_session.h"
+#include "server_metrics.h"
 
 namespace lumora2::serve {
 
 class SessionRegistry {
  public:
-  SessionRegistry(SessionOptions options, std::size_t maxSessions,
+  SessionRegistry(SessionOptions options, Admission& admission, ServerMetrics& metrics,
                   std::chrono::seconds idleTimeout);
   ~SessionRegistry();  // ends every session and waits for them
 
-  // Throws SessionError 503 when the server holds maxSessions already.
+  // Throws SessionError 503 (with the refusal's reason) when the admission refuses a session.
   std::shared_ptr<LiveSession> create(const Avatar& avatar) LUMORA2_EXCLUDES(lock_);
   // The live session with that id, or null (unknown, ended, or not an id at all).
   std::shared_ptr<LiveSession> find(const std::string& id) const LUMORA2_EXCLUDES(lock_);
@@ -33,24 +38,53 @@ class SessionRegistry {
   // Ends the session; false when there is none of that id.
   bool remove(const std::string& id) LUMORA2_EXCLUDES(lock_);
   std::size_t size() const LUMORA2_EXCLUDES(lock_);
-  std::size_t maxSessions() const { return maxSessions_; }
   // Ends every session and waits until each is destroyed.
   void endAll() LUMORA2_EXCLUDES(lock_);
+
+  // Whether a session may start now, and why not.
+  Admission::Refusal readiness() const LUMORA2_EXCLUDES(lock_);
+  std::size_t capacity() const { return admission_.capacity(); }
+
+  // Stops admitting and taking new speech, then waits until every session with a viewer has
+  // spoken what it had taken, or `deadline` passed, or `interrupted()` said so.
+  struct Drained {
+    bool complete = false;     // nothing was left unspoken
+    std::uint64_t spoken = 0;  // utterances that finished while it waited
+  };
+  Drained drain(std::chrono::steady_clock::time_point deadline,
+                const std::function<bool()>& interrupted) LUMORA2_EXCLUDES(lock_);
 
   static bool looksLikeId(const std::string& text);
 
  private:
   void reap();
+  // What the sessions did since the last look (the reaper thread's own state below).
+  void observe(const std::vector<std::shared_ptr<LiveSession>>& live,
+               const std::vector<std::shared_ptr<LiveSession>>& ended);
+  std::vector<std::shared_ptr<LiveSession>> snapshot() const LUMORA2_EXCLUDES(lock_);
 
   const SessionOptions options_;
-  const std::size_t maxSessions_;
+  Admission& admission_;
+  ServerMetrics& metrics_;
   const std::chrono::seconds idleTimeout_;
-  mutable Mutex lock_;  // guards sessions_ and stopping_
+  mutable Mutex lock_;  // guards sessions_, stopping_ and the ended reasons
   std::condition_variable_any wake_;
   std::map<std::string, std::shared_ptr<LiveSession>> sessions_ LUMORA2_GUARDED_BY(lock_);
   bool stopping_ LUMORA2_GUARDED_BY(lock_) = false;
   std::map<std::string, std::string> endedReasons_ LUMORA2_GUARDED_BY(lock_);
   std::vector<std::string> endedOrder_ LUMORA2_GUARDED_BY(lock_);
+
+  // The reaper thread's alone: each session's counters and child at the last look, and the
+  // processor time and frames gathered towards the next measurement.
+  struct Seen {
+    LiveSession::Counters counters;
+    double childCpu = -1;  // of counters.childPid; negative before the first look at it
+  };
+  std::map<std::string, Seen> seen_;
+  double serverCpu_ = -1;
+  double childCpuSpan_ = 0, serverCpuSpan_ = 0;
+  std::uint64_t childFramesSpan_ = 0, serverFramesSpan_ = 0;
+
   std::thread reaper_;
 };
 
