@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -129,6 +130,13 @@ std::unique_ptr<StreamChild> StreamChild::start(const Command& command) {
   posix_spawn_file_actions_destroy(&actions);
   if (rc != 0) {
     throw ClientError("cannot start " + command.host.string() + ": " + std::strerror(rc));
+  }
+  // Before the child has loaded its graphs and started its threads, which inherit the value.
+  // A failure leaves the child at its parent's priority, which only costs the parent time.
+  if (command.niceness > 0) {
+    errno = 0;
+    const int own = ::getpriority(PRIO_PROCESS, 0);
+    if (errno == 0) ::setpriority(PRIO_PROCESS, id_t(pid), std::min(19, own + command.niceness));
   }
 
   // The child's ends belong to the child alone: the stderr reader sees the end of the stream when

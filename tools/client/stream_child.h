@@ -41,6 +41,10 @@ class StreamChild {
     // Children this parent runs at once: each child's graphs get an equal share of the cores
     // (OMP_NUM_THREADS), unless the parent's own environment sets OMP_NUM_THREADS.
     int siblings = 1;
+    // Added to the child's nice value (a lower priority than its parent's), 0 to 19. A parent
+    // that must keep time (the live server's encoding and pacing) yields to children that
+    // render ahead of it.
+    int niceness = 0;
   };
 
   // The lumora2-model beside the running executable (the parents are installed beside it).

@@ -275,6 +275,14 @@ void LiveSession::voiceLoop() {
 }
 
 nlohmann::json LiveSession::status() const {
+  // The sender's statistics are read outside the session's lock: the sender delivers its events,
+  // which take that lock, while holding its own.
+  std::shared_ptr<WebRtcSender> sender;
+  {
+    MutexLock hold(lock_);
+    sender = sender_;
+  }
+  const std::uint64_t behind = sender ? sender->stats().framesBehind : 0;
   MutexLock hold(lock_);
   nlohmann::json j;
   j["id"] = id_;
@@ -285,6 +293,7 @@ nlohmann::json LiveSession::status() const {
   j["connected"] = connected_;
   j["frames_sent"] = timeline_.framesOut();
   j["stalls"] = stalls_;
+  j["frames_behind"] = behind;
   j["stalled_seconds"] = stalledSeconds_;
   j["utterances_queued"] = timeline_.queuedItems();
   j["utterances_spoken"] = timeline_.itemsSpoken();
@@ -321,8 +330,14 @@ nlohmann::json LiveSession::status() const {
 }
 
 LiveSession::Counters LiveSession::counters() const {
-  MutexLock hold(lock_);
   Counters c;
+  std::shared_ptr<WebRtcSender> sender;
+  {
+    MutexLock hold(lock_);
+    sender = sender_;
+  }
+  if (sender) c.framesBehind = sender->stats().framesBehind;  // outside the lock, as in status()
+  MutexLock hold(lock_);
   c.framesSent = timeline_.framesOut();
   c.renderedSent = timeline_.renderedOut();
   c.framesRendered = framesRendered_;

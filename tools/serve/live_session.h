@@ -117,7 +117,8 @@ class LiveSession {
   // What the session has done so far, for the server's metrics and its admission.
   struct Counters {
     std::uint64_t framesSent = 0, renderedSent = 0;  // frames sent; of them, rendered pictures
-    std::uint64_t framesRendered = 0;                // frames the child has rendered
+    std::uint64_t framesBehind = 0;    // pictures the encoder, behind, never saw (a stutter)
+    std::uint64_t framesRendered = 0;  // frames the child has rendered
     std::uint64_t stalls = 0, respawns = 0, childDeaths = 0;
     std::uint64_t utterancesSpoken = 0;
     pid_t childPid = -1;  // while a warmed-up child runs

@@ -168,6 +168,9 @@ int main(int argc, char** argv) {
     serve::SessionOptions sessionOptions;
     sessionOptions.command.host = arguments.host;
     sessionOptions.command.engine = arguments.engine;
+    // Children render ahead of the clock (their frames wait in the timeline); the server's
+    // encoding and pacing keep it and must not queue behind them for the processor.
+    sessionOptions.command.niceness = 5;
     if (const char* trace = std::getenv("LUMORA2_SERVE_TRACE"); trace != nullptr && *trace) {
       sessionOptions.trace = std::make_shared<serve::TraceFile>(trace);
     }

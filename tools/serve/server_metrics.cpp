@@ -48,6 +48,9 @@ struct ServerMetrics::Impl {
       counter("lumora2_frames_rendered_total", "Frames the render children rendered");
   prometheus::Counter& stalls =
       counter("lumora2_stalls_total", "Times a session's output waited for a rendered frame");
+  prometheus::Counter& behind =
+      counter("lumora2_frames_behind_total",
+              "Pictures dropped before the video encoder because it fell behind (a stutter)");
   prometheus::Counter& respawns =
       counter("lumora2_child_respawns_total", "Render children replaced at their own request");
   prometheus::Counter& deaths =
@@ -103,6 +106,7 @@ void ServerMetrics::framesRendered(std::uint64_t count) {
   impl_->rendered.Increment(double(count));
 }
 void ServerMetrics::stalls(std::uint64_t count) { impl_->stalls.Increment(double(count)); }
+void ServerMetrics::framesBehind(std::uint64_t count) { impl_->behind.Increment(double(count)); }
 void ServerMetrics::respawns(std::uint64_t count) { impl_->respawns.Increment(double(count)); }
 void ServerMetrics::childDeaths(std::uint64_t count) { impl_->deaths.Increment(double(count)); }
 

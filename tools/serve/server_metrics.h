@@ -25,6 +25,7 @@ class ServerMetrics {
   void framesSent(std::uint64_t idle, std::uint64_t rendered);
   void framesRendered(std::uint64_t count);  // frames the children rendered
   void stalls(std::uint64_t count);
+  void framesBehind(std::uint64_t count);  // pictures the video encoder dropped, behind
   void respawns(std::uint64_t count);
   void childDeaths(std::uint64_t count);
 

@@ -202,16 +202,22 @@ void SessionRegistry::observe(const std::vector<std::shared_ptr<LiveSession>>& l
   ServerMetrics::Gauges gauges;
   std::uint64_t framesSent = 0, framesRendered = 0;
   bool childMeasured = false;  // some child was looked at twice while it rendered
+  // A session that appeared, began sending or ended since the last look: this span's server time
+  // holds one-off costs (its viewer's connection, the encoder's start), not a frame's.
+  bool settled = ended.empty();
   double slowest = 0;
   auto look = [&](LiveSession& session, bool last) {
     const LiveSession::Counters c = session.counters();
-    Seen& seen = seen_[session.id()];
+    const auto [at, first] = seen_.try_emplace(session.id());
+    Seen& seen = at->second;
+    if (first || (seen.counters.framesSent == 0 && c.framesSent > 0)) settled = false;
     const LiveSession::Counters& was = seen.counters;
     const std::uint64_t sent = c.framesSent - was.framesSent;
     const std::uint64_t rendered = c.renderedSent - was.renderedSent;
     metrics_.framesSent(sent - std::min(sent, rendered), rendered);
     metrics_.framesRendered(c.framesRendered - was.framesRendered);
     metrics_.stalls(c.stalls - was.stalls);
+    metrics_.framesBehind(c.framesBehind - was.framesBehind);
     metrics_.respawns(c.respawns - was.respawns);
     metrics_.childDeaths(c.childDeaths - was.childDeaths);
     framesSent += sent;
@@ -251,7 +257,7 @@ void SessionRegistry::observe(const std::vector<std::shared_ptr<LiveSession>>& l
     childFramesSpan_ = 0;
   }
   if (const std::optional<ProcessUsage> self = processUsage(0)) {
-    if (serverCpu_ >= 0 && framesSent > 0) {
+    if (serverCpu_ >= 0 && framesSent > 0 && settled) {
       serverCpuSpan_ += std::max(0.0, self->cpuSeconds - serverCpu_);
       serverFramesSpan_ += framesSent;
       if (serverFramesSpan_ >= admission_.options().minFrames) {

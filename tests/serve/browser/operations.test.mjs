@@ -186,8 +186,9 @@ async function main() {
     const after = await Promise.all(viewers.map((v) => v.frames()));
     const statuses = await Promise.all(viewers.map((v) => v.status()));
     const sentFps = statuses.map((s, i) => ((s.frames_sent - sentBefore[i].frames_sent) / 15).toFixed(1));
-    check(statuses.every((s) => s.stalls === 0 && s.speaking), 'every admitted session speaks without a stall',
-      statuses.map((s) => `stalls ${s.stalls} speaking ${s.speaking}`).join(', '));
+    check(statuses.every((s) => s.stalls === 0 && s.frames_behind === 0 && s.speaking),
+      'every admitted session speaks without a stall or a dropped picture',
+      statuses.map((s, i) => `stalls ${s.stalls} behind ${sentBefore[i].frames_behind}->${s.frames_behind} speaking ${s.speaking}`).join(', '));
     const fps = after.map((a, i) => (a - before[i]) / 15);
     check(fps.every((f) => f > 17), 'every page receives about 20 frames a second',
       `received ${fps.map((f) => f.toFixed(1)).join(', ')}; sent ${sentFps.join(', ')}`);
@@ -207,7 +208,8 @@ async function main() {
     check(m['lumora2_sessions_refused_total{reason="capacity"}'] === 1, 'the refusal counted by its reason');
     check(Math.abs(sent - counted) <= 30 * viewers.length && m['lumora2_frames_sent_total{source="rendered"}'] > 200,
       'frames sent counted, idle and rendered', `${counted} counted, ${sent} in the statuses`);
-    check(m.lumora2_stalls_total === 0 && m.lumora2_child_deaths_total === 0, 'no stall and no child death counted');
+    check(m.lumora2_stalls_total === 0 && m.lumora2_frames_behind_total === 0 && m.lumora2_child_deaths_total === 0,
+      'no stall, dropped picture or child death counted');
     check(m.lumora2_frames_rendered_total >= m['lumora2_frames_sent_total{source="rendered"}'], 'frames rendered counted');
     check(m.lumora2_render_fps > 20 && m.lumora2_child_cpu_ms_per_frame > 0 && m.lumora2_server_cpu_ms_per_frame > 0,
       'rendering speed and costs per frame measured',

@@ -102,6 +102,7 @@ struct WebRtcSender::Impl {
   bool closing = false;                     // destruction began: no more events
   GstClockTime base = GST_CLOCK_TIME_NONE;  // running time at connection
   std::uint64_t pushed = 0, dropped = 0;
+  std::atomic<std::uint64_t> behind{0};  // the video queue's overruns: one picture dropped each
 
   ~Impl() {
     {
@@ -216,7 +217,7 @@ std::unique_ptr<WebRtcSender> WebRtcSender::create(const std::string& offerSdp,
       "caps=video/x-raw,format=I420,width=" +
       std::to_string(options.width) + ",height=" + std::to_string(options.height) +
       ",framerate=" + std::to_string(options.fps) +
-      "/1 ! queue max-size-buffers=4 leaky=downstream ! "
+      "/1 ! queue name=vqueue max-size-buffers=10 leaky=downstream ! "
       "x264enc tune=zerolatency speed-preset=ultrafast key-int-max=" +
       std::to_string(options.fps * 2) +
       " bitrate=1500 threads=1 trellis=false ! video/x-h264,profile=constrained-baseline ! "
@@ -255,6 +256,15 @@ std::unique_ptr<WebRtcSender> WebRtcSender::create(const std::string& offerSdp,
   g_value_unset(&item);
   gst_iterator_free(pads);
 
+  // The encoder's queue drops its oldest picture when the encoder falls behind; each drop
+  // follows an overrun, counted so that a stutter is never silent.
+  if (GstElement* queue = gst_bin_get_by_name(GST_BIN(impl->pipeline), "vqueue")) {
+    g_signal_connect(queue, "overrun", G_CALLBACK(+[](GstElement*, gpointer data) {
+                       ++static_cast<WebRtcSender::Impl*>(data)->behind;
+                     }),
+                     impl.get());
+    gst_object_unref(queue);
+  }
   GstBus* bus = gst_element_get_bus(impl->pipeline);
   gst_bus_set_sync_handler(bus, onBusMessage, impl.get(), nullptr);
   gst_object_unref(bus);
@@ -366,7 +376,7 @@ void WebRtcSender::push(std::chrono::nanoseconds pts, const std::uint8_t* i420,
 
 SenderStats WebRtcSender::stats() const {
   std::lock_guard hold(impl_->lock);
-  return SenderStats{impl_->pushed, impl_->dropped, impl_->connected};
+  return SenderStats{impl_->pushed, impl_->dropped, impl_->behind.load(), impl_->connected};
 }
 
 }  // namespace lumora2::serve

@@ -27,6 +27,9 @@ void initMedia();
 struct SenderStats {
   std::uint64_t framesPushed = 0;   // accepted while connected
   std::uint64_t framesDropped = 0;  // pushed before the peer was connected
+  // Pictures dropped before the video encoder because it fell behind (the processor was taken
+  // by something else): the viewer sees a stutter. Their sound is still played.
+  std::uint64_t framesBehind = 0;
   bool connected = false;
 };
 
