@@ -7,7 +7,7 @@
 // browser's getStats), speech to its first frame (the session's status), and resident memory of
 // the server and its children (/metrics, the sessions' status, and /proc when it started the server).
 //
-// node bench/serve_load.mjs (--url URL | --build DIR [--max-sessions auto|N])
+// node bench/serve_load.mjs (--url URL | --build DIR [--max-sessions auto|N] [--server-cpus LIST])
 //                           [--cap 12] [--settle 20] [--utterance 4] [--minutes 10]
 import { spawn, spawnSync } from 'node:child_process';
 import { mkdtempSync, readFileSync, rmSync } from 'node:fs';
@@ -37,8 +37,12 @@ if (!base) {
   family = mkdtempSync(join(tmpdir(), 'lumora2-bench-load-'));
   const made = spawnSync(bin('tools/family/lumora2-family'), ['--out', family, '--host', bin('host/lumora2-model')], { stdio: 'ignore' });
   if (made.status !== 0) throw new Error('lumora2-family failed');
-  server = spawn(bin('host/lumora2-serve'), ['--engine', join(family, 'vivra.model'), '--avatars', family,
-    '--listen', '127.0.0.1:0', '--max-sessions', opt['max-sessions']], { stdio: ['ignore', 'pipe', 'inherit'] });
+  // With --server-cpus the server and its children keep those processors to themselves (the
+  // viewers run elsewhere, as they would in use): its measured capacity is for those alone.
+  const command = [bin('host/lumora2-serve'), '--engine', join(family, 'vivra.model'), '--avatars', family,
+    '--listen', '127.0.0.1:0', '--max-sessions', opt['max-sessions']];
+  if (opt['server-cpus']) command.unshift('taskset', '-c', opt['server-cpus']);
+  server = spawn(command[0], command.slice(1), { stdio: ['ignore', 'pipe', 'inherit'] });
   base = await new Promise((resolve, reject) => {
     let out = '';
     const timer = setTimeout(() => reject(new Error('lumora2-serve did not start in 20 s')), 20000);
@@ -127,6 +131,11 @@ try {
   const pcm = Array.from(bursts(Number(opt.utterance)));
   while (sessions.length < cap && Date.now() < deadline) {
     const avatar = avatars[sessions.length % avatars.length].code;
+    // The server measures what its sessions cost as they speak: a refusal counts once /readyz has
+    // said full for 10 s on end (a balancer would have sent the session elsewhere meanwhile).
+    if (sessions.length > 0) {
+      await until(async () => (await call(base + '/readyz').catch(() => ({}))).status === 200, 10000).catch(() => {});
+    }
     const asked = Date.now();
     // An overloaded server may not answer at all: that ends the admissions as a refusal would.
     const made = await call(base + '/v1/sessions', { method: 'POST', json: { avatar }, ms: 30000 })

@@ -244,15 +244,16 @@ void SessionRegistry::observe(const std::vector<std::shared_ptr<LiveSession>>& l
   for (const auto& session : live) look(*session, false);
   for (const auto& session : ended) look(*session, true);
 
-  // Spans with nothing rendered (or sent) are left out: idle processor time is not a frame's.
-  if (childMeasured && framesRendered > 0) {
-    childFramesSpan_ += framesRendered;
-    if (childFramesSpan_ >= admission_.options().minFrames) {
-      admission_.childSample(childCpuSpan_, childFramesSpan_);
-      childCpuSpan_ = 0;
-      childFramesSpan_ = 0;
-    }
-  } else {
+  // Children render in bursts (a chunk of streamed speech at a time), so a span goes on over
+  // looks with nothing rendered; ten such looks in a row end it: idle time is not a frame's.
+  childIdleLooks_ = childMeasured && framesRendered > 0 ? 0 : childIdleLooks_ + 1;
+  if (childIdleLooks_ > 10) {
+    childCpuSpan_ = 0;
+    childFramesSpan_ = 0;
+  }
+  childFramesSpan_ += framesRendered;
+  if (childFramesSpan_ >= admission_.options().minFrames) {
+    admission_.childSample(childCpuSpan_, childFramesSpan_);
     childCpuSpan_ = 0;
     childFramesSpan_ = 0;
   }

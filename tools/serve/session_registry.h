@@ -84,6 +84,7 @@ class SessionRegistry {
   double serverCpu_ = -1;
   double childCpuSpan_ = 0, serverCpuSpan_ = 0;
   std::uint64_t childFramesSpan_ = 0, serverFramesSpan_ = 0;
+  int childIdleLooks_ = 0;  // looks in a row in which no child rendered
 
   std::thread reaper_;
 };
