@@ -13,7 +13,7 @@ import { spawn, spawnSync } from 'node:child_process';
 import { mkdtempSync, readFileSync, rmSync } from 'node:fs';
 import { tmpdir, cpus, loadavg } from 'node:os';
 import { join } from 'node:path';
-import { bursts, call, fps, inbound, launchBrowser, playwright, receive, sleep, until } from '../tests/serve/router/viewer.mjs';
+import { bursts, call, fps, inbound, launchBrowser, playwright, receive, sleep, until } from '../tests/serve/browser/viewer.mjs';
 
 const opt = { cap: '12', settle: '20', utterance: '4', minutes: '10', 'max-sessions': 'auto' };
 for (let i = 2; i < process.argv.length; i += 2) opt[process.argv[i].replace(/^--/, '')] = process.argv[i + 1];

@@ -11,7 +11,7 @@
 // node router_session.mjs --router URL --replicas URL,URL --pids PID,PID --admin SOCKET
 import { readFileSync, readdirSync, readlinkSync } from 'node:fs';
 import { connect } from 'node:net';
-import { call, fps, inbound, launchBrowser, sleep, until, wav } from './viewer.mjs';
+import { call, fps, inbound, launchBrowser, sleep, until, wav } from '../browser/viewer.mjs';
 
 const opt = {};
 for (let i = 2; i < process.argv.length; i += 2) opt[process.argv[i].replace(/^--/, '')] = process.argv[i + 1];

@@ -1,9 +1,9 @@
 // Viewers of lumora2-serve sessions in Debian's chromium (driven by playwright-core), shared by the
-// router test and bench/serve_load.mjs: the browser, JSON calls with a time limit, a page that
+// browser tests, the router test and bench/serve_load.mjs: the browser, JSON calls with a time limit, a page that
 // receives a session over WebRTC, the browser's receive figures, and speech to send.
 import { createRequire } from 'node:module';
 
-const CHROMIUM = '/usr/bin/chromium';
+export const CHROMIUM = '/usr/bin/chromium';
 const CHROMIUM_ARGS = ['--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
   '--disable-background-networking', '--disable-component-update', '--disable-sync',
   '--allow-loopback-in-peer-connection', '--disable-features=WebRtcHideLocalIpsWithMdns',
