@@ -8,8 +8,6 @@
 #include <cstdint>
 #include <vector>
 
-struct SwsContext;
-
 namespace lumora2::render {
 
 struct Picture {
@@ -26,16 +24,14 @@ struct Picture {
   const std::uint8_t* v() const { return bytes.data() + lumaBytes() * 5 / 4; }
 };
 
-// Converts packed 8-bit pictures (R, G, B or B, G, R, A) of one size into Pictures, with exact
-// rounding and full chroma precision (the converter's fast paths truncate, which darkens every
-// picture by about one luma level).
+// Converts packed 8-bit pictures (R, G, B or B, G, R, A) of one even size into Pictures, with
+// exact rounding: every luma byte is the nearest level to its pixel's colour, every chroma byte the
+// nearest to the mean colour of its 2 x 2 block (truncating instead would darken every picture by
+// about one luma level). Throws ClientError for an odd or empty size.
 class PictureConverter {
  public:
   enum class Layout { rgb24, bgra };
   PictureConverter(int width, int height, Layout layout);
-  ~PictureConverter();
-  PictureConverter(const PictureConverter&) = delete;
-  PictureConverter& operator=(const PictureConverter&) = delete;
 
   // `stride` bytes per source row; 0 means tightly packed.
   void convert(const std::uint8_t* packed, Picture& out, std::size_t stride = 0);
@@ -43,7 +39,6 @@ class PictureConverter {
  private:
   int width_, height_;
   Layout layout_;
-  SwsContext* sws_ = nullptr;
 };
 
 // How far apart two pictures of one size look, per byte: the larger of the mean absolute
