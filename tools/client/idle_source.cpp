@@ -67,9 +67,21 @@ std::pair<int, int> declaredSize(const std::filesystem::path& clip) {
   return size;
 }
 
+// A picture's thumbnail over the cells that move in the clip.
+IdleSource::Likeness likenessOf(const std::vector<std::size_t>& moving, const Picture& picture) {
+  const std::vector<std::uint8_t> t = thumbnail(picture);
+  IdleSource::Likeness out;
+  out.reserve(moving.size());
+  for (std::size_t c : moving) out.push_back(c < t.size() ? t[c] : 0);
+  return out;
+}
+
 }  // namespace
 
-IdleSource::IdleSource(const std::filesystem::path& avatar, int width, int height) {
+std::shared_ptr<const IdleSource::Clip> IdleSource::read(const std::filesystem::path& avatar,
+                                                         int width, int height) {
+  auto shared = std::make_shared<Clip>();
+  Clip& out = *shared;
   // The clip is read whole here, so its extracted copy lives only as long as this constructor.
   ScratchDir scratch("lumora2-render-idle-");
   signal_cleanup::setIdleClip(scratch.path() / kClipName, scratch.path());
@@ -82,72 +94,77 @@ IdleSource::IdleSource(const std::filesystem::path& avatar, int width, int heigh
   if (!clip) throw ClientError("the idle clip of " + avatar.string() + ": " + why.value_or("?"));
 
   PictureConverter converter(width, height, PictureConverter::Layout::bgra);
-  while (frames_.size() < kMaxFrames) {
+  while (out.frames.size() < kMaxFrames) {
     std::optional<PixelBuffer> bgra = clip->next();
     if (clip->wraps() > 0) break;
     if (!bgra || !bgra->bytes) continue;  // an unusable picture is left out
-    converter.convert(bgra->bytes->data(), frames_.emplace_back(width, height), bgra->stride);
+    converter.convert(bgra->bytes->data(), out.frames.emplace_back(width, height), bgra->stride);
   }
-  if (frames_.empty()) throw ClientError("the idle clip of " + avatar.string() + " has no frame");
+  if (out.frames.empty())
+    throw ClientError("the idle clip of " + avatar.string() + " has no frame");
 
   // The moving parts: thumbnail cells whose level changes by kMovingLevels or more across the
   // clip. A clip that hardly moves is compared everywhere.
   constexpr int kMovingLevels = 4;
   std::vector<std::vector<std::uint8_t>> thumbs;
-  for (const Picture& f : frames_) thumbs.push_back(thumbnail(f));
+  for (const Picture& f : out.frames) thumbs.push_back(thumbnail(f));
   const std::size_t cells = thumbs.front().size();
-  for (std::size_t c = 0; c < cells; ++c) {
+  for (std::size_t cell = 0; cell < cells; ++cell) {
     int lo = 255, hi = 0;
     for (const auto& t : thumbs) {
-      lo = std::min<int>(lo, t[c]);
-      hi = std::max<int>(hi, t[c]);
+      lo = std::min<int>(lo, t[cell]);
+      hi = std::max<int>(hi, t[cell]);
     }
-    if (hi - lo >= kMovingLevels) moving_.push_back(c);
+    if (hi - lo >= kMovingLevels) out.moving.push_back(cell);
   }
-  if (moving_.size() * 100 < cells) {
-    moving_.clear();
-    for (std::size_t c = 0; c < cells; ++c) moving_.push_back(c);
+  if (out.moving.size() * 100 < cells) {
+    out.moving.clear();
+    for (std::size_t cell = 0; cell < cells; ++cell) out.moving.push_back(cell);
   }
-  for (const Picture& f : frames_) likenesses_.push_back(likeness(f));
+  for (const Picture& f : out.frames) out.likenesses.push_back(likenessOf(out.moving, f));
 
-  const std::size_t n = frames_.size();
-  distances_.assign(n * n, 0.0);
+  const std::size_t n = out.frames.size();
+  out.distances.assign(n * n, 0.0);
   for (std::size_t a = 0; a < n; ++a) {
     for (std::size_t b = a + 1; b < n; ++b) {
-      distances_[a * n + b] = distances_[b * n + a] =
-          thumbnailDistance(likenesses_[a], likenesses_[b]);
+      out.distances[a * n + b] = out.distances[b * n + a] =
+          thumbnailDistance(out.likenesses[a], out.likenesses[b]);
     }
   }
   for (std::size_t a = 0; a < n; ++a) {
-    largestNaturalStep_ = std::max(largestNaturalStep_, distance(a, a + 1));
+    out.largestNaturalStep = std::max(out.largestNaturalStep, out.distances[a * n + (a + 1) % n]);
   }
+  return shared;
+}
+
+IdleSource::IdleSource(const std::filesystem::path& avatar, int width, int height)
+    : IdleSource(read(avatar, width, height)) {}
+
+IdleSource::IdleSource(std::shared_ptr<const Clip> clip) : clip_(std::move(clip)) {
+  if (!clip_ || clip_->frames.empty()) throw ClientError("an idle clip without frames");
 }
 
 IdleSource::~IdleSource() = default;
 
 const Picture& IdleSource::next() {
-  const Picture& f = frames_[cursor_];
-  cursor_ = (cursor_ + 1) % frames_.size();
+  const Picture& f = clip_->frames[cursor_];
+  cursor_ = (cursor_ + 1) % clip_->frames.size();
   return f;
 }
 
 IdleSource::Likeness IdleSource::likeness(const Picture& picture) const {
-  const std::vector<std::uint8_t> t = thumbnail(picture);
-  Likeness out;
-  out.reserve(moving_.size());
-  for (std::size_t c : moving_) out.push_back(c < t.size() ? t[c] : 0);
-  return out;
+  return likenessOf(clip_->moving, picture);
 }
 
 double IdleSource::distance(const Likeness& picture, std::size_t index) const {
-  return thumbnailDistance(picture, likenesses_[index % frames_.size()]);
+  return thumbnailDistance(picture, clip_->likenesses[index % clip_->frames.size()]);
 }
 
 std::size_t IdleSource::nearest(const Likeness& picture) const {
   std::size_t best = 0;
   double bestDistance = std::numeric_limits<double>::infinity();
-  for (std::size_t i = 0; i < likenesses_.size(); ++i) {
-    const double d = thumbnailDistance(picture, likenesses_[i]);
+  for (std::size_t i = 0; i < clip_->likenesses.size(); ++i) {
+    const double d = thumbnailDistance(picture, clip_->likenesses[i]);
     if (d < bestDistance) {
       bestDistance = d;
       best = i;
@@ -158,7 +175,7 @@ std::size_t IdleSource::nearest(const Likeness& picture) const {
 
 IdleSource::Plan IdleSource::planIdle(std::size_t start, std::size_t count, std::size_t target,
                                       std::ptrdiff_t previous, const JumpCheck& acceptable) const {
-  const std::size_t n = frames_.size();
+  const std::size_t n = clip_->frames.size();
   Plan plan;
   plan.frames.resize(count);
   if (count == 0) return plan;
@@ -176,7 +193,7 @@ IdleSource::Plan IdleSource::planIdle(std::size_t start, std::size_t count, std:
       if (s == 0 && previous < 0) continue;
       const std::size_t before = s == 0 ? std::size_t(previous) : start + s - 1;
       const double cost = distance(before, landing + s);
-      if (cost <= largestNaturalStep_) candidates.emplace_back(cost, s);
+      if (cost <= clip_->largestNaturalStep) candidates.emplace_back(cost, s);
     }
     std::sort(candidates.begin(), candidates.end());
     for (std::size_t k = 0; k < std::min(kChecked, candidates.size()); ++k) {

@@ -19,38 +19,55 @@ namespace lumora2::render {
 
 class IdleSource {
  public:
-  // Throws ClientError when the avatar holds no usable idle clip, or (with width and height
-  // given) one of another size. Width and height 0 take the clip's own size.
+  using Likeness = std::vector<std::uint8_t>;
+  // The decoded clip and what is known of it: never changed once read, so that every session of
+  // one avatar can share one (a clip of the reference family is 54 MiB and a second of work).
+  struct Clip {
+    std::vector<Picture> frames;
+    std::vector<Likeness> likenesses;
+    std::vector<std::size_t> moving;  // thumbnail cells that change within the clip
+    std::vector<double> distances;    // frames x frames
+    double largestNaturalStep = 0;
+  };
+  // Reads the avatar's clip. Throws ClientError when the avatar holds no usable idle clip, or
+  // (with width and height given) one of another size. Width and height 0 take the clip's own
+  // size.
+  static std::shared_ptr<const Clip> read(const std::filesystem::path& avatar, int width = 0,
+                                          int height = 0);
   explicit IdleSource(const std::filesystem::path& avatar, int width = 0, int height = 0);
+  // A cursor of its own over a clip read before.
+  explicit IdleSource(std::shared_ptr<const Clip> clip);
   ~IdleSource();
   IdleSource(const IdleSource&) = delete;
   IdleSource& operator=(const IdleSource&) = delete;
 
-  int width() const { return frames_.front().width; }
-  int height() const { return frames_.front().height; }
-  std::size_t frameCount() const { return frames_.size(); }
-  const Picture& frame(std::size_t index) const { return frames_[index % frames_.size()]; }
+  int width() const { return clip_->frames.front().width; }
+  int height() const { return clip_->frames.front().height; }
+  std::size_t frameCount() const { return clip_->frames.size(); }
+  const Picture& frame(std::size_t index) const {
+    return clip_->frames[index % clip_->frames.size()];
+  }
 
   // The frame at the cursor; the cursor moves on by one (from the last frame to frame 0).
   const Picture& next();
   std::size_t cursor() const { return cursor_; }
-  void seek(std::size_t index) { cursor_ = index % frames_.size(); }
+  void seek(std::size_t index) { cursor_ = index % clip_->frames.size(); }
 
   // A picture's likeness key: its luma thumbnail over the parts of the picture that move in the
   // clip (eyes, lids, head), where two pictures that look alike elsewhere can still differ.
-  using Likeness = std::vector<std::uint8_t>;
   Likeness likeness(const Picture& picture) const;
   // How different a picture and a clip frame, or two clip frames, look (mean absolute luma
   // difference over the moving parts of the thumbnails).
   double distance(const Likeness& picture, std::size_t index) const;
   double distance(std::size_t a, std::size_t b) const {
-    return distances_[(a % frames_.size()) * frames_.size() + b % frames_.size()];
+    const std::size_t n = clip_->frames.size();
+    return clip_->distances[(a % n) * n + b % n];
   }
   // The clip frame most like a picture.
   std::size_t nearest(const Likeness& picture) const;
   // The largest distance between neighbouring clip frames (the authored seam included): a jump
   // no larger than this looks like the clip's own motion.
-  double largestNaturalStep() const { return largestNaturalStep_; }
+  double largestNaturalStep() const { return clip_->largestNaturalStep; }
 
   // The clip frames to show for `count` idle frames from clip frame `start` (the frame shown
   // just before is clip frame `previous`, or none when negative), so that the last one is
@@ -68,11 +85,7 @@ class IdleSource {
                 const JumpCheck& acceptable) const;
 
  private:
-  std::vector<Picture> frames_;
-  std::vector<Likeness> likenesses_;
-  std::vector<std::size_t> moving_;  // thumbnail cells that change within the clip
-  std::vector<double> distances_;    // frameCount x frameCount
-  double largestNaturalStep_ = 0;
+  std::shared_ptr<const Clip> clip_;
   std::size_t cursor_ = 0;
 };
 

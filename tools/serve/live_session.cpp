@@ -52,13 +52,14 @@ void TraceFile::write(const std::string& line) {
   std::fflush(file_);
 }
 
-LiveSession::LiveSession(std::string id, Avatar avatar, SessionOptions options)
+LiveSession::LiveSession(std::string id, Avatar avatar,
+                         std::shared_ptr<const IdleSource::Clip> idle, SessionOptions options)
     : id_(std::move(id)),
       avatar_(std::move(avatar)),
       options_(std::move(options)),
       voice_(avatar_.voice.empty() ? render::chooseVoice(avatar_.gender, avatar_.persona, "").name
                                    : avatar_.voice),
-      idle_(std::make_unique<IdleSource>(avatar_.file)),
+      idle_(std::make_unique<IdleSource>(std::move(idle))),
       timeline_(*idle_),
       lastActivity_(Clock::now()),
       created_(Clock::now()) {
@@ -295,6 +296,15 @@ nlohmann::json LiveSession::status() const {
   j["stalls"] = stalls_;
   j["frames_behind"] = behind;
   j["stalled_seconds"] = stalledSeconds_;
+  if (lastStall_) {
+    const auto& [wait, at] = *lastStall_;
+    j["last_stall"] = {{"utterance", wait.utterance},
+                       {"frame", wait.frame},
+                       {"frames_received", wait.received},
+                       {"after_connect_s", at}};
+  } else {
+    j["last_stall"] = nullptr;
+  }
   j["utterances_queued"] = timeline_.queuedItems();
   j["utterances_spoken"] = timeline_.itemsSpoken();
   j["speaking"] = timeline_.speaking();
@@ -570,7 +580,11 @@ void LiveSession::paceLoop() {
       while (!ended_ && Clock::now() < due) changed_.wait_until(lock_, due);
       if (ended_) break;
       if (!timeline_.next(frame, Clock::now())) {
-        if (!stalled) ++stalls_;
+        if (!stalled) {
+          ++stalls_;
+          lastStall_.emplace(timeline_.lastWait(),
+                             std::chrono::duration<double>(due - start).count());
+        }
         stalled = true;
         changed_.wait_for(lock_, std::chrono::milliseconds(5));
         const auto late = Clock::now() - due;

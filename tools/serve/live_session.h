@@ -70,7 +70,9 @@ struct SessionOptions {
 
 class LiveSession {
  public:
-  LiveSession(std::string id, Avatar avatar, SessionOptions options);
+  // `idle` is the avatar's idle clip, read before (and shared by its sessions).
+  LiveSession(std::string id, Avatar avatar, std::shared_ptr<const IdleSource::Clip> idle,
+              SessionOptions options);
   ~LiveSession();
   LiveSession(const LiveSession&) = delete;
   LiveSession& operator=(const LiveSession&) = delete;
@@ -177,6 +179,8 @@ class LiveSession {
   pid_t childPid_ LUMORA2_GUARDED_BY(lock_) = -1;
   std::uint64_t stalls_ LUMORA2_GUARDED_BY(lock_) = 0;
   double stalledSeconds_ LUMORA2_GUARDED_BY(lock_) = 0;
+  // The latest stall: what it waited for, and when (seconds after the viewer connected).
+  std::optional<std::pair<LiveTimeline::Wait, double>> lastStall_ LUMORA2_GUARDED_BY(lock_);
   std::uint64_t respawns_ LUMORA2_GUARDED_BY(lock_) = 0;
   bool connected_ LUMORA2_GUARDED_BY(lock_) = false;
   std::chrono::steady_clock::time_point lastActivity_ LUMORA2_GUARDED_BY(lock_);

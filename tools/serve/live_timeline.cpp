@@ -289,6 +289,7 @@ bool LiveTimeline::decide(TimePoint now) {
       segment->played = p + 1;
       continue;
     }
+    lastWait_ = Wait{itemsSpoken_ + 1, q, segment->received};
     return false;  // due and not rendered yet
   }
   return true;

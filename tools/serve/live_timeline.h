@@ -116,6 +116,14 @@ class LiveTimeline {
   // Of those, the ones showing a rendered picture (the rest show the idle clip).
   std::uint64_t renderedOut() const { return renderedOut_; }
   std::uint64_t itemsSpoken() const { return itemsSpoken_; }
+  // What the last `next` that returned false waited for: the item (counted from 1 in the order
+  // spoken), its frame, and the frames the child had delivered of that segment by then.
+  struct Wait {
+    std::uint64_t utterance = 0;
+    std::size_t frame = 0;
+    std::size_t received = 0;
+  };
+  Wait lastWait() const { return lastWait_; }
 
  private:
   struct Segment {
@@ -168,6 +176,7 @@ class LiveTimeline {
   std::uint64_t framesOut_ = 0;
   std::uint64_t renderedOut_ = 0;
   std::uint64_t itemsSpoken_ = 0;
+  Wait lastWait_;
   // Items decided to their end whose last frames the composer may still hold back: the sound of
   // a frame handed out at composer position p is that of the item whose frames hold p.
   std::deque<std::unique_ptr<Item>> finished_;

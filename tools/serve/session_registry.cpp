@@ -1,5 +1,9 @@
 #include "session_registry.h"
 
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <malloc.h>
 #include <openssl/rand.h>
 
@@ -64,12 +68,35 @@ std::shared_ptr<LiveSession> SessionRegistry::create(const Avatar& avatar) {
   // Each child's graphs get an equal share of the cores among as many sessions as fit.
   options.command.siblings = int(admission_.capacity());
   // Reading the idle clip takes a moment: outside the lock.
-  auto session = std::make_shared<LiveSession>(newId(), avatar, std::move(options));
+  auto session =
+      std::make_shared<LiveSession>(newId(), avatar, idleClip(avatar), std::move(options));
   MutexLock hold(lock_);
   admit();
   sessions_.emplace(session->id(), session);
   metrics_.admitted();
   return session;
+}
+
+std::shared_ptr<const IdleSource::Clip> SessionRegistry::idleClip(const Avatar& avatar) {
+  MutexLock hold(clipsLock_);
+  std::weak_ptr<const IdleSource::Clip>& cached = clips_[avatar.file.string()];
+  if (std::shared_ptr<const IdleSource::Clip> clip = cached.lock()) return clip;
+  std::shared_ptr<const IdleSource::Clip> clip;
+  std::exception_ptr failed;
+  std::thread reader([&] {
+    // Linux keeps a niceness per thread: this one yields to the server's threads (0) and to the
+    // render children (+5) whenever they want the processor.
+    ::setpriority(PRIO_PROCESS, pid_t(::syscall(SYS_gettid)), 10);
+    try {
+      clip = IdleSource::read(avatar.file);
+    } catch (...) {
+      failed = std::current_exception();
+    }
+  });
+  reader.join();
+  if (failed) std::rethrow_exception(failed);
+  cached = clip;
+  return clip;
 }
 
 Admission::Refusal SessionRegistry::readiness() const {

@@ -62,6 +62,11 @@ class SessionRegistry {
   void observe(const std::vector<std::shared_ptr<LiveSession>>& live,
                const std::vector<std::shared_ptr<LiveSession>>& ended);
   std::vector<std::shared_ptr<LiveSession>> snapshot() const LUMORA2_EXCLUDES(lock_);
+  // The avatar's idle clip: the one its live sessions share, or read now on a thread of low
+  // priority, so that a newcomer's second of decoding never takes processor time the sessions
+  // already speaking need.
+  std::shared_ptr<const IdleSource::Clip> idleClip(const Avatar& avatar)
+      LUMORA2_EXCLUDES(clipsLock_);
 
   const SessionOptions options_;
   Admission& admission_;
@@ -73,6 +78,9 @@ class SessionRegistry {
   bool stopping_ LUMORA2_GUARDED_BY(lock_) = false;
   std::map<std::string, std::string> endedReasons_ LUMORA2_GUARDED_BY(lock_);
   std::vector<std::string> endedOrder_ LUMORA2_GUARDED_BY(lock_);
+  Mutex clipsLock_;  // guards clips_; held while a clip is read, so that each is read once
+  std::map<std::string, std::weak_ptr<const IdleSource::Clip>> clips_
+      LUMORA2_GUARDED_BY(clipsLock_);
 
   // The reaper thread's alone: each session's counters and child at the last look, and the
   // processor time and frames gathered towards the next measurement.
