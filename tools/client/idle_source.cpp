@@ -82,7 +82,7 @@ std::shared_ptr<const IdleSource::Clip> IdleSource::read(const std::filesystem::
                                                          int width, int height) {
   auto shared = std::make_shared<Clip>();
   Clip& out = *shared;
-  // The clip is read whole here, so its extracted copy lives only as long as this constructor.
+  // The clip is read whole here, so its extracted copy lives only as long as this call.
   ScratchDir scratch("lumora2-render-idle-");
   signal_cleanup::setIdleClip(scratch.path() / kClipName, scratch.path());
   struct Unregister {
