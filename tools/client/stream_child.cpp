@@ -14,6 +14,8 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <string>
 #include <utility>
 
 #include "client_error.h"
@@ -23,6 +25,21 @@ extern char** environ;
 
 namespace lumora2::render {
 namespace {
+
+// Sets the nice value of every thread of process `pid` (Linux keeps one per thread, and the
+// child's threads started with the value it was spawned with). Lowering a nice value needs root
+// or CAP_SYS_NICE; without them the threads keep theirs.
+void giveBackPriority(pid_t pid, int niceness) {
+  std::error_code error;
+  for (const auto& task :
+       std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", error)) {
+    const std::string tid = task.path().filename().string();
+    if (::setpriority(PRIO_PROCESS, id_t(std::strtol(tid.c_str(), nullptr, 10)), niceness) != 0 &&
+        (errno == EACCES || errno == EPERM)) {
+      return;
+    }
+  }
+}
 
 constexpr std::size_t kTailLines = 8;
 constexpr auto kTermGrace = std::chrono::seconds(10);  // before SIGTERM
@@ -133,10 +150,12 @@ std::unique_ptr<StreamChild> StreamChild::start(const Command& command) {
   }
   // Before the child has loaded its graphs and started its threads, which inherit the value.
   // A failure leaves the child at its parent's priority, which only costs the parent time.
-  if (command.niceness > 0) {
-    errno = 0;
-    const int own = ::getpriority(PRIO_PROCESS, 0);
-    if (errno == 0) ::setpriority(PRIO_PROCESS, id_t(pid), std::min(19, own + command.niceness));
+  errno = 0;
+  const int own = ::getpriority(PRIO_PROCESS, 0);
+  const bool known = errno == 0;
+  const int startNiceness = std::max(command.niceness, command.warmUpNiceness);
+  if (known && startNiceness > 0) {
+    ::setpriority(PRIO_PROCESS, id_t(pid), std::min(19, own + startNiceness));
   }
 
   // The child's ends belong to the child alone: the stderr reader sees the end of the stream when
@@ -201,6 +220,9 @@ std::unique_ptr<StreamChild> StreamChild::start(const Command& command) {
   child->records_ =
       std::make_unique<wire::RecordReader>(child->geometry_.width, child->geometry_.height);
   child->writer_ = std::thread([c = child.get()] { c->writeLoop(); });
+  if (known && startNiceness > command.niceness) {
+    giveBackPriority(pid, std::min(19, own + command.niceness));
+  }
   return child;
 }
 

@@ -45,6 +45,11 @@ class StreamChild {
     // that must keep time (the live server's encoding and pacing) yields to children that
     // render ahead of it.
     int niceness = 0;
+    // The nice value added while the child warms up (its first second or two of graph runs), when
+    // larger than `niceness`: a newcomer's warm-up then waits for children already rendering.
+    // Once ready its threads are given `niceness` back where the parent may raise priorities
+    // (root or CAP_SYS_NICE); elsewhere the child stays at this value.
+    int warmUpNiceness = 0;
   };
 
   // The lumora2-model beside the running executable (the parents are installed beside it).

@@ -171,6 +171,9 @@ int main(int argc, char** argv) {
     // Children render ahead of the clock (their frames wait in the timeline); the server's
     // encoding and pacing keep it and must not queue behind them for the processor.
     sessionOptions.command.niceness = 5;
+    // A newcomer's warm-up (a second or two of graph runs) yields to the children already
+    // rendering for a viewer, so that a join never makes them late.
+    sessionOptions.command.warmUpNiceness = 15;
     if (const char* trace = std::getenv("LUMORA2_SERVE_TRACE"); trace != nullptr && *trace) {
       sessionOptions.trace = std::make_shared<serve::TraceFile>(trace);
     }
