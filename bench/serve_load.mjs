@@ -186,7 +186,7 @@ try {
     const sent = k < 0 ? {} : await s.page.evaluate(() => ({ ...window.speaking, elapsed: performance.now() - window.speaking.start }));
     result.sessions.push({
       avatar: s.avatar, state: st.state, ended: s.ended || null, stalls: st.stalls, stalls_in_settle: k < 0 ? null : st.stalls - stallsBefore[k],
-      stalled_s: st.stalled_seconds && +st.stalled_seconds.toFixed(2), fps_received: k < 0 ? null : +fps(before[k], after[k]).toFixed(1),
+      stalled_s: st.stalled_seconds && +st.stalled_seconds.toFixed(2), last_stall: st.last_stall ?? null, fps_received: k < 0 ? null : +fps(before[k], after[k]).toFixed(1),
       audio_samples_received: k < 0 ? null : after[k].audio && after[k].audio.totalSamplesReceived,
       utterances_streamed: sent.utterances, utterances_answered: sent.answers, queue_full: sent.queue_full, utterances_spoken: st.utterances_spoken,
       // how far the page kept up with real time (1.0: exactly)
