@@ -22,7 +22,8 @@ packages=(
   gstreamer1.0-plugins-ugly gstreamer1.0-nice     # WebRTC media: webrtcbin, x264, Opus, ICE
   chromium                            # the browser test (driven by playwright-core from npm)
   prometheus-cpp-dev                  # lumora2-serve's /metrics
-  haproxy iproute2                    # the scale-out test: a router before replicas in namespaces
+  haproxy iproute2 iptables           # the scale-out and NAT tests: routers and viewers in namespaces
+  coturn                              # TURN relay for viewers behind NAT (tests and the image)
   mmdebstrap buildah podman skopeo runc uidmap  # scripts/image.sh builds and runs the image offline
 )
 
