@@ -1,6 +1,6 @@
 # cmake -DOUT=<file.cpp> -DFILES="<path>|<url>|<type>;..." -P EmbedFiles.cmake
 # Writes a C++ source defining lumora2::serve::webAssets() over the files' bytes.
-set(body "// Generated from tools/serve/web by cmake/EmbedFiles.cmake; do not edit.\n")
+set(body "// Generated from serve/web by cmake/EmbedFiles.cmake; do not edit.\n")
 string(APPEND body "#include \"web_assets.h\"\n\nnamespace lumora2::serve {\nnamespace {\n")
 set(table "")
 set(index 0)

@@ -1,4 +1,4 @@
-// The page's files, compiled into the executable from tools/serve/web/ (cmake/EmbedFiles.cmake):
+// The page's files, compiled into the executable from serve/web/ (cmake/EmbedFiles.cmake):
 // the server answers only for these paths, so no request ever reaches the file system.
 #pragma once
 
