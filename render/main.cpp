@@ -16,14 +16,14 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
-#include "client_error.h"
+#include "client/client_error.h"
+#include "client/signal_cleanup.h"
+#include "client/speech_text.h"
+#include "client/stream_child.h"
 #include "container/archive.h"
 #include "container/manifest.h"
 #include "output_path.h"
 #include "render_job.h"
-#include "signal_cleanup.h"
-#include "speech_text.h"
-#include "stream_child.h"
 
 namespace {
 

@@ -11,8 +11,8 @@ extern "C" {
 #include <cmath>
 #include <string>
 
-#include "av_error.h"
-#include "client_error.h"
+#include "client/av_error.h"
+#include "client/client_error.h"
 
 namespace lumora2::render {
 namespace {

@@ -8,7 +8,7 @@
 #include <memory>
 #include <vector>
 
-#include "picture.h"
+#include "client/picture.h"
 
 namespace lumora2::render {
 

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "client_error.h"
+#include "client/client_error.h"
 
 namespace lumora2::render {
 

@@ -14,18 +14,18 @@
 #include <optional>
 #include <vector>
 
-#include "audio_input.h"
-#include "client_error.h"
-#include "composer.h"
+#include "client/audio_input.h"
+#include "client/client_error.h"
+#include "client/composer.h"
+#include "client/idle_source.h"
+#include "client/speech_text.h"
+#include "client/stream_child.h"
+#include "client/utterances.h"
+#include "client/voice.h"
 #include "container/archive.h"
 #include "container/manifest.h"
 #include "engine/log.h"
-#include "idle_source.h"
 #include "mp4_writer.h"
-#include "speech_text.h"
-#include "stream_child.h"
-#include "utterances.h"
-#include "voice.h"
 
 namespace lumora2::render {
 namespace {

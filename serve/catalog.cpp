@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "client/voice.h"
 #include "container/archive.h"
 #include "container/manifest.h"
-#include "voice.h"
 
 namespace lumora2::serve {
 

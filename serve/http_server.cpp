@@ -16,11 +16,11 @@
 
 #include <nlohmann/json.hpp>
 
-#include "audio_input.h"
-#include "client_error.h"
+#include "client/audio_input.h"
+#include "client/client_error.h"
+#include "client/speech_text.h"
 #include "container/platform.h"
 #include "media/webrtc_sender.h"
-#include "speech_text.h"
 #include "web_assets.h"
 
 namespace lumora2::serve {

@@ -5,10 +5,10 @@
 #include <fstream>
 #include <utility>
 
-#include "audio_input.h"
-#include "client_error.h"
+#include "client/audio_input.h"
+#include "client/client_error.h"
+#include "client/utterances.h"
 #include "media/webrtc_sender.h"
-#include "utterances.h"
 
 namespace lumora2::serve {
 namespace {

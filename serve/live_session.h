@@ -28,11 +28,11 @@
 #include <nlohmann/json.hpp>
 
 #include "catalog.h"
+#include "client/speech_text.h"
+#include "client/stream_child.h"
+#include "client/voice.h"
 #include "engine/thread_annotations.h"
 #include "live_timeline.h"
-#include "speech_text.h"
-#include "stream_child.h"
-#include "voice.h"
 
 namespace lumora2::serve {
 

@@ -28,9 +28,9 @@
 #include <optional>
 #include <vector>
 
-#include "composer.h"
-#include "idle_source.h"
-#include "picture.h"
+#include "client/composer.h"
+#include "client/idle_source.h"
+#include "client/picture.h"
 
 namespace lumora2::serve {
 

@@ -12,14 +12,14 @@
 
 #include "admission.h"
 #include "catalog.h"
-#include "client_error.h"
+#include "client/client_error.h"
+#include "client/stream_child.h"
 #include "container/platform.h"
 #include "engine/log.h"
 #include "http_server.h"
 #include "media/webrtc_sender.h"
 #include "server_metrics.h"
 #include "session_registry.h"
-#include "stream_child.h"
 
 namespace {
 

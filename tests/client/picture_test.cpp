@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "client_error.h"
-#include "picture.h"
+#include "client/client_error.h"
+#include "client/picture.h"
 
 namespace lumora2::render {
 namespace {

@@ -13,9 +13,9 @@
 #include <string>
 #include <vector>
 
-#include "audio_input.h"
-#include "speech_text.h"
-#include "voice.h"
+#include "client/audio_input.h"
+#include "client/speech_text.h"
+#include "client/voice.h"
 
 namespace lumora2::render {
 

@@ -20,14 +20,14 @@
 
 #include <nlohmann/json.hpp>
 
-#include "audio_input.h"
-#include "client_error.h"
+#include "client/audio_input.h"
+#include "client/client_error.h"
+#include "client/stream_child.h"
+#include "client/utterances.h"
 #include "family/identity.h"
 #include "family/portrait.h"
 #include "family_fixture.h"
 #include "render_test_support.h"
-#include "stream_child.h"
-#include "utterances.h"
 
 namespace lumora2::family::test {
 namespace {
@@ -401,10 +401,9 @@ INSTANTIATE_TEST_SUITE_P(
                    "echo 'warming up' >&2; echo 'error: no engine here' >&2; exit 1",
                    "render-stream ended before it was ready (exit status 1); its last lines:\n"
                    "warming up\nerror: no engine here"},
-        BrokenHost{
-            "PromisesAnotherRate",
-            "echo 'READY {\"fps\":25,\"width\":416,\"height\":720,\"sample_rate\":16000}'",
-            "promises 25 fps from 16000 Hz audio; the stream is 20 fps from 16000 Hz"},
+        BrokenHost{"PromisesAnotherRate",
+                   "echo 'READY {\"fps\":25,\"width\":416,\"height\":720,\"sample_rate\":16000}'",
+                   "promises 25 fps from 16000 Hz audio; the stream is 20 fps from 16000 Hz"},
         BrokenHost{"DiesWhileRendering",
                    "echo 'READY {\"fps\":20,\"width\":416,\"height\":720,\"sample_rate\":16000}'; "
                    "head -c 100 >/dev/null; echo 'engine crashed' >&2; exit 9",

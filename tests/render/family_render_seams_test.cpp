@@ -14,17 +14,17 @@
 #include <thread>
 #include <vector>
 
-#include "audio_input.h"
-#include "composer.h"
+#include "client/audio_input.h"
+#include "client/composer.h"
+#include "client/idle_source.h"
+#include "client/picture.h"
+#include "client/stream_child.h"
+#include "client/utterances.h"
 #include "container/sha256.h"
 #include "family/identity.h"
 #include "family/portrait.h"
 #include "family_fixture.h"
-#include "idle_source.h"
-#include "picture.h"
 #include "render_test_support.h"
-#include "stream_child.h"
-#include "utterances.h"
 
 namespace lumora2::family::test {
 namespace {

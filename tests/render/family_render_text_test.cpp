@@ -15,14 +15,14 @@
 #include <string>
 #include <vector>
 
-#include "audio_input.h"
+#include "client/audio_input.h"
+#include "client/speech_text.h"
+#include "client/voice.h"
 #include "family/identity.h"
 #include "family/portrait.h"
 #include "family_fixture.h"
-#include "render_job.h"
+#include "render/render_job.h"
 #include "render_test_support.h"
-#include "speech_text.h"
-#include "voice.h"
 
 namespace lumora2::family::test {
 namespace {

@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "admission.h"
+#include "serve/admission.h"
 
 namespace lumora2::serve {
 namespace {

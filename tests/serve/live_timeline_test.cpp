@@ -3,7 +3,7 @@
 // out frame by frame. Every frame carries exactly 800 samples; the sound is every item's sound,
 // once, in order; a rendered picture leaves with the very samples it was rendered from; and the
 // start rule keeps the output from ever stalling, even when rendering is slower than real time.
-#include "live_timeline.h"
+#include "serve/live_timeline.h"
 
 #include <gtest/gtest.h>
 
