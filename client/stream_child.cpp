@@ -122,6 +122,10 @@ std::unique_ptr<StreamChild> StreamChild::start(const Command& command) {
   posix_spawn_file_actions_adddup2(&actions, in.fd[0], 0);
   posix_spawn_file_actions_adddup2(&actions, out.fd[1], 1);
   posix_spawn_file_actions_adddup2(&actions, err.fd[1], 2);
+  // Nothing else of the parent's reaches the child: a server's client connections and other
+  // children's pipes would otherwise stay open for as long as the child lives (a connection the
+  // server closed would still take requests nobody reads).
+  posix_spawn_file_actions_addclosefrom_np(&actions, 3);
   std::vector<std::string> args = {command.host.string(), "render-stream", command.avatar.string(),
                                    "--engine", command.engine.string()};
   std::vector<char*> argv;
