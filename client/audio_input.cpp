@@ -33,23 +33,32 @@ struct PacketFreer {
   void operator()(AVPacket* p) const { av_packet_free(&p); }
 };
 
-// Converts what `frame` holds (nothing: drains the resampler) and appends it to `out`.
-void convert(SwrContext* swr, const AVFrame* frame, std::vector<float>& out) {
+// Converts what `frame` holds (nothing: drains the resampler) and appends it to `out`; throws
+// AudioTooLong, before making room for them, when the samples would pass `maxSamples`.
+void convert(SwrContext* swr, const AVFrame* frame, std::vector<float>& out, std::size_t maxSamples,
+             const std::string& name) {
   const int in = frame != nullptr ? frame->nb_samples : 0;
   const int room = swr_get_out_samples(swr, in);
   if (room <= 0) return;
   const std::size_t at = out.size();
+  // swr_get_out_samples errs on the large side; the check is exact once the samples are made.
+  const std::size_t slack = std::size_t(kEngineRate);
+  if (at + std::size_t(room) > maxSamples && at + std::size_t(room) - maxSamples > slack) {
+    throw AudioTooLong(name + " holds more audio than is taken");
+  }
   out.resize(at + static_cast<std::size_t>(room));
   auto* dst = reinterpret_cast<std::uint8_t*>(out.data() + at);
   const int got = swr_convert(
       swr, &dst, room,
       frame != nullptr ? const_cast<const std::uint8_t**>(frame->extended_data) : nullptr, in);
   out.resize(at + static_cast<std::size_t>(got > 0 ? got : 0));
+  if (out.size() > maxSamples) throw AudioTooLong(name + " holds more audio than is taken");
 }
 
 }  // namespace
 
-std::vector<float> decodeAudio(const std::filesystem::path& path, const DecodeProgress& progress) {
+std::vector<float> decodeAudio(const std::filesystem::path& path, const DecodeProgress& progress,
+                               std::size_t maxSamples) {
   const std::string name = path.string();
   AVFormatContext* raw = nullptr;
   if (int rc = avformat_open_input(&raw, name.c_str(), nullptr, nullptr); rc < 0) {
@@ -62,6 +71,15 @@ std::vector<float> decodeAudio(const std::filesystem::path& path, const DecodePr
   const AVCodec* codec = nullptr;
   const int stream = av_find_best_stream(format.get(), AVMEDIA_TYPE_AUDIO, -1, -1, &codec, 0);
   if (stream < 0 || codec == nullptr) throw ClientError(name + " has no audio stream");
+  // A header that declares more than the limit is believed; one that declares less is not.
+  const AVStream* audio = format->streams[stream];
+  const double declared =
+      audio->duration > 0 && audio->time_base.den > 0
+          ? double(audio->duration) * av_q2d(audio->time_base)
+          : (format->duration > 0 ? double(format->duration) / AV_TIME_BASE : 0);
+  if (declared * kEngineRate > double(maxSamples) + kEngineRate) {
+    throw AudioTooLong(name + " holds more audio than is taken");
+  }
 
   std::unique_ptr<AVCodecContext, CodecFreer> decoder(avcodec_alloc_context3(codec));
   if (!decoder ||
@@ -91,7 +109,7 @@ std::vector<float> decodeAudio(const std::filesystem::path& path, const DecodePr
   auto drain = [&] {
     while (avcodec_receive_frame(decoder.get(), frame.get()) == 0) {
       const std::size_t before = samples.size();
-      convert(swr.get(), frame.get(), samples);
+      convert(swr.get(), frame.get(), samples, maxSamples, name);
       av_frame_unref(frame.get());
       if (progress && samples.size() > before) {
         progress(samples.data() + before, samples.size() - before);
@@ -111,7 +129,7 @@ std::vector<float> decodeAudio(const std::filesystem::path& path, const DecodePr
   avcodec_send_packet(decoder.get(), nullptr);
   drain();
   const std::size_t before = samples.size();
-  convert(swr.get(), nullptr, samples);
+  convert(swr.get(), nullptr, samples, maxSamples, name);
   if (progress && samples.size() > before)
     progress(samples.data() + before, samples.size() - before);
   if (samples.empty()) throw ClientError(name + " holds no audio samples");

@@ -140,8 +140,12 @@ std::shared_ptr<const IdleSource::Clip> IdleSource::read(const std::filesystem::
 IdleSource::IdleSource(const std::filesystem::path& avatar, int width, int height)
     : IdleSource(read(avatar, width, height)) {}
 
-IdleSource::IdleSource(std::shared_ptr<const Clip> clip) : clip_(std::move(clip)) {
-  if (!clip_ || clip_->frames.empty()) throw ClientError("an idle clip without frames");
+IdleSource::IdleSource(std::shared_ptr<const Clip> clip) { use(std::move(clip)); }
+
+void IdleSource::use(std::shared_ptr<const Clip> clip) {
+  if (!clip || clip->frames.empty()) throw ClientError("an idle clip without frames");
+  clip_ = std::move(clip);
+  cursor_ = 0;
 }
 
 IdleSource::~IdleSource() = default;

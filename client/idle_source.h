@@ -37,6 +37,11 @@ class IdleSource {
   explicit IdleSource(const std::filesystem::path& avatar, int width = 0, int height = 0);
   // A cursor of its own over a clip read before.
   explicit IdleSource(std::shared_ptr<const Clip> clip);
+  // A cursor whose clip comes later: nothing but use() and ready() may be called before it does
+  // (a live session starts while its avatar's clip is still being read).
+  IdleSource() = default;
+  void use(std::shared_ptr<const Clip> clip);
+  bool ready() const { return clip_ != nullptr; }
   ~IdleSource();
   IdleSource(const IdleSource&) = delete;
   IdleSource& operator=(const IdleSource&) = delete;

@@ -1,5 +1,7 @@
 #include "speech_text.h"
 
+#include <cctype>
+
 #include <utf8proc.h>
 
 #include <algorithm>
@@ -185,6 +187,28 @@ std::vector<Sentence> splitSentences(std::string_view text) {
   }
   splitter.finish();
   return std::move(splitter.sentences);
+}
+
+WrittenSoFar completeSentences(std::string_view text) {
+  WrittenSoFar out;
+  std::vector<Sentence> sofar = splitSentences(text);
+  if (sofar.empty()) {
+    out.rest = std::string(text);
+    return out;
+  }
+  // A word more either starts a sentence of its own (every sentence so far is complete) or joins
+  // the last one; either way the sentences before are final, with their pauses as they will be.
+  std::string more(text);
+  more += " x";
+  std::vector<Sentence> extended = splitSentences(more);
+  const bool lastComplete = extended.size() > sofar.size();
+  const std::size_t complete = lastComplete ? sofar.size() : sofar.size() - 1;
+  out.complete.assign(extended.begin(), extended.begin() + std::ptrdiff_t(complete));
+  if (!lastComplete) {
+    out.rest = sofar.back().text;
+    if (!text.empty() && std::isspace(static_cast<unsigned char>(text.back()))) out.rest += ' ';
+  }
+  return out;
 }
 
 }  // namespace lumora2::render

@@ -28,11 +28,18 @@ namespace {
 Mutex g_espeak;
 int g_rate LUMORA2_GUARDED_BY(g_espeak) = 0;  // the library's output rate, once initialised
 std::vector<short>* g_sink LUMORA2_GUARDED_BY(g_espeak) = nullptr;  // where synthesis goes
+// Where each word begins: (character position from 1, milliseconds into the speech).
+std::vector<std::pair<int, int>>* g_words LUMORA2_GUARDED_BY(g_espeak) = nullptr;
 
 // The library's synthesis callback; it runs inside espeak_Synth, under the lock.
-int collect(short* wav, int count, espeak_EVENT*) LUMORA2_REQUIRES(g_espeak) {
+int collect(short* wav, int count, espeak_EVENT* events) LUMORA2_REQUIRES(g_espeak) {
   if (wav != nullptr && count > 0 && g_sink != nullptr)
     g_sink->insert(g_sink->end(), wav, wav + count);
+  for (espeak_EVENT* e = events; e != nullptr && e->type != espeakEVENT_LIST_TERMINATED; ++e) {
+    if (e->type == espeakEVENT_WORD && g_words != nullptr) {
+      g_words->emplace_back(e->text_position, e->audio_position);
+    }
+  }
   return 0;
 }
 
@@ -196,9 +203,11 @@ void Voice::checkScripts(std::string_view text) const {
   }
 }
 
-std::vector<float> Voice::synthesize(std::string_view sentence) const {
+std::vector<float> Voice::synthesize(std::string_view sentence,
+                                     std::vector<WordMark>* words) const {
   const std::string text(sentence);  // the library wants it NUL-terminated
   std::vector<short> pcm;
+  std::vector<std::pair<int, int>> marks;
   int rate = 0;
   {
     MutexLock hold(g_espeak);
@@ -208,26 +217,54 @@ std::vector<float> Voice::synthesize(std::string_view sentence) const {
     // sentence keeps whatever else calls rand() out of the speech.
     std::srand(1);
     g_sink = &pcm;
+    g_words = &marks;
     const espeak_ERROR rc = espeak_Synth(text.c_str(), text.size() + 1, 0, POS_CHARACTER, 0,
                                          espeakCHARS_UTF8, nullptr, nullptr);
     g_sink = nullptr;
+    g_words = nullptr;
     if (rc != EE_OK) {
       throw ClientError("the voice " + name_ + " could not speak \"" + text.substr(0, 40) + "\"");
     }
     rate = g_rate;
   }
+  if (words != nullptr) {
+    // The library counts characters from 1; the marks give byte offsets.
+    std::vector<std::size_t> byteOf;  // byte offset of each character
+    for (std::size_t i = 0; i < text.size(); ++i) {
+      if ((static_cast<unsigned char>(text[i]) & 0xC0) != 0x80) byteOf.push_back(i);
+    }
+    for (const auto& [character, ms] : marks) {
+      const std::size_t at = character >= 1 && std::size_t(character) <= byteOf.size()
+                                 ? byteOf[std::size_t(character) - 1]
+                                 : text.size();
+      words->push_back(WordMark{at, std::size_t(std::max(0, ms)) * (kEngineRate / 1000)});
+    }
+  }
   return toEngineRate(pcm, rate);
 }
 
-std::size_t Voice::speak(const std::vector<Sentence>& sentences, const PieceFn& onPiece) const {
+std::size_t Voice::speakOne(const Sentence& sentence, bool first, const PieceFn& onPiece,
+                            const WordsFn& onWords) const {
+  const std::size_t lead = first ? samplesFor(kLeadIn) : 0;
+  std::vector<float> piece(lead, 0.0f);
+  std::vector<WordMark> words;
+  const std::vector<float> spoken = synthesize(sentence.text, onWords ? &words : nullptr);
+  piece.insert(piece.end(), spoken.begin(), spoken.end());
+  piece.resize(piece.size() + samplesFor(sentence.pauseAfter), 0.0f);
+  if (onWords) {
+    for (WordMark& w : words) w.sample += lead;
+    onWords(words);
+  }
+  return onPiece(piece.data(), piece.size()) ? piece.size() : 0;
+}
+
+std::size_t Voice::speak(const std::vector<Sentence>& sentences, const PieceFn& onPiece,
+                         const WordsFn& onWords) const {
   std::size_t total = 0;
   for (std::size_t k = 0; k < sentences.size(); ++k) {
-    std::vector<float> piece(k == 0 ? samplesFor(kLeadIn) : 0, 0.0f);
-    const std::vector<float> spoken = synthesize(sentences[k].text);
-    piece.insert(piece.end(), spoken.begin(), spoken.end());
-    piece.resize(piece.size() + samplesFor(sentences[k].pauseAfter), 0.0f);
-    if (!onPiece(piece.data(), piece.size())) break;
-    total += piece.size();
+    const std::size_t made = speakOne(sentences[k], k == 0, onPiece, onWords);
+    if (made == 0) break;
+    total += made;
   }
   return total;
 }

@@ -36,15 +36,30 @@ class Voice {
   // and the word it is in.
   void checkScripts(std::string_view text) const;
 
-  // One sentence, as spoken, with no pause added around it.
-  std::vector<float> synthesize(std::string_view sentence) const;
+  // Where a word begins in what was spoken: its byte offset in the sentence's text, and its first
+  // sample (16 kHz) counted from the start of the samples that hold it.
+  struct WordMark {
+    std::size_t text = 0;
+    std::size_t sample = 0;
+  };
+
+  // One sentence, as spoken, with no pause added around it; `words`, when given, gets where each
+  // of its words begins.
+  std::vector<float> synthesize(std::string_view sentence,
+                                std::vector<WordMark>* words = nullptr) const;
 
   // Sentences spoken in order: kLeadIn of silence, then each sentence followed by its pause.
   // `onPiece` gets each sentence's samples (the lead-in with the first, its pause with each) as
   // soon as it is made, outside the library's lock; when it returns false the rest is not made.
-  // Returns the number of samples it took.
+  // `onWords`, when given, gets each piece's word marks (counted from the piece's start) just
+  // before the piece. Returns the number of samples it took.
   using PieceFn = std::function<bool(const float* samples, std::size_t count)>;
-  std::size_t speak(const std::vector<Sentence>& sentences, const PieceFn& onPiece) const;
+  using WordsFn = std::function<void(const std::vector<WordMark>& words)>;
+  std::size_t speak(const std::vector<Sentence>& sentences, const PieceFn& onPiece,
+                    const WordsFn& onWords = {}) const;
+  // One sentence as speak() says it: with the lead-in before it when it is the first.
+  std::size_t speakOne(const Sentence& sentence, bool first, const PieceFn& onPiece,
+                       const WordsFn& onWords = {}) const;
 
  private:
   std::string name_;

@@ -4,6 +4,11 @@
 function(lumora2_warnings target)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor
                                            -Wold-style-cast -Wcast-align -Wimplicit-fallthrough)
+  # clang checks every lock annotation (engine/include/engine/thread_annotations.h): a field read
+  # without the lock that guards it does not build.
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    target_compile_options(${target} PRIVATE -Wthread-safety)
+  endif()
   if(LUMORA2_WERROR)
     target_compile_options(${target} PRIVATE -Werror)
     if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)

@@ -19,6 +19,10 @@ Catalog loadCatalog(const std::filesystem::path& engine, const std::filesystem::
                     const std::string& voice) {
   namespace fs = std::filesystem;
   EngineManifest engineManifest;
+  std::error_code regular;
+  if (!fs::is_regular_file(engine, regular)) {
+    throw std::runtime_error("engine " + engine.string() + ": not a regular file");
+  }
   try {
     const std::string json = Archive::readManifest(engine);
     if (ManifestJSON::kindOf(json) != ManifestJSON::Kind::engine) {
@@ -35,13 +39,19 @@ Catalog loadCatalog(const std::filesystem::path& engine, const std::filesystem::
   fs::directory_iterator entries(dir, ec);
   if (ec) throw std::runtime_error("cannot list " + dir.string() + ": " + ec.message());
   std::vector<fs::path> files;
+  Catalog catalog;
   for (const fs::directory_entry& entry : entries) {
-    if (entry.path().extension() == ".avatar") files.push_back(entry.path());
+    if (entry.path().extension() != ".avatar") continue;
+    // Only regular files are opened: a FIFO would hold the start-up until someone writes to it.
+    if (entry.is_regular_file(ec)) {
+      files.push_back(entry.path());
+    } else {
+      catalog.skipped.push_back(entry.path().string() + ": not a regular file");
+    }
   }
   std::sort(files.begin(), files.end());
   // The voice asked for, or the default one: a server that cannot speak text says so at once.
   const render::Voice probe(voice.empty() ? "en-us" : voice);
-  Catalog catalog;
   for (const fs::path& file : files) {
     try {
       const std::string json = Archive::readManifest(file);

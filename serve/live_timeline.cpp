@@ -69,6 +69,66 @@ std::size_t LiveTimeline::endStream(std::uint64_t id) {
   return item->samples.size();
 }
 
+LiveTimeline::Item* LiveTimeline::findAny(std::uint64_t id) {
+  if (Item* item = find(id)) return item;
+  for (auto& item : finished_)
+    if (item->id == id) return item.get();
+  return nullptr;
+}
+
+bool LiveTimeline::wants(std::uint64_t id, std::size_t segment) const {
+  const Item* item = find(id);
+  return item != nullptr && !item->cut && segment < item->segments.size() &&
+         !item->segments[segment].done;
+}
+
+LiveTimeline::Cut LiveTimeline::interrupt() {
+  Cut cut;
+  for (auto it = items_.begin(); it != items_.end();) {
+    Item& item = **it;
+    if (&item == current_) {
+      ++it;
+      continue;
+    }
+    cut.dropped.push_back(item.id);
+    for (Segment& s : item.segments) framesAhead_ -= s.frames.size();
+    it = items_.erase(it);
+  }
+  muteUpTo_ = nextId_ - 1;
+  muteFrom_ = framesOut_;
+  fadePending_ = true;
+  if (current_ == nullptr) return cut;
+  Item& item = *current_;
+  // What is decided plays out (its pictures); nothing after it.
+  const std::size_t decided = composer_.position() - item.startPosition;
+  item.samples.resize(std::min(item.samples.size(), decided * kFrameSamples));
+  item.complete = true;
+  item.cut = true;
+  for (Segment& s : item.segments) {
+    framesAhead_ -= s.frames.size();
+    s.frames.clear();
+    s.end = std::max(s.first, std::min(s.end, decided));
+    s.done = true;
+  }
+  cut.playing = item.id;
+  // The next frame handed out fades if it is still one of the item's.
+  const bool fades = item.handedOut < decided;
+  cut.framesHeard = item.handedOut + (fades ? 1 : 0);
+  return cut;
+}
+
+bool LiveTimeline::dropUnstarted(std::uint64_t id) {
+  for (auto it = items_.begin(); it != items_.end(); ++it) {
+    Item& item = **it;
+    if (item.id != id) continue;
+    if (item.started) return false;
+    for (Segment& s : item.segments) framesAhead_ -= s.frames.size();
+    items_.erase(it);
+    return true;
+  }
+  return false;
+}
+
 std::optional<LiveTimeline::RenderWork> LiveTimeline::renderWork(std::size_t sent) const {
   for (const auto& item : items_) {
     for (std::size_t k = 0; k < item->segments.size(); ++k) {
@@ -105,12 +165,15 @@ void LiveTimeline::addFrame(std::uint64_t id, std::size_t segment, std::size_t p
     ++s.received;
     ++framesAhead_;
   }
+  if (framesAhead_ >= aheadCap_) s.throttled = true;
 }
 
 void LiveTimeline::audioSent(std::uint64_t id, std::size_t segment, TimePoint now) {
   Item* item = find(id);
-  if (item != nullptr && segment < item->segments.size() && !item->streamed) {
-    item->segments[segment].audioSentAt = now;
+  if (item != nullptr && segment < item->segments.size()) {
+    Segment& s = item->segments[segment];
+    s.audioSentAt = now;
+    s.receivedAtAudioSent = s.received;
   }
 }
 
@@ -119,13 +182,19 @@ void LiveTimeline::segmentDone(std::uint64_t id, std::size_t segment, TimePoint 
   if (item == nullptr || segment >= item->segments.size()) return;
   Segment& s = item->segments[segment];
   s.done = true;
-  // The child's speed on a whole segment: how long its first frame took after the sound was all
-  // sent (the largest seen), and frames a second from there on.
-  if (s.audioSentAt && s.firstFrameAt && s.received > 1) {
+  if (!s.audioSentAt || !s.firstFrameAt || s.throttled) return;
+  // The child's speed on a whole segment. Sent whole before its first frame came (a recording, a
+  // short text): how long that first frame took (the largest seen), and frames a second from
+  // there on. Streamed while it rendered (a longer text, a stream): the child waited for sound
+  // until the last of it was sent, and rendered at its own speed only from then on.
+  if (s.receivedAtAudioSent == 0 && s.received > 1) {
     latency_ =
         std::max(latency_, std::chrono::duration<double>(*s.firstFrameAt - *s.audioSentAt).count());
     const double seconds = std::chrono::duration<double>(now - *s.firstFrameAt).count();
     if (seconds > 0) rate_ = double(s.received - 1) / seconds;
+  } else if (s.received >= s.receivedAtAudioSent + kStartFrames) {
+    const double seconds = std::chrono::duration<double>(now - *s.audioSentAt).count();
+    if (seconds > 0) rate_ = double(s.received - s.receivedAtAudioSent) / seconds;
   }
 }
 
@@ -138,6 +207,8 @@ bool LiveTimeline::mayStart(const Item& item, TimePoint now) const {
   std::size_t ready = 0;
   while (s.frames.count(ready) != 0) ++ready;
   if (ready < std::min(kStartFrames, length)) return false;
+  // The child waits for frames to be played: waiting longer gains nothing.
+  if (framesAhead_ >= aheadCap_) return true;
   if (!item.complete) return streamInTime(item);
   // Whether the rest will be rendered in time at the speed measured so far: a segment's frames
   // come `latency_` after its sound was sent, then at `rate_` frames a second. Before any segment
@@ -146,10 +217,16 @@ bool LiveTimeline::mayStart(const Item& item, TimePoint now) const {
   double rate = rate_;
   double latency = latency_;
   if (rate <= 0) {
-    if (!s.audioSentAt || s.received == 0) return false;
-    const double seconds = std::chrono::duration<double>(now - *s.audioSentAt).count();
+    // A segment sent whole counts from when it was sent; one that rendered while its sound came
+    // (a text: all of it was made within moments) from its first frame.
+    const bool whole = s.audioSentAt && s.receivedAtAudioSent == 0;
+    const std::optional<TimePoint> from = whole ? s.audioSentAt : s.firstFrameAt;
+    const std::size_t counted =
+        whole ? s.received : s.received - std::min<std::size_t>(s.received, 1);
+    if (!from || counted == 0) return false;
+    const double seconds = std::chrono::duration<double>(now - *from).count();
     if (seconds <= 0) return false;
-    rate = double(s.received) / seconds;
+    rate = double(counted) / seconds;
     latency = 0;
   }
   // Measures from a few frames are rough: the plan keeps a tenth of the speed and 150 ms in hand.
@@ -206,6 +283,8 @@ void LiveTimeline::onComposed(const Picture& picture) {
   if (owner != nullptr) {
     frame.speech = true;
     frame.item = owner->id;
+    frame.itemFrame = position - owner->startPosition;
+    frame.itemLast = owner->complete && frame.itemFrame + 1 == owner->frames();
     if (!owner->segments.empty() && position == owner->startPosition + owner->segments[0].first) {
       frame.itemArrived = owner->arrived;
     }
@@ -299,6 +378,18 @@ bool LiveTimeline::next(LiveFrame& out, TimePoint now) {
   if (!decide(now)) return false;
   out = std::move(out_.front());
   out_.pop_front();
+  if (out.item != 0) {
+    if (Item* item = findAny(out.item)) ++item->handedOut;
+    if (out.item <= muteUpTo_ && framesOut_ >= muteFrom_) {
+      // Cut: the first frame after the interrupt fades out (no click), the rest are silent.
+      out.cut = true;
+      const float step = 1.0f / float(out.samples.size());
+      for (std::size_t i = 0; i < out.samples.size(); ++i) {
+        out.samples[i] *= fadePending_ ? 1.0f - step * float(i + 1) : 0.0f;
+      }
+    }
+  }
+  if (framesOut_ >= muteFrom_) fadePending_ = false;
   ++framesOut_;
   return true;
 }

@@ -48,7 +48,11 @@ struct LiveFrame {
   bool speech = false;         // the frame belongs to an item (its sound may still be silence)
   // On an item's first rendered frame: when the item arrived (its first sample, for a stream).
   std::optional<TimePoint> itemArrived;
-  std::uint64_t item = 0;  // the item it belongs to; 0: none
+  std::uint64_t item = 0;     // the item it belongs to; 0: none
+  std::size_t itemFrame = 0;  // its index within the item (it plays the item's samples from
+                              // itemFrame * kFrameSamples on)
+  bool itemLast = false;      // the item's last frame
+  bool cut = false;           // its item was interrupted: its sound fades out or is silent
 };
 
 class LiveTimeline {
@@ -61,6 +65,10 @@ class LiveTimeline {
   static constexpr std::size_t kStartFrames = 8;
 
   explicit LiveTimeline(IdleSource& idle);
+  // Rendered frames held at most before the child is made to wait (the session's back-pressure):
+  // an item that has that many at hand starts, whatever the speed measured, since holding more
+  // is not possible and waiting gains nothing.
+  void setAheadCap(std::size_t frames) { aheadCap_ = frames; }
 
   // ---- Items ----
   // A whole recording; `segments` are [first, end) frame ranges of it to render (the rest plays
@@ -74,6 +82,19 @@ class LiveTimeline {
   // Ends the stream: its last partial frame is padded with silence. Returns its length in
   // samples.
   std::size_t endStream(std::uint64_t item);
+  // Whether that segment is still to be rendered (its item was not dropped or cut).
+  bool wants(std::uint64_t item, std::size_t segment) const;
+  // Removes an item that has not started playing; false when it has (or there is none).
+  bool dropUnstarted(std::uint64_t item);
+  // Cuts what plays and drops what is queued. The item playing stops at the next output frame:
+  // that frame's sound fades out and every later one of it is silent, while its pictures end
+  // through the seam blend as at an utterance's end (the pictures already decided still show).
+  struct Cut {
+    std::uint64_t playing = 0;           // the item cut while playing; 0: none played
+    std::size_t framesHeard = 0;         // of it, the frames handed out and the one that fades
+    std::vector<std::uint64_t> dropped;  // items that had not started
+  };
+  Cut interrupt();
   // Items not yet finished playing (the one playing included).
   std::size_t queuedItems() const { return items_.size(); }
   bool speaking() const { return current_ != nullptr; }
@@ -94,14 +115,16 @@ class LiveTimeline {
   // or at positions already held or played, are dropped.
   void addFrame(std::uint64_t item, std::size_t segment, std::size_t position, Picture picture,
                 TimePoint now);
-  // The child has sent all of a segment's audio (rendering-speed measurement starts here).
+  // The child has been sent all of a segment's audio and its flush (rendering-speed measurement
+  // starts here).
   void audioSent(std::uint64_t item, std::size_t segment, TimePoint now);
   // The segment is finished: the child's end-of-segment marker arrived, or it failed (its missing
   // frames then play the idle clip).
   void segmentDone(std::uint64_t item, std::size_t segment, TimePoint now);
   // Rendered frames held and not yet played (for back-pressure on the child).
   std::size_t framesAhead() const { return framesAhead_; }
-  // Rendered frames a second, measured over finished segments (0 before the first).
+  // Rendered frames a second, measured over finished segments that the child rendered at its own
+  // pace (not waiting for their sound, nor held back): 0 before the first.
   double renderRate() const { return rate_; }
   // Seconds from a segment's sound to its first frame, the longest seen.
   double renderLatency() const { return latency_; }
@@ -134,7 +157,9 @@ class LiveTimeline {
     std::size_t received = 0;
     bool done = false;
     std::optional<TimePoint> audioSentAt;
+    std::size_t receivedAtAudioSent = 0;  // frames that came before all its sound was sent
     std::optional<TimePoint> firstFrameAt;
+    bool throttled = false;  // it reached the cap on frames held: its speed is not the child's
   };
   struct Item {
     std::uint64_t id = 0;
@@ -143,7 +168,9 @@ class LiveTimeline {
     bool streamed = false;
     bool complete = false;  // every sample is here
     bool started = false;
+    bool cut = false;               // interrupted: nothing more of it is rendered
     std::size_t startPosition = 0;  // the composer position of its frame 0
+    std::size_t handedOut = 0;      // its frames handed out
     TimePoint arrived;
     std::size_t frames() const { return (samples.size() + kFrameSamples - 1) / kFrameSamples; }
     // Whether composer position p is one of its frames (a stream's end is open until complete).
@@ -154,6 +181,8 @@ class LiveTimeline {
 
   Item* find(std::uint64_t id);
   const Item* find(std::uint64_t id) const;
+  // An item queued, playing, or finished and still being handed out.
+  Item* findAny(std::uint64_t id);
   bool mayStart(const Item& item, TimePoint now) const;
   // Whether a stream still arriving may start now without a stall: every frame it lacks will be
   // rendered by the time it is due, its sound arriving no faster than it plays.
@@ -170,6 +199,7 @@ class LiveTimeline {
   std::size_t utteranceSegment_ = 0;
   std::uint64_t nextId_ = 1;
   std::size_t framesAhead_ = 0;
+  std::size_t aheadCap_ = SIZE_MAX;
   double rate_ = 0;     // frames a second after a segment's first frame
   double latency_ = 0;  // seconds from a segment's sound to its first frame
   double firstRendered_ = -1;
@@ -177,6 +207,11 @@ class LiveTimeline {
   std::uint64_t renderedOut_ = 0;
   std::uint64_t itemsSpoken_ = 0;
   Wait lastWait_;
+  // After an interrupt: frames of items up to muteUpTo_ handed out from frame muteFrom_ on are
+  // silent, the first of them faded out.
+  std::uint64_t muteUpTo_ = 0;
+  std::uint64_t muteFrom_ = 0;
+  bool fadePending_ = false;
   // Items decided to their end whose last frames the composer may still hold back: the sound of
   // a frame handed out at composer position p is that of the item whose frames hold p.
   std::deque<std::unique_ptr<Item>> finished_;

@@ -2,6 +2,9 @@
 // (docs/SERVE.md); each session has a render-stream child of its own and streams over WebRTC.
 #include <pthread.h>
 #include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include <cstdio>
 #include <cstdlib>
@@ -31,6 +34,9 @@ constexpr const char* kUsage =
     "usage: lumora2-serve --engine vivra.model --avatars DIR [--listen 127.0.0.1:8080]\n"
     "                     [--max-sessions auto|N] [--drain-seconds S] [--token-file F]\n"
     "                     [--host PATH] [--idle-timeout SECONDS] [--voice NAME]\n"
+    "                     [--viewer-grace SECONDS] [--allow-host NAME]... [--allow-origin "
+    "ORIGIN]...\n"
+    "                     [--clip-memory MIB]\n"
     "\n"
     "Serves live talking sessions of the avatars in DIR (*.avatar) to a browser: open\n"
     "http://ADDRESS:PORT/ for the page, or use the HTTP API (docs/SERVE.md). Each session runs a\n"
@@ -42,11 +48,18 @@ constexpr const char* kUsage =
     "SIGTERM drains: no new session or speech, what was said is spoken (up to --drain-seconds,\n"
     "default 30), then the server exits 0; a second SIGTERM ends at once. A session nobody has\n"
     "called for --idle-timeout seconds (default 600) ends. Text is spoken with each avatar's own\n"
-    "voice (from its gender and persona), or with the espeak-ng voice --voice names.\n";
+    "voice (from its gender and persona), or with the espeak-ng voice --voice names. A viewer\n"
+    "who leaves may come back within --viewer-grace seconds (default 30). Requests must name\n"
+    "this server in their Host header (an address, localhost, or a --allow-host name); pages of\n"
+    "other origins may call it only with --allow-origin. Decoded idle clips are kept for the\n"
+    "next session up to --clip-memory MiB (default 1024).\n";
 
 struct Arguments {
   fs::path engine, avatars, host, tokenFile;
   std::string voice;
+  std::vector<std::string> allowHosts, allowOrigins;
+  long viewerGrace = 30;
+  long clipMemoryMiB = 1024;
   std::string address = "127.0.0.1";
   unsigned short port = 8080;
   std::size_t maxSessions = 64;  // the ceiling of auto
@@ -92,6 +105,19 @@ Arguments parseArguments(const std::vector<std::string>& args) {
       a.drainSeconds = wholeNumber(option, value(), 0, 3600);
     } else if (option == "--idle-timeout") {
       a.idleTimeout = wholeNumber(option, value(), 1, 86400);
+    } else if (option == "--viewer-grace") {
+      a.viewerGrace = wholeNumber(option, value(), 0, 3600);
+    } else if (option == "--clip-memory") {
+      a.clipMemoryMiB = wholeNumber(option, value(), 0, 1 << 20);
+    } else if (option == "--allow-host") {
+      a.allowHosts.push_back(value());
+    } else if (option == "--allow-origin") {
+      const std::string& origin = value();
+      if (origin != "*" && origin.rfind("http://", 0) != 0 && origin.rfind("https://", 0) != 0) {
+        throw ClientError("--allow-origin wants http(s)://host[:port] or *, not \"" + origin +
+                          "\"");
+      }
+      a.allowOrigins.push_back(origin);
     } else if (option == "--listen") {
       const std::string& listen = value();
       const std::size_t colon = listen.rfind(':');
@@ -114,6 +140,11 @@ Arguments parseArguments(const std::vector<std::string>& args) {
 }
 
 std::string readToken(const fs::path& file) {
+  // Only a regular file: a FIFO would hold the start-up until someone writes to it.
+  std::error_code ec;
+  if (!fs::is_regular_file(file, ec)) {
+    throw ClientError("the token file " + file.string() + " is not a regular file");
+  }
   std::ifstream in(file);
   std::string token;
   if (!in || !std::getline(in, token)) {
@@ -124,6 +155,27 @@ std::string readToken(const fs::path& file) {
     throw ClientError("the token in " + file.string() + " is shorter than 16 characters");
   }
   return token;
+}
+
+// Temporary directories of servers that did not end (killed, or the machine went down): each is
+// named after its server's process id, removed when that process is gone.
+void removeStaleScratch(const fs::path& tmp) {
+  std::error_code ec;
+  for (const fs::directory_entry& entry : fs::directory_iterator(tmp, ec)) {
+    const std::string name = entry.path().filename().string();
+    constexpr std::string_view prefix = "lumora2-serve-";
+    if (name.rfind(prefix, 0) != 0 || !entry.is_directory(ec)) continue;
+    const long pid = std::strtol(name.c_str() + prefix.size(), nullptr, 10);
+    if (pid <= 0 || pid == long(::getpid())) continue;
+    if (::kill(pid_t(pid), 0) == 0 || errno != ESRCH) continue;
+    lumora2::removeTreeQuietly(entry.path());
+  }
+}
+
+// "http://ADDRESS:PORT/", with an IPv6 address in brackets.
+std::string serverUrl(const std::string& address, unsigned port) {
+  const bool v6 = address.find(':') != std::string::npos;
+  return "http://" + (v6 ? "[" + address + "]" : address) + ":" + std::to_string(port) + "/";
 }
 
 }  // namespace
@@ -164,7 +216,11 @@ int main(int argc, char** argv) {
       throw ClientError("no usable avatar in " + arguments.avatars.string());
     }
 
-    lumora2::ScratchDir scratch("lumora2-serve-");
+    // Everything temporary of this server and its children lives in one directory named after
+    // it (TMPDIR for the children), removed when it ends, or by the next server if it is killed.
+    removeStaleScratch(lumora2::systemTempDir());
+    lumora2::ScratchDir scratch("lumora2-serve-" + std::to_string(::getpid()) + "-");
+    ::setenv("TMPDIR", scratch.path().c_str(), 1);
     serve::SessionOptions sessionOptions;
     sessionOptions.command.host = arguments.host;
     sessionOptions.command.engine = arguments.engine;
@@ -174,6 +230,7 @@ int main(int argc, char** argv) {
     // A newcomer's warm-up (a second or two of graph runs) yields to the children already
     // rendering for a viewer, so that a join never makes them late.
     sessionOptions.command.warmUpNiceness = 15;
+    sessionOptions.viewerGrace = std::chrono::seconds(arguments.viewerGrace);
     if (const char* trace = std::getenv("LUMORA2_SERVE_TRACE"); trace != nullptr && *trace) {
       sessionOptions.trace = std::make_shared<serve::TraceFile>(trace);
     }
@@ -182,21 +239,24 @@ int main(int argc, char** argv) {
     config.port = arguments.port;
     config.scratch = scratch.path();
     if (!arguments.tokenFile.empty()) config.token = readToken(arguments.tokenFile);
+    config.callers.hosts = arguments.allowHosts;
+    config.callers.origins = arguments.allowOrigins;
     serve::Admission::Options admit;
     admit.cores = serve::usableCores();
     admit.cap = arguments.maxSessions;
     serve::Admission admission(admit);
     serve::ServerMetrics metrics;
     serve::SessionRegistry sessions(sessionOptions, admission, metrics,
-                                    std::chrono::seconds(arguments.idleTimeout));
+                                    std::chrono::seconds(arguments.idleTimeout),
+                                    std::size_t(arguments.clipMemoryMiB) << 20);
+    sessions.preload(catalog.avatars);
     serve::HttpServer server(config, catalog, sessions, metrics);
     server.run();
-    std::printf(
-        "lumora2-serve: listening on http://%s:%u/ (%zu avatars, %s sessions, %.1f cores)\n",
-        arguments.address.c_str(), unsigned(server.port()), catalog.avatars.size(),
-        arguments.measured ? "measured"
-                           : ("at most " + std::to_string(arguments.maxSessions)).c_str(),
-        admit.cores);
+    std::printf("lumora2-serve: listening on %s (%zu avatars, %s sessions, %.1f cores)\n",
+                serverUrl(arguments.address, server.port()).c_str(), catalog.avatars.size(),
+                arguments.measured ? "measured"
+                                   : ("at most " + std::to_string(arguments.maxSessions)).c_str(),
+                admit.cores);
     std::fflush(stdout);
 
     int signal = 0;

@@ -27,11 +27,13 @@ std::string newId() {
 }  // namespace
 
 SessionRegistry::SessionRegistry(SessionOptions options, Admission& admission,
-                                 ServerMetrics& metrics, std::chrono::seconds idleTimeout)
+                                 ServerMetrics& metrics, std::chrono::seconds idleTimeout,
+                                 std::size_t clipBudget)
     : options_(std::move(options)),
       admission_(admission),
       metrics_(metrics),
-      idleTimeout_(idleTimeout) {
+      idleTimeout_(idleTimeout),
+      clips_(clipBudget) {
   reaper_ = std::thread([this] { reap(); });
 }
 
@@ -67,36 +69,13 @@ std::shared_ptr<LiveSession> SessionRegistry::create(const Avatar& avatar) {
   SessionOptions options = options_;
   // Each child's graphs get an equal share of the cores among as many sessions as fit.
   options.command.siblings = int(admission_.capacity());
-  // Reading the idle clip takes a moment: outside the lock.
   auto session =
-      std::make_shared<LiveSession>(newId(), avatar, idleClip(avatar), std::move(options));
+      std::make_shared<LiveSession>(newId(), avatar, clips_.get(avatar), std::move(options));
   MutexLock hold(lock_);
   admit();
   sessions_.emplace(session->id(), session);
   metrics_.admitted();
   return session;
-}
-
-std::shared_ptr<const IdleSource::Clip> SessionRegistry::idleClip(const Avatar& avatar) {
-  MutexLock hold(clipsLock_);
-  std::weak_ptr<const IdleSource::Clip>& cached = clips_[avatar.file.string()];
-  if (std::shared_ptr<const IdleSource::Clip> clip = cached.lock()) return clip;
-  std::shared_ptr<const IdleSource::Clip> clip;
-  std::exception_ptr failed;
-  std::thread reader([&] {
-    // Linux keeps a niceness per thread: this one yields to the server's threads (0) and to the
-    // render children (+5) whenever they want the processor.
-    ::setpriority(PRIO_PROCESS, pid_t(::syscall(SYS_gettid)), 10);
-    try {
-      clip = IdleSource::read(avatar.file);
-    } catch (...) {
-      failed = std::current_exception();
-    }
-  });
-  reader.join();
-  if (failed) std::rethrow_exception(failed);
-  cached = clip;
-  return clip;
 }
 
 Admission::Refusal SessionRegistry::readiness() const {
@@ -141,11 +120,27 @@ std::shared_ptr<LiveSession> SessionRegistry::find(const std::string& id) const 
 }
 
 bool SessionRegistry::remove(const std::string& id) {
-  std::shared_ptr<LiveSession> session = find(id);
-  if (!session) return false;
-  session->end("the session was deleted", "deleted");
+  if (!looksLikeId(id)) return false;
+  {
+    MutexLock hold(lock_);
+    const auto it = sessions_.find(id);
+    if (it == sessions_.end() || it->second->ended()) return false;
+    it->second->end("the session was deleted", "deleted");
+    retire(it);  // out of the count at once: its place is free for the next session
+  }
   wake_.notify_all();
   return true;
+}
+
+void SessionRegistry::retire(std::map<std::string, std::shared_ptr<LiveSession>>::iterator it) {
+  endedReasons_[it->first] = it->second->status().value("ended_reason", "");
+  endedOrder_.push_back(it->first);
+  if (endedOrder_.size() > 256) {
+    endedReasons_.erase(endedOrder_.front());
+    endedOrder_.erase(endedOrder_.begin());
+  }
+  retired_.push_back(std::move(it->second));
+  sessions_.erase(it);
 }
 
 std::string SessionRegistry::endedReason(const std::string& id) const {
@@ -166,12 +161,15 @@ std::size_t SessionRegistry::size() const {
 
 void SessionRegistry::endAll() {
   std::map<std::string, std::shared_ptr<LiveSession>> all;
+  std::vector<std::shared_ptr<LiveSession>> retired;
   {
     MutexLock hold(lock_);
     all.swap(sessions_);
+    retired.swap(retired_);
   }
   for (auto& [id, session] : all) session->end("the server is shutting down", "shutdown");
   all.clear();  // each destructor joins its threads and ends its child
+  retired.clear();
 }
 
 void SessionRegistry::reap() {
@@ -189,19 +187,11 @@ void SessionRegistry::reap() {
         if (!s.ended() && s.idleSeconds() > double(idleTimeout_.count())) {
           s.end("the session was idle for " + std::to_string(idleTimeout_.count()) + " s", "idle");
         }
-        if (s.ended()) {
-          endedReasons_[it->first] = s.status().value("ended_reason", "");
-          endedOrder_.push_back(it->first);
-          if (endedOrder_.size() > 256) {
-            endedReasons_.erase(endedOrder_.front());
-            endedOrder_.erase(endedOrder_.begin());
-          }
-          done.push_back(std::move(it->second));
-          it = sessions_.erase(it);
-        } else {
-          ++it;
-        }
+        const auto next = std::next(it);
+        if (s.ended()) retire(it);
+        it = next;
       }
+      done.swap(retired_);
     }
     if (!done.empty() || Clock::now() >= nextLook) {
       observe(snapshot(), done);

@@ -17,6 +17,7 @@
 
 #include "admission.h"
 #include "engine/thread_annotations.h"
+#include "idle_clips.h"
 #include "live_session.h"
 #include "server_metrics.h"
 
@@ -24,18 +25,22 @@ namespace lumora2::serve {
 
 class SessionRegistry {
  public:
+  // `clipBudget`: bytes of decoded idle clips kept for sessions to come (IdleClips).
   SessionRegistry(SessionOptions options, Admission& admission, ServerMetrics& metrics,
-                  std::chrono::seconds idleTimeout);
+                  std::chrono::seconds idleTimeout, std::size_t clipBudget);
   ~SessionRegistry();  // ends every session and waits for them
 
   // Throws SessionError 503 (with the refusal's reason) when the admission refuses a session.
+  // Returns at once: the child warms up and the idle clip is read while the viewer connects.
   std::shared_ptr<LiveSession> create(const Avatar& avatar) LUMORA2_EXCLUDES(lock_);
+  // Reads the avatars' idle clips ahead of their first session (as far as the budget allows).
+  void preload(const std::vector<Avatar>& avatars) { clips_.preload(avatars); }
   // The live session with that id, or null (unknown, ended, or not an id at all).
   std::shared_ptr<LiveSession> find(const std::string& id) const LUMORA2_EXCLUDES(lock_);
   // Why the session of that id ended, while the registry remembers it (the last 256 ended
   // sessions); empty otherwise.
   std::string endedReason(const std::string& id) const LUMORA2_EXCLUDES(lock_);
-  // Ends the session; false when there is none of that id.
+  // Ends the session and takes it out of the count at once; false when there is none of that id.
   bool remove(const std::string& id) LUMORA2_EXCLUDES(lock_);
   std::size_t size() const LUMORA2_EXCLUDES(lock_);
   // Ends every session and waits until each is destroyed.
@@ -62,11 +67,9 @@ class SessionRegistry {
   void observe(const std::vector<std::shared_ptr<LiveSession>>& live,
                const std::vector<std::shared_ptr<LiveSession>>& ended);
   std::vector<std::shared_ptr<LiveSession>> snapshot() const LUMORA2_EXCLUDES(lock_);
-  // The avatar's idle clip: the one its live sessions share, or read now on a thread of low
-  // priority, so that a newcomer's second of decoding never takes processor time the sessions
-  // already speaking need.
-  std::shared_ptr<const IdleSource::Clip> idleClip(const Avatar& avatar)
-      LUMORA2_EXCLUDES(clipsLock_);
+  // Takes an ended session out of the map (the reaper destroys it); its reason is remembered.
+  void retire(std::map<std::string, std::shared_ptr<LiveSession>>::iterator it)
+      LUMORA2_REQUIRES(lock_);
 
   const SessionOptions options_;
   Admission& admission_;
@@ -78,9 +81,9 @@ class SessionRegistry {
   bool stopping_ LUMORA2_GUARDED_BY(lock_) = false;
   std::map<std::string, std::string> endedReasons_ LUMORA2_GUARDED_BY(lock_);
   std::vector<std::string> endedOrder_ LUMORA2_GUARDED_BY(lock_);
-  Mutex clipsLock_;  // guards clips_; held while a clip is read, so that each is read once
-  std::map<std::string, std::weak_ptr<const IdleSource::Clip>> clips_
-      LUMORA2_GUARDED_BY(clipsLock_);
+  // Ended sessions out of the map, waiting for the reaper to destroy them (and report them).
+  std::vector<std::shared_ptr<LiveSession>> retired_ LUMORA2_GUARDED_BY(lock_);
+  IdleClips clips_;
 
   // The reaper thread's alone: each session's counters and child at the last look, and the
   // processor time and frames gathered towards the next measurement.

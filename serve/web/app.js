@@ -1,12 +1,13 @@
-// The live page: lists the avatars, starts a session (WHEP: the complete offer in, the complete
-// answer out), plays it, sends typed text, an audio file or a microphone recording as speech, and
-// shows live figures. Both received tracks play from one MediaStream on one <video>, so the browser keeps
-// sound and pictures in sync. window.lumora2 exposes the session for tests and for the curious.
-'use strict';
+// The live page: lists the avatars, starts a session and plays it (client.js: WHEP, both tracks
+// on one <video>), says typed text, speaks an audio file or a microphone recording, stops the
+// avatar mid-sentence, and shows live figures and the session's events. window.lumora2 exposes
+// the session for tests and for the curious.
+import { Session } from '/client.js';
 
 const $ = (id) => document.getElementById(id);
 const token = new URLSearchParams(location.hash.slice(1)).get('token');
-const state = { session: null, pc: null, stream: null, video: $('video'), poll: null, recorder: null };
+const state = { client: null, session: null, pc: null, stream: null, video: $('video'), poll: null,
+  recorder: null, events: [] };
 window.lumora2 = state;
 
 function say(text) { $('message').textContent = text || ''; }
@@ -45,13 +46,14 @@ async function listAvatars() {
   $('start').disabled = avatars.length === 0;
 }
 
-function gathered(pc) {
-  return new Promise((resolve) => {
-    if (pc.iceGatheringState === 'complete') return resolve();
-    pc.addEventListener('icegatheringstatechange', () => {
-      if (pc.iceGatheringState === 'complete') resolve();
-    });
-  });
+// One line of the event log, newest first, at most 50.
+function logEvent(event) {
+  state.events.push(event);
+  const { event: name, id, ...fields } = event;
+  const line = document.createElement('li');
+  line.textContent = `${id} ${name} ${JSON.stringify(fields)}`;
+  $('events').prepend(line);
+  while ($('events').children.length > 50) $('events').lastChild.remove();
 }
 
 async function start() {
@@ -60,34 +62,19 @@ async function start() {
   say('');
   $('start').disabled = true;
   try {
-    const session = await (await api('/v1/sessions', {
-      method: 'POST', headers: { 'Content-Type': 'application/json' },
-      body: JSON.stringify({ avatar: chosen.value }),
-    })).json();
-    state.session = session;
-    const pc = new RTCPeerConnection();
-    state.pc = pc;
-    state.stream = new MediaStream();
-    state.video.srcObject = state.stream;
-    pc.addTransceiver('video', { direction: 'recvonly' });
-    pc.addTransceiver('audio', { direction: 'recvonly' });
-    pc.ontrack = (event) => {
-      state.stream.addTrack(event.track);
-      state.video.play().catch(() => say('press play to hear the sound'));
-    };
-    pc.onconnectionstatechange = () => {
-      if (pc.connectionState === 'failed' || pc.connectionState === 'closed') ended('the connection ' + pc.connectionState);
-    };
-    await pc.setLocalDescription(await pc.createOffer());
-    await gathered(pc);
-    const answer = await (await api(session.urls.whep, {
-      method: 'POST', headers: { 'Content-Type': 'application/sdp' }, body: pc.localDescription.sdp,
-    })).text();
-    await pc.setRemoteDescription({ type: 'answer', sdp: answer });
-    $('stop').disabled = false;
-    $('text').disabled = false;
-    $('send').disabled = false;
-    $('file').disabled = false;
+    const client = await Session.create({ avatar: chosen.value, token });
+    state.client = client;
+    state.session = client.info;
+    client.on('*', logEvent);
+    client.on('session_ended', (e) => ended(e.reason));
+    const pc = client.play(state.video);
+    state.pc = client.pc;
+    state.stream = client.stream;
+    await pc;
+    client.pc.addEventListener('connectionstatechange', () => {
+      if (client.pc.connectionState === 'failed') say('the connection failed');
+    });
+    for (const id of ['stop', 'interrupt', 'text', 'send', 'file']) $(id).disabled = false;
     $('record').disabled = !(navigator.mediaDevices && window.MediaRecorder);
     state.poll = setInterval(figures, 500);
   } catch (error) {
@@ -127,29 +114,38 @@ function ended(reason) {
 
 function teardown() {
   clearInterval(state.poll);
+  if (state.client && state.client.events) state.client.events.close();
   if (state.pc) state.pc.close();
   if (state.recorder && state.recorder.state !== 'inactive') state.recorder.stop();
+  state.client = null;
   state.session = null;
   state.pc = null;
   $('start').disabled = false;
-  $('stop').disabled = true;
-  $('text').disabled = true;
-  $('send').disabled = true;
-  $('file').disabled = true;
-  $('record').disabled = true;
+  for (const id of ['stop', 'interrupt', 'text', 'send', 'file', 'record']) $(id).disabled = true;
   $('figures').textContent = 'no session';
 }
 
 async function stop() {
-  const session = state.session;
+  const client = state.client;
   teardown();
-  if (session) await api(session.urls.session, { method: 'DELETE' }).catch(() => {});
+  if (client) await client.close();
+}
+
+// Cuts the avatar off mid-sentence: what it was saying stops at the next frame.
+async function interrupt() {
+  if (!state.client) return;
+  try {
+    const cut = await state.client.interrupt();
+    say(cut.interrupted ? `stopped after ${(cut.samples_played / 16000).toFixed(1)} s` : 'nothing to stop');
+  } catch (error) {
+    say('could not stop: ' + error.message);
+  }
 }
 
 async function speak(blob) {
-  if (!state.session) return;
+  if (!state.client) return;
   try {
-    const { duration } = await (await api(state.session.urls.speech, { method: 'POST', body: blob })).json();
+    const { duration } = await state.client.speak(blob);
     say(`speaking ${duration.toFixed(1)} s`);
   } catch (error) {
     say('could not speak: ' + error.message);
@@ -160,11 +156,9 @@ async function speak(blob) {
 async function sayText(event) {
   event.preventDefault();
   const text = $('text').value;
-  if (!state.session || !text.trim()) return;
+  if (!state.client || !text.trim()) return;
   try {
-    const { duration } = await (await api(state.session.urls.say, {
-      method: 'POST', headers: { 'Content-Type': 'application/json' }, body: JSON.stringify({ text }),
-    })).json();
+    const { duration } = await state.client.say(text);
     $('text').value = '';
     say(`saying ${duration.toFixed(1)} s`);
   } catch (error) {
@@ -192,6 +186,7 @@ async function record() {
 
 $('start').addEventListener('click', start);
 $('stop').addEventListener('click', stop);
+$('interrupt').addEventListener('click', interrupt);
 $('say').addEventListener('submit', sayText);
 $('file').addEventListener('change', () => { if ($('file').files[0]) speak($('file').files[0]); });
 $('record').addEventListener('click', () => record().catch((e) => say('microphone: ' + e.message)));

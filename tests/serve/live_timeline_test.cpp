@@ -179,10 +179,13 @@ INSTANTIATE_TEST_SUITE_P(Renderers, LiveTimelineOnAFastClock,
 
 // Streamed speech, as a voice sends it while it speaks: the simulated child renders as the real
 // one does, a chunk's frames only once the chunk's sound has all been sent to it
-// (wire::samplesBeforeFrame), and the rest when the stream ends. The stream must start late enough
-// that none of its frames is ever missing when due, and no later than that needs.
+// (wire::samplesBeforeFrame), and the rest when the stream ends, and it waits while the session
+// holds as many rendered frames as it may (200). The stream must start late enough that none of
+// its frames is ever missing when due, and no later than that needs.
 struct Voice {
   double speed;        // seconds of sound sent per second
+  double fps;          // the child's speed
+  std::size_t frames;  // the stream's length
   double latestStart;  // the latest its first frame may play, in seconds after its first sample
   const char* name;
 };
@@ -193,8 +196,10 @@ TEST_P(StreamedSpeech, StartsAsSoonAsItCanWithoutAStall) {
   const Voice voice = GetParam();
   IdleSource idle(family::test::generatedFamily().root / "ava.avatar");
   LiveTimeline timeline(idle);
-  constexpr std::size_t kFrames = 230;  // 11.5 s: six chunks and a piece
-  constexpr double kLatency = 0.08, kFps = 100;
+  constexpr std::size_t kCap = 200;
+  timeline.setAheadCap(kCap);
+  const std::size_t kFrames = voice.frames;
+  const double kLatency = 0.08, kFps = voice.fps;
   const auto seconds = [](double s) {
     return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(s));
   };
@@ -234,7 +239,7 @@ TEST_P(StreamedSpeech, StartsAsSoonAsItCanWithoutAStall) {
            (flushed || wire::samplesBeforeFrame(renderable.size()) <= sent)) {
       renderable.push_back(now);
     }
-    while (made < renderable.size()) {
+    while (made < renderable.size() && timeline.framesAhead() < kCap) {
       const Clock::time_point at =
           std::max(renderable[made] + seconds(kLatency), lastMade + seconds(1 / kFps));
       if (at > now) break;
@@ -245,7 +250,7 @@ TEST_P(StreamedSpeech, StartsAsSoonAsItCanWithoutAStall) {
     }
     if (made == kFrames) timeline.segmentDone(id, 0, now);
   };
-  for (std::size_t n = 0; n < 20 * 20; ++n) {
+  for (std::size_t n = 0; n < 20 * 40; ++n) {
     tick(std::chrono::milliseconds(50));
     while (!timeline.next(frame, now)) {
       ++stalls;
@@ -267,10 +272,16 @@ TEST_P(StreamedSpeech, StartsAsSoonAsItCanWithoutAStall) {
 }
 
 // Sent in real time, the second chunk's first frame (1.1 s in) needs 3.2 s of sound: the stream
-// starts after about 2.3 s. A voice three times faster than real time starts within a second.
+// starts after about 2.3 s. A voice three times faster than real time starts within a second. A
+// text made at once (hundreds of times faster than spoken) and longer than the frames the session
+// holds starts as soon as its first frames are there, before any speed was measured; rendered
+// just faster than real time, it starts once the session holds all it may.
 INSTANTIATE_TEST_SUITE_P(Voices, StreamedSpeech,
-                         ::testing::Values(Voice{1.0, 2.5, "RealTime"},
-                                           Voice{3.0, 1.0, "ThreeTimesRealTime"}),
+                         ::testing::Values(Voice{1.0, 100, 230, 2.5, "RealTime"},
+                                           Voice{3.0, 100, 230, 1.0, "ThreeTimesRealTime"},
+                                           Voice{600.0, 100, 300, 0.5, "LongTextMadeAtOnce"},
+                                           Voice{600.0, 21, 300, 10.5,
+                                                 "LongTextRenderedJustInTime"}),
                          [](const auto& param) { return std::string(param.param.name); });
 
 }  // namespace

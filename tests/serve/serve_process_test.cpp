@@ -24,163 +24,14 @@
 #include <thread>
 #include <vector>
 
-#include "family_fixture.h"
 #include "render_test_support.h"
-
-extern char** environ;
+#include "serve_support.h"
 
 namespace lumora2::family::test {
 namespace {
 
 namespace fs = std::filesystem;
-namespace beast = boost::beast;
-namespace http = beast::http;
-namespace websocket = beast::websocket;
-namespace net = boost::asio;
-using tcp = net::ip::tcp;
 using ::testing::HasSubstr;
-using Clock = std::chrono::steady_clock;
-
-struct Reply {
-  int status = 0;
-  std::string body;
-  std::map<std::string, std::string> headers;
-  nlohmann::json json() const { return nlohmann::json::parse(body, nullptr, false); }
-  std::string header(const std::string& name) const {
-    const auto it = headers.find(name);
-    return it == headers.end() ? "" : it->second;
-  }
-};
-
-// One running lumora2-serve; ended with SIGTERM (or killed, should that fail) on destruction.
-class Server {
- public:
-  explicit Server(const std::vector<std::string>& extra, const fs::path& tmp = {},
-                  const std::vector<std::string>& env = {},
-                  const fs::path& family = generatedFamily().root) {
-    std::vector<std::string> args = {
-        LUMORA2_SERVE_BIN, "--engine",      (family / "vivra.model").string(),
-        "--avatars",       family.string(), "--listen",
-        "127.0.0.1:0",     "--host",        LUMORA2_MODEL_BIN};
-    args.insert(args.end(), extra.begin(), extra.end());
-    int out[2];
-    EXPECT_EQ(::pipe(out), 0);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-    posix_spawn_file_actions_addclose(&actions, out[0]);
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    std::vector<std::string> environment(env);
-    for (char** e = environ; *e != nullptr; ++e) {
-      if (tmp.empty() || std::strncmp(*e, "TMPDIR=", 7) != 0) environment.emplace_back(*e);
-    }
-    if (!tmp.empty()) environment.push_back("TMPDIR=" + tmp.string());
-    std::vector<char*> envp;
-    for (std::string& e : environment) envp.push_back(e.data());
-    envp.push_back(nullptr);
-    EXPECT_EQ(posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), envp.data()), 0);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(out[1]);
-    // "lumora2-serve: listening on http://127.0.0.1:PORT/ …"
-    std::string line;
-    char c = 0;
-    while (::read(out[0], &c, 1) == 1 && c != '\n') line += c;
-    out_ = out[0];
-    const std::size_t colon = line.rfind(':', line.find("/ "));
-    if (line.find("listening on") != std::string::npos && colon != std::string::npos) {
-      port_ = static_cast<unsigned short>(std::stoi(line.substr(colon + 1)));
-    }
-    EXPECT_NE(port_, 0) << "lumora2-serve did not start: " << line;
-  }
-  ~Server() {
-    if (pid_ > 0) {
-      ::kill(pid_, SIGTERM);
-      if (waitFor(std::chrono::seconds(30)) < 0) {
-        ::kill(pid_, SIGKILL);
-        waitFor(std::chrono::seconds(5));
-      }
-    }
-    if (out_ >= 0) ::close(out_);
-  }
-
-  // The exit status, or -1 when it has not exited within `limit`.
-  int waitFor(std::chrono::seconds limit) {
-    const auto deadline = Clock::now() + limit;
-    int raw = 0;
-    while (Clock::now() < deadline) {
-      if (::waitpid(pid_, &raw, WNOHANG) == pid_) {
-        pid_ = -1;
-        return WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return -1;
-  }
-  pid_t pid() const { return pid_; }
-  unsigned short port() const { return port_; }
-
-  Reply call(http::verb method, const std::string& target, const std::string& body = "",
-             const std::map<std::string, std::string>& headers = {}) const {
-    net::io_context io;
-    beast::tcp_stream stream(io);
-    stream.expires_after(std::chrono::seconds(30));
-    stream.connect(tcp::endpoint(net::ip::make_address("127.0.0.1"), port_));
-    http::request<http::string_body> req{method, target, 11};
-    req.set(http::field::host, "127.0.0.1");
-    for (const auto& [k, v] : headers) req.set(k, v);
-    req.body() = body;
-    req.prepare_payload();
-    Reply reply;
-    beast::error_code ec;
-    http::write(stream, req, ec);
-    beast::flat_buffer buffer;
-    http::response<http::string_body> res;
-    http::read(stream, buffer, res, ec);
-    if (ec) return reply;  // status 0: no answer
-    reply.status = int(res.result_int());
-    reply.body = res.body();
-    for (const auto& field : res) reply.headers[std::string(field.name_string())] = field.value();
-    return reply;
-  }
-
-  // Creates a session and waits until its child is ready; its status JSON.
-  nlohmann::json readySession(const std::string& avatar) const {
-    const Reply created = call(http::verb::post, "/v1/sessions", R"({"avatar":")" + avatar + "\"}",
-                               {{"Content-Type", "application/json"}});
-    EXPECT_EQ(created.status, 201) << created.body;
-    const std::string id = created.json().value("id", "");
-    const auto deadline = Clock::now() + std::chrono::seconds(60);
-    nlohmann::json status;
-    while (Clock::now() < deadline) {
-      status = call(http::verb::get, "/v1/sessions/" + id).json();
-      if (status.value("child", "") == "ready") break;
-      std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    EXPECT_EQ(status.value("child", ""), "ready") << status.dump();
-    return status;
-  }
-
- private:
-  pid_t pid_ = -1;
-  int out_ = -1;
-  unsigned short port_ = 0;
-};
-
-bool alive(pid_t pid) { return pid > 0 && ::kill(pid, 0) == 0; }
-
-std::string fileBytes(const fs::path& path) { return readFile(path); }
-
-// A short spoken-like recording: tone bursts, as a 16-bit WAV.
-std::string speechWav(const fs::path& dir, double seconds = 2.0) {
-  std::vector<float> audio(std::size_t(seconds * kRate), 0.0f);
-  for (std::size_t i = kRate / 4; i < audio.size() * 3 / 4; ++i) {
-    audio[i] = float(0.3 * std::sin(2 * M_PI * 220.0 * double(i) / kRate));
-  }
-  writeWav(dir / "speech.wav", audio);
-  return fileBytes(dir / "speech.wav");
-}
 
 // Every malformed request, while a live session carries on.
 struct BadRequest {
@@ -314,9 +165,9 @@ TEST(Serve, AskedForATokenRefusesEveryCallWithoutIt) {
 
 TEST(Serve, WhenFullSaysSoAndWhenToComeBack) {
   Server server({"--max-sessions", "1"});
-  const std::string body = R"({"avatar":"ava"})";
-  EXPECT_EQ(server.call(http::verb::post, "/v1/sessions", body).status, 201);
-  const Reply full = server.call(http::verb::post, "/v1/sessions", body);
+  const nlohmann::json body{{"avatar", "ava"}};
+  EXPECT_EQ(server.postJson("/v1/sessions", body).status, 201);
+  const Reply full = server.postJson("/v1/sessions", body);
   EXPECT_EQ(full.status, 503);
   EXPECT_FALSE(full.header("Retry-After").empty());
   EXPECT_THAT(full.json().value("error", ""), HasSubstr("full"));
@@ -340,6 +191,15 @@ TEST(Serve, AChildKilledEndsOnlyItsOwnSession) {
   ASSERT_TRUE(alive(childB));
   ASSERT_NE(childA, childB);
   EXPECT_EQ(b.value("avatar", ""), "bram");
+  // A child holds nothing of the server's: a client connection it inherited would outlive the
+  // server's own end of it and swallow the requests sent on it.
+  for (const pid_t child : {childA, childB}) {
+    for (const auto& fd : fs::directory_iterator("/proc/" + std::to_string(child) + "/fd")) {
+      std::error_code ec;
+      EXPECT_THAT(fs::read_symlink(fd.path(), ec).string(), ::testing::Not(HasSubstr("socket:")))
+          << "the child holds " << fd.path();
+    }
+  }
 
   ::kill(childA, SIGKILL);
   Reply gone;
@@ -372,18 +232,8 @@ TEST(Serve, AChildKilledEndsOnlyItsOwnSession) {
 TEST(Serve, TheAudioSocketTakesPcmAndRefusesText) {
   Server server({});
   const nlohmann::json session = server.readySession("ava");
-  const std::string path = "/v1/sessions/" + session.value("id", "") + "/audio";
   net::io_context io;
-  auto open = [&] {
-    auto ws = std::make_unique<websocket::stream<beast::tcp_stream>>(io);
-    beast::get_lowest_layer(*ws).expires_after(std::chrono::seconds(20));
-    beast::get_lowest_layer(*ws).connect(
-        tcp::endpoint(net::ip::make_address("127.0.0.1"), server.port()));
-    beast::get_lowest_layer(*ws).expires_never();
-    ws->set_option(websocket::stream_base::timeout::suggested(beast::role_type::client));
-    ws->handshake("127.0.0.1", path);
-    return ws;
-  };
+  auto open = [&] { return server.audioSocket(io, session.value("id", "")); };
   {
     auto ws = open();
     std::vector<std::int16_t> pcm(8000);
@@ -394,9 +244,7 @@ TEST(Serve, TheAudioSocketTakesPcmAndRefusesText) {
     for (int k = 0; k < 3; ++k) ws->write(net::buffer(pcm.data(), pcm.size() * 2));
     ws->text(true);
     ws->write(net::buffer(std::string(R"({"end": true})")));
-    beast::flat_buffer buffer;
-    ws->read(buffer);
-    const auto reply = nlohmann::json::parse(beast::buffers_to_string(buffer.data()));
+    const nlohmann::json reply = readAnswer(*ws);
     EXPECT_DOUBLE_EQ(reply.value("duration", 0.0), 1.5) << reply.dump();
     EXPECT_GE(reply.value("utterance", 0), 1);
     ws->close(websocket::close_code::normal);
@@ -405,10 +253,9 @@ TEST(Serve, TheAudioSocketTakesPcmAndRefusesText) {
     auto ws = open();
     ws->text(true);
     ws->write(net::buffer(std::string("hello")));
-    beast::flat_buffer buffer;
-    ws->read(buffer);
-    EXPECT_THAT(beast::buffers_to_string(buffer.data()), HasSubstr("PCM goes in binary messages"));
+    EXPECT_THAT(readAnswer(*ws).value("error", ""), HasSubstr("PCM goes in binary messages"));
     beast::error_code ec;
+    beast::flat_buffer buffer;
     ws->read(buffer, ec);
     EXPECT_EQ(ec, websocket::error::closed);
   }
@@ -433,9 +280,7 @@ TEST(Serve, SaysTextInTheAvatarsVoice) {
   const std::string id = session.value("id", "");
   const std::string text =
       "Hello there. I am Ava. I say what you type. Every word moves my mouth. Goodbye for now.";
-  const Reply said =
-      server.call(http::verb::post, "/v1/sessions/" + id + "/say",
-                  nlohmann::json{{"text", text}}.dump(), {{"Content-Type", "application/json"}});
+  const Reply said = server.postJson("/v1/sessions/" + id + "/say", {{"text", text}});
   ASSERT_EQ(said.status, 202) << said.body;
   const nlohmann::json receipt = said.json();
   EXPECT_GE(receipt.value("utterance", 0), 1);
@@ -449,6 +294,10 @@ TEST(Serve, SaysTextInTheAvatarsVoice) {
   ASSERT_TRUE(status["say_first_sentence_ms"].is_number()) << status.dump();
   EXPECT_LT(status["say_first_sentence_ms"].get<double>(), 1000.0);
   EXPECT_TRUE(status["say_to_first_frame_ms"].is_null()) << "no viewer, no frame sent";
+  // The child renders the text ahead of a viewer: its speed is measured on it.
+  const nlohmann::json rendered =
+      server.awaitStatus(id, [](const auto& s) { return s.value("render_fps", 0.0) > 0; });
+  EXPECT_GT(rendered.value("render_fps", 0.0), 20.0) << rendered.dump();
 }
 
 // --voice gives every avatar that voice; a voice that is not installed stops the server at once.
