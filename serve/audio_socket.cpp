@@ -21,7 +21,9 @@ class AudioSocket : public std::enable_shared_from_this<AudioSocket> {
         slot_(std::move(slot)),
         session_(std::move(session)),
         floats_(floats),
-        limits_(limits) {}
+        limits_(limits),
+        // Events from the upgrade on: those that come during the handshake are not missed.
+        seen_(session_->events().lastId()) {}
 
   ~AudioSocket() {
     subscription_.reset();
@@ -49,7 +51,7 @@ class AudioSocket : public std::enable_shared_from_this<AudioSocket> {
   void listen() {
     std::weak_ptr<AudioSocket> weak = weak_from_this();
     auto executor = ws_.get_executor();
-    subscription_ = session_->events().subscribe(0, [weak, executor](const SessionEvent& event) {
+    subscription_ = session_->events().subscribe(seen_, [weak, executor](const SessionEvent& event) {
       std::string text = jsonText(event.message());
       const bool last = event.name == "session_ended";
       net::post(executor, [weak, text = std::move(text), last]() mutable {
@@ -178,6 +180,7 @@ class AudioSocket : public std::enable_shared_from_this<AudioSocket> {
   bool writing_ = false;
   bool closing_ = false;
   websocket::close_code closeCode_ = websocket::close_code::normal;
+  std::uint64_t seen_;
   std::unique_ptr<SessionEvents::Subscription> subscription_;
 };
 

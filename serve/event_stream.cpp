@@ -108,13 +108,14 @@ class EventStream : public std::enable_shared_from_this<EventStream> {
 
 void serveEventStream(tcp::socket socket, SlotPtr slot, const Request& req,
                       std::shared_ptr<LiveSession> session, HttpServer::Impl& server) {
-  std::uint64_t after = 0;
+  // After the last event the caller saw; without one, from now on.
+  std::uint64_t after = session->events().lastId();
   std::string last(req["Last-Event-ID"]);
   if (last.empty()) last = queryValue(req.target(), "last_event_id");
   try {
-    after = last.empty() ? 0 : std::stoull(last);
+    if (!last.empty()) after = std::min<std::uint64_t>(std::stoull(last), after);
   } catch (const std::exception&) {
-    after = 0;  // an id this server never gave: from now on
+    // an id this server never gave: from now on
   }
   // The body has no length: it ends with the connection.
   Response cors;

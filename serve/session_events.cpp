@@ -26,10 +26,8 @@ std::unique_ptr<SessionEvents::Subscription> SessionEvents::subscribe(std::uint6
                                                                       bool* gap) {
   MutexLock hold(lock_);
   if (gap != nullptr) *gap = after > 0 && !kept_.empty() && kept_.front().id > after + 1;
-  if (after > 0) {
-    for (const SessionEvent& event : kept_) {
-      if (event.id > after) listener(event);
-    }
+  for (const SessionEvent& event : kept_) {
+    if (event.id > after) listener(event);
   }
   const std::uint64_t key = nextKey_++;
   listeners_.emplace(key, std::move(listener));

@@ -49,7 +49,8 @@ class SessionEvents {
     SessionEvents* events_;
     std::uint64_t key_;
   };
-  // Hands the listener every kept event after `after` (0: none of the past), then every new one.
+  // Hands the listener every kept event after `after` (lastId() when called: none of the past),
+  // then every new one.
   // `gap` is set when events after `after` were no longer kept.
   std::unique_ptr<Subscription> subscribe(std::uint64_t after, Listener listener,
                                           bool* gap = nullptr) LUMORA2_EXCLUDES(lock_);

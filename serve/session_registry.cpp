@@ -55,7 +55,7 @@ bool SessionRegistry::looksLikeId(const std::string& text) {
 }
 
 std::shared_ptr<LiveSession> SessionRegistry::create(const Avatar& avatar) {
-  auto admit = [this] {
+  auto admit = [this]() LUMORA2_REQUIRES(lock_) {
     const std::size_t active = sessions_.size();
     const Admission::Refusal refusal = admission_.check(active);
     if (refusal == Admission::Refusal::none) return;

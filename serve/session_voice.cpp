@@ -89,7 +89,7 @@ void LiveSession::voiceLoop() {
     bool finish = false;
     {
       MutexLock hold(lock_);
-      auto ready = [&] {
+      auto ready = [&]() LUMORA2_REQUIRES(lock_) {
         if (textJobs_.empty()) return false;
         const TextJob& front = *textJobs_.front();
         return !front.pending.empty() || front.closed || front.cancelled || front.tooLong;
@@ -108,8 +108,8 @@ void LiveSession::voiceLoop() {
       continue;
     }
     std::vector<render::Voice::WordMark> words;
+    const std::size_t before = job->made;
     try {
-      const std::size_t before = job->made;
       voice_.speakOne(
           sentence, job->first,
           [&](const float* samples, std::size_t count) {
@@ -135,6 +135,12 @@ void LiveSession::voiceLoop() {
       job->first = false;
     } catch (const std::exception&) {
       // What was made is spoken; this sentence is left out.
+    }
+    if (job->made > before) {
+      events_.publish("sentence_made", {{"utterance", job->item},
+                                        {"text", sentence.text},
+                                        {"start", before},
+                                        {"end", job->made}});
     }
     changed_.notify_all();
   }

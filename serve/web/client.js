@@ -182,7 +182,7 @@ export class Session {
   }
 }
 
-export const EVENT_NAMES = ['utterance_queued', 'utterance_made', 'utterance_started',
+export const EVENT_NAMES = ['utterance_queued', 'sentence_made', 'utterance_made', 'utterance_started',
   'utterance_finished', 'utterance_interrupted', 'stall', 'viewer_connected', 'viewer_left',
   'child_respawned', 'session_ended'];
 

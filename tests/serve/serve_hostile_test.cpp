@@ -276,6 +276,7 @@ TEST(HostileLifecycle, AnEndedSessionClosesItsSocketsAndFreesItsPlaceAtOnce) {
   const std::string id = server.readySession("ava").value("id", "");
   net::io_context io;
   auto ws = server.audioSocket(io, id);
+  beast::get_lowest_layer(*ws).expires_after(std::chrono::seconds(20));
   EXPECT_EQ(server.call(http::verb::delete_, "/v1/sessions/" + id).status, 204);
   EXPECT_EQ(server.postJson("/v1/sessions", {{"avatar", "ava"}}).status, 201)
       << "the deleted session still counted";
