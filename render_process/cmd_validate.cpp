@@ -73,8 +73,9 @@ std::vector<std::vector<std::uint8_t>> collectFrames(Lumora2Engine& engine) {
       }
       break;
     }
-    if (auto item = engine.pullPos()) {
-      frames.push_back(std::move(item->frame));
+    std::vector<std::uint8_t> frame(Lumora2Engine::kFrameBytes);
+    if (engine.pullInto(frame)) {
+      frames.push_back(std::move(frame));
     } else {
       std::this_thread::sleep_for(kPollPause);
     }
@@ -89,6 +90,8 @@ int renderValidate(const Positionals& positionals, const Options& options) {
   const fs::path enginePath = *option(options, "engine");
   const double minSharp = decimalOption(options, "min-sharp", kDefaultMinSharp);
   const double onsetRatio = decimalOption(options, "onset-ratio", kDefaultOnsetRatio);
+  // The environment is read here, once; the engine is handed what it says.
+  const EngineSettings settings = EngineSettings::fromEnvironment();
 
   // Swapped files are named as such; then the format tags.
   const RenderManifests manifests = readRenderManifests(enginePath, avatarPath);
@@ -112,16 +115,12 @@ int renderValidate(const Positionals& positionals, const Options& options) {
         " compatible · checksums OK");
 
   const ScratchDir scratch("");
-  const std::optional<std::vector<float>> warmSpeech =
-      stageForRendering(enginePath, avatarPath, scratch.path());
-  const fs::path engineDir = scratch.path() / "engine";
+  const StagedRender staged = stageForRendering(enginePath, avatarPath, scratch.path());
   print("  warming up (this loads + compiles the graphs)…");
-  std::shared_ptr<Lumora2Engine> engine = Lumora2Engine::create();
-  engine->warmUp(warmSpeech);
-  if (!engine->isReady())
-    throw Err("warmUp failed — engine not ready (missing/incompatible graphs?)");
+  std::shared_ptr<Lumora2Engine> engine = warmEngine(staged, settings);
+  if (!engine) throw Err("warmUp failed — engine not ready (missing/incompatible graphs?)");
 
-  const std::vector<float> testSpeech = loadWav(engineDir / "warm.wav");
+  const std::vector<float> testSpeech = loadWav(staged.engineDir / "warm.wav");
   engine->resetState(true);
   engine->feed(testSpeech);
   const std::vector<std::vector<std::uint8_t>> frames = collectFrames(*engine);
@@ -133,7 +132,7 @@ int renderValidate(const Positionals& positionals, const Options& options) {
   std::vector<double> sharp;
   sharp.reserve(frames.size());
   for (const auto& frame : frames)
-    sharp.push_back(sharpness(frame, engine->width(), engine->height()));
+    sharp.push_back(sharpness(frame, Lumora2Engine::kWidth, Lumora2Engine::kHeight));
   const std::size_t n = sharp.size();
   const std::size_t span = std::min<std::size_t>(10, n);
   const double onset = meanOf(sharp, 0, span);

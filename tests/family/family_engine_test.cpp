@@ -14,8 +14,7 @@
 #include "engine/lumora2_engine.h"
 #include "family/identity.h"
 #include "family/portrait.h"
-#include "family_fixture.h"
-#include "model_resolution.h"
+#include "family_engines.h"
 #include "support/harness.h"
 
 namespace lumora2::family::test {
@@ -42,20 +41,18 @@ std::vector<float> tone(std::int64_t count, float amplitude = 0.3f) {
 class FamilyEngine : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    const GeneratedFamily& family = generatedFamily();
-    ::setenv("LUMORA2_MLMODELC_CACHE", (family.root / "engine-test-cache").c_str(), 1);
-    ::setenv("MORVANE_VIVRA_DIR", family.engine().c_str(), 1);
+    settings_ = new EngineSettings(familySettings("engine-test-cache"));
+    lumora2::testing::StderrCapture quiet;
+    graphs_ = new std::shared_ptr<const EngineGraphs>(EngineGraphs::load(*settings_));
   }
 
   // A warmed engine for identity `code`; its warm-up log in *log when asked.
   Engine warmed(const std::string& code = "ava", std::vector<std::string>* log = nullptr) {
-    ModelResolution::setActiveAgentDir(generatedFamily().avatar(code));
-    Engine engine = Lumora2Engine::create();
     StderrCapture capture;
-    engine->warmUp(std::nullopt);
+    Engine engine = engineFor(*graphs_, generatedFamily().avatar(code), *settings_);
     std::vector<std::string> lines = logTexts(capture.finish());
     if (log != nullptr) *log = lines;
-    EXPECT_TRUE(engine->isReady()) << ::testing::PrintToString(lines);
+    EXPECT_TRUE(engine) << ::testing::PrintToString(lines);
     return engine;
   }
 
@@ -63,15 +60,9 @@ class FamilyEngine : public ::testing::Test {
     ASSERT_TRUE(engine->waitForScheduledRenders(std::chrono::seconds(60)));
   }
 
-  static std::vector<Lumora2Engine::PulledItem> drain(const Engine& engine) {
-    std::vector<Lumora2Engine::PulledItem> out;
-    while (auto item = engine->pullPos()) out.push_back(std::move(*item));
-    return out;
-  }
-
-  static std::vector<std::int64_t> positions(const std::vector<Lumora2Engine::PulledItem>& items) {
+  static std::vector<std::int64_t> positions(const std::vector<PulledFrame>& items) {
     std::vector<std::int64_t> out;
-    for (const auto& item : items) out.push_back(item.pos);
+    for (const auto& item : items) out.push_back(item.info.pos);
     return out;
   }
 
@@ -80,6 +71,10 @@ class FamilyEngine : public ::testing::Test {
     for (std::int64_t p = from; p < to; ++p) out.push_back(p);
     return out;
   }
+
+  // Loaded once for every case of the binary; never freed (the graphs outlive every engine).
+  static inline EngineSettings* settings_ = nullptr;
+  static inline std::shared_ptr<const EngineGraphs>* graphs_ = nullptr;
 };
 
 // Chunk 0 gives 22 frames (its first two identical) at 0–21, chunk 1 gives 32 at 22–53; nothing
@@ -91,15 +86,14 @@ TEST_F(FamilyEngine, ChunksYieldTheirFramesInOrder) {
   EXPECT_EQ(engine->queuedFrames(), 0);
   engine->feed(tone(1));
   settle(engine);
-  std::vector<Lumora2Engine::PulledItem> first = drain(engine);
+  std::vector<PulledFrame> first = drain(*engine);
   EXPECT_EQ(positions(first), range(0, 22));
   ASSERT_GE(first.size(), 2u);
-  EXPECT_EQ(first[0].frame, first[1].frame);
-  EXPECT_NE(first[1].frame, first[2].frame);
-  EXPECT_EQ(first[0].frame.size(), Lumora2Engine::kFrameBytes);
+  EXPECT_EQ(first[0].pixels, first[1].pixels);
+  EXPECT_NE(first[1].pixels, first[2].pixels);
   engine->feed(tone(kChunk));
   settle(engine);
-  EXPECT_EQ(positions(drain(engine)), range(22, 54));
+  EXPECT_EQ(positions(drain(*engine)), range(22, 54));
 }
 
 // A flush pads to the next chunk boundary plus one chunk; the frames kept are exactly those whose
@@ -110,9 +104,9 @@ TEST_F(FamilyEngine, FlushKeepsFramesOfRealAudioAndRestartsPositions) {
   engine->feed(tone(30000));
   engine->flushTail();
   settle(engine);
-  std::vector<Lumora2Engine::PulledItem> utterance;
+  std::vector<PulledFrame> utterance;
   while (engine->hasPendingTail() || engine->queuedFrames() > 0) {
-    for (auto& item : drain(engine)) utterance.push_back(std::move(item));
+    for (auto& item : drain(*engine)) utterance.push_back(std::move(item));
     settle(engine);
   }
   EXPECT_EQ(positions(utterance), range(0, 37));  // centres 400 … 29,200 < 30,000 ≤ 30,000
@@ -123,7 +117,7 @@ TEST_F(FamilyEngine, FlushKeepsFramesOfRealAudioAndRestartsPositions) {
   EXPECT_THAT(log, Contains("[vivra] flushTail: nothing pending (ci=3)"));
   engine->feed(tone(kChunk));
   settle(engine);
-  EXPECT_EQ(positions(drain(engine)), range(0, 22));
+  EXPECT_EQ(positions(drain(*engine)), range(0, 22));
 }
 
 // Processing pauses while 64 or more frames wait and resumes as the puller drains them.
@@ -133,10 +127,11 @@ TEST_F(FamilyEngine, BackPressureHoldsAtTheLimitAndResumesOnPulls) {
   settle(engine);
   EXPECT_EQ(engine->queuedFrames(), 22 + 32 + 32);  // the third chunk started below the limit
   EXPECT_EQ(engine->chunkIndex(), 3);
-  for (int i = 0; i < 22; ++i) ASSERT_TRUE(engine->pullPos());
+  std::vector<std::uint8_t> frame(Lumora2Engine::kFrameBytes);
+  for (int i = 0; i < 22; ++i) ASSERT_TRUE(engine->pullInto(frame));
   settle(engine);
   EXPECT_EQ(engine->chunkIndex(), 3) << "64 frames still wait";
-  ASSERT_TRUE(engine->pullPos());
+  ASSERT_TRUE(engine->pullInto(frame));
   settle(engine);
   EXPECT_EQ(engine->chunkIndex(), 4);
   EXPECT_EQ(engine->queuedFrames(), 63 + 32);
@@ -172,12 +167,10 @@ TEST_P(FamilyEngineMissing, WarmUpSaysWhatIsMissing) {
   const fs::path identity = scratchDir("identity") / "ava";
   fs::copy(generatedFamily().avatar("ava"), identity, fs::copy_options::recursive);
   fs::remove_all(identity / GetParam().member);
-  ModelResolution::setActiveAgentDir(identity);
-  Engine engine = Lumora2Engine::create();
   StderrCapture capture;
-  engine->warmUp(std::nullopt);
+  Engine engine = engineFor(*graphs_, identity, *settings_);
   const std::vector<std::string> log = logTexts(capture.finish());
-  EXPECT_EQ(engine->isReady(), GetParam().ready);
+  EXPECT_EQ(engine != nullptr, GetParam().ready);
   for (const std::string& line : GetParam().lines) {
     EXPECT_THAT(log, Contains(::testing::StartsWith(line))) << ::testing::PrintToString(log);
   }
@@ -234,7 +227,7 @@ TEST_F(FamilyEngine, MouthFollowsTheAudioAtOneOffsetInEveryChunk) {
     std::map<std::int64_t, double> grey;
     auto collect = [&] {
       settle(engine);
-      for (const auto& item : drain(engine)) grey[item.pos] = mouthGrey(item.frame);
+      for (const auto& item : drain(*engine)) grey[item.info.pos] = mouthGrey(item.pixels);
     };
     for (std::size_t at = 0; at < audio.size(); at += 16000) {
       const std::size_t end = std::min(audio.size(), at + 16000);
