@@ -59,8 +59,9 @@ void Lumora2Engine::resetCtxLocked() {
   float* ctx = ctxMA_.floats();
   const std::size_t blocks = static_cast<std::size_t>(C * CTX);
   const std::size_t plane = static_cast<std::size_t>(kPlane);
-  if (settings_.process.ctxSeed.armed == "warm" && warmCtx_ && warmCtx_->size() == blocks * plane) {
-    std::copy(warmCtx_->begin(), warmCtx_->end(), ctx);
+  if (settings_.process.ctxSeed.armed == "warm" && primed_ &&
+      primed_->context.size() == blocks * plane) {
+    std::copy(primed_->context.begin(), primed_->context.end(), ctx);
     return;
   }
   // Each of the 16 canonical planes repeated across the 16 slots of its channel. A canonical

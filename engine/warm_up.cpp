@@ -3,6 +3,7 @@
 // throws: every failure is one log line and an early return with isReady() false.
 #include <chrono>
 #include <cstdio>
+#include <stdexcept>
 
 #include "engine/log.h"
 #include "engine/lumora2_engine.h"
@@ -91,24 +92,62 @@ void Lumora2Engine::warmUp(const std::optional<std::vector<float>>& speech) {
       speechPass(*speech);
     }
 
+    auto primed = std::make_shared<Primed>();
     {
       MutexLock hold(processing_);
       const float* ctx = ctxMA_.floats();
-      warmCtx_ = std::vector<float>(ctx, ctx + ctxMA_.count());
+      primed->context.assign(ctx, ctx + ctxMA_.count());
+      primed->numTokens = numTokens_;
     }
-    resetState(true);
-    ready_.store(true, std::memory_order_release);
-    const double elapsed =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    char seconds[32];
-    std::snprintf(seconds, sizeof seconds, "%.1f", elapsed);
-    engineLog(std::string("[vivra] warmUp done in ") + seconds +
-              "s — ready (idle=" + (idle_ ? "yes" : "no") + ")");
-    logArmAttestation();
+    primed->idle = idle_;
+    becomeReady(started, std::move(primed));
   } catch (const std::exception& e) {
     // Warm-up never throws; anything unexpected leaves the engine not ready, with its reason.
     engineLog(std::string("[vivra] warmUp FAILED — ") + e.what());
   }
+}
+
+void Lumora2Engine::warmUpFrom(std::shared_ptr<const Primed> primed) {
+  try {
+    if (!primed) throw std::invalid_argument("no priming to start from");
+    const auto started = std::chrono::steady_clock::now();
+    engineLog("[vivra] dec_p2 per-identity decoder ACTIVE (" + avatar_->decoderDesc() +
+              ") — the ONLY decoder (taehv floor removed 2026-08-11)");
+    prepareState();
+    {
+      MutexLock hold(processing_);
+      numTokens_ = primed->numTokens;
+    }
+    idle_ = primed->idle;
+    engineLog("[vivra] primed from another engine of this identity (no priming passes)");
+    becomeReady(started, std::move(primed));
+  } catch (const std::exception& e) {
+    engineLog(std::string("[vivra] warmUp FAILED — ") + e.what());
+  }
+}
+
+// The snapshot taken, a fresh segment from it, and ready.
+void Lumora2Engine::becomeReady(std::chrono::steady_clock::time_point started,
+                                std::shared_ptr<const Primed> primed) {
+  {
+    MutexLock hold(processing_);
+    primed_ = std::move(primed);
+  }
+  resetState(true);
+  ready_.store(true, std::memory_order_release);
+  const double elapsed =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+  char seconds[32];
+  std::snprintf(seconds, sizeof seconds, "%.1f", elapsed);
+  engineLog(std::string("[vivra] warmUp done in ") + seconds +
+            "s — ready (idle=" + (idle_ ? "yes" : "no") + ")");
+  logArmAttestation();
+}
+
+std::shared_ptr<const Lumora2Engine::Primed> Lumora2Engine::primed() const {
+  if (!isReady()) return nullptr;
+  MutexLock hold(processing_);
+  return primed_;
 }
 
 }  // namespace lumora2

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <thread>
@@ -14,6 +15,7 @@
 #include "engine/lumora2_engine.h"
 #include "family/identity.h"
 #include "family/portrait.h"
+#include "family/speech.h"
 #include "family_engines.h"
 #include "support/harness.h"
 
@@ -195,6 +197,48 @@ INSTANTIATE_TEST_SUITE_P(
       std::string name = param.param.member;
       return name.substr(0, name.find('.'));
     });
+
+// An engine started from another's priming renders what that one renders, under the arms that
+// read what priming leaves: ctx_seed=warm starts every segment from the speech pass's context,
+// prepend sizes chunk 0's look-back by the last token count. An engine primed without speech
+// renders other bytes, so the comparison can tell.
+TEST_F(FamilyEngine, AnEngineStartedFromAnothersPrimingRendersTheSameBytes) {
+  EngineSettings settings = *settings_;
+  settings.process.ctxSeed = {"warm", "warm", true};
+  settings.process.onset = {"prepend", "prepend", true};
+  StderrCapture quiet;
+  auto avatar = AvatarModel::load(generatedFamily().avatar("ava"), settings);
+  auto started = std::chrono::steady_clock::now();
+  Engine primedHere =
+      engineFor(*graphs_, generatedFamily().avatar("ava"), settings, synthesizeSpeech(2.0));
+  const auto primingMs =
+      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count();
+  ASSERT_TRUE(primedHere && avatar);
+  started = std::chrono::steady_clock::now();
+  Engine fromIt = Lumora2Engine::create(*graphs_, avatar, settings);
+  fromIt->warmUpFrom(primedHere->primed());
+  const auto copyMs =
+      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count();
+  Engine unprimed = engineFor(*graphs_, generatedFamily().avatar("ava"), settings);
+  quiet.finish();
+  ASSERT_TRUE(fromIt->isReady() && unprimed);
+  std::printf("started with priming %.0f ms, from that priming %.0f ms\n", primingMs, copyMs);
+
+  auto render = [](Lumora2Engine& engine) {
+    std::vector<std::vector<std::uint8_t>> frames;
+    engine.feed(tone(40000));
+    engine.flushTail();
+    while (engine.hasPendingTail() || engine.queuedFrames() > 0) {
+      settle(engine.shared_from_this());
+      for (auto& item : drain(engine)) frames.push_back(std::move(item.pixels));
+    }
+    return frames;
+  };
+  const auto expected = render(*primedHere);
+  ASSERT_EQ(expected.size(), 50u);
+  EXPECT_TRUE(render(*fromIt) == expected);
+  EXPECT_FALSE(render(*unprimed) == expected);
+}
 
 // Lip sync: tone bursts at several places relative to the chunk grid (12, 8 and 4 frames before
 // a chunk boundary, on one, 4 after) open the mouth at one constant frame offset from the audio,

@@ -105,12 +105,28 @@ class Lumora2Engine final : public std::enable_shared_from_this<Lumora2Engine> {
   Lumora2Engine(const Lumora2Engine&) = delete;
   Lumora2Engine& operator=(const Lumora2Engine&) = delete;
 
+  // What warm-up's priming leaves that rendering reads, and nothing else: the context snapshot
+  // that ctx_seed=warm starts every segment from, the token count that sizes chunk 0's look-back
+  // under the prepend arms, and the idle picture. It depends only on the graphs, the identity,
+  // the settings and the warm speech, so an engine of the same four can start from another's
+  // instead of priming again, and renders the same bytes.
+  struct Primed {
+    std::vector<float> context;  // [16 channels][16 slots][90 × 52]
+    std::int64_t numTokens = 14;
+    std::optional<std::vector<std::uint8_t>> idle;
+  };
+
   // Says which decoder it renders with, seeds the latent context from the canonical frame and
   // primes it: a silence pass where the onset arm or a missing idle clip needs what it leaves, a
   // pass over `warmSpeech` where the context-seed arm keeps the context it leaves
   // (LUMORA2_WARMUP=full: both always). Never throws: success is isReady(); a failure is one log
   // line.
   void warmUp(const std::optional<std::vector<float>>& warmSpeech);
+  // The same without the priming passes: `primed` comes from an engine of the same graphs,
+  // identity, settings and warm speech, and is shared with it, not copied.
+  void warmUpFrom(std::shared_ptr<const Primed> primed);
+  // What this engine's warm-up primed; null before it succeeded.
+  std::shared_ptr<const Primed> primed() const LUMORA2_EXCLUDES(processing_);
   bool isReady() const { return ready_.load(std::memory_order_acquire); }
   // The rest picture shown between utterances (B, G, R): the idle clip's first picture, or the
   // converged rest frame without a clip; nothing before warm-up.
@@ -163,6 +179,8 @@ class Lumora2Engine final : public std::enable_shared_from_this<Lumora2Engine> {
 
   // warm_up.cpp
   void prepareState() LUMORA2_EXCLUDES(processing_, pulling_);
+  void becomeReady(std::chrono::steady_clock::time_point started,
+                   std::shared_ptr<const Primed> primed) LUMORA2_EXCLUDES(lock_, processing_);
   void silencePass() LUMORA2_EXCLUDES(lock_, processing_, pulling_);
   void speechPass(const std::vector<float>& speech) LUMORA2_EXCLUDES(lock_, processing_);
   // audio_intake.cpp
@@ -221,7 +239,7 @@ class Lumora2Engine final : public std::enable_shared_from_this<Lumora2Engine> {
   mutable Mutex processing_;
   MultiArray ctxMA_ LUMORA2_GUARDED_BY(processing_);   // float32 [1, 16, 16, 90, 52]
   MultiArray decp2X_ LUMORA2_GUARDED_BY(processing_);  // float32 [1, 36, 90, 52]
-  std::optional<std::vector<float>> warmCtx_ LUMORA2_GUARDED_BY(processing_);
+  std::shared_ptr<const Primed> primed_ LUMORA2_GUARDED_BY(processing_);
   std::vector<float> _window LUMORA2_GUARDED_BY(processing_);  // the chunk's 44,000 samples
   MultiArray _iv LUMORA2_GUARDED_BY(processing_);              // float32 [1, 35200]
   // The chunk's latents, channel-major: (channel c, token i) at (c × nTok + i) × 4,680. Handed
