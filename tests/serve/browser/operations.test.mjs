@@ -137,7 +137,7 @@ async function main() {
     let refused = null;
     const stallsOf = async () => Promise.all(viewers.map(async (w) => (await w.status()).stalls));
     const joinStalls = [];  // stalls of the sessions already there while each newcomer joined
-    for (let n = 0; n < 8 && !refused; ++n) {
+    for (let n = 0; n < 16 && !refused; ++n) {
       const probe = await get('/readyz');
       if (probe.status !== 200) {
         const r = await create('ava');
