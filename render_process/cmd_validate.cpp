@@ -64,6 +64,7 @@ double meanOf(const std::vector<double>& values, std::size_t from, std::size_t t
 // Frames of the test speech, polled until 60 are held or the budget is spent.
 std::vector<std::vector<std::uint8_t>> collectFrames(Lumora2Engine& engine) {
   std::vector<std::vector<std::uint8_t>> frames;
+  std::vector<std::uint8_t> frame;
   const auto deadline = std::chrono::steady_clock::now() + kCollectBudget;
   while (frames.size() < kMaxFrames) {
     if (std::chrono::steady_clock::now() > deadline) {
@@ -73,7 +74,7 @@ std::vector<std::vector<std::uint8_t>> collectFrames(Lumora2Engine& engine) {
       }
       break;
     }
-    std::vector<std::uint8_t> frame(Lumora2Engine::kFrameBytes);
+    frame.resize(Lumora2Engine::kFrameBytes);  // a new buffer only after one was kept
     if (engine.pullInto(frame)) {
       frames.push_back(std::move(frame));
     } else {

@@ -156,9 +156,6 @@ class Lumora2Engine final : public std::enable_shared_from_this<Lumora2Engine> {
   const std::optional<std::string>& idleUnavailableReason() const {
     return avatar_->idleUnavailableReason();
   }
-  // "[vivra] chunk-0 arms: …", the arms this engine renders under.
-  void logArmAttestation() const;
-
   // ---- Diagnostics.
   std::int64_t producedTotal() const;
   // A copy of the latent context, channel-major [16 channels][16 slots][90 × 52], oldest slot
@@ -207,6 +204,8 @@ class Lumora2Engine final : public std::enable_shared_from_this<Lumora2Engine> {
   // frame rendered, if any.
   std::optional<MultiArray> renderAllDraining() LUMORA2_EXCLUDES(lock_, processing_);
   // lumora2_engine.cpp
+  // "[vivra] chunk-0 arms: …", the arms this engine renders under.
+  void logArmAttestation() const;
   void resetCtx() LUMORA2_EXCLUDES(processing_);
   void resetCtxLocked() LUMORA2_REQUIRES(processing_);
   void startSegmentLocked() LUMORA2_REQUIRES(lock_);
