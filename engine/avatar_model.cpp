@@ -1,4 +1,4 @@
-// One identity's members: the idle clip's first picture, the decoder and the canonical frame.
+// One avatar's members: the idle clip's first picture, the decoder and the canonical frame.
 #include "engine/avatar_model.h"
 
 #include <cstring>

@@ -1,5 +1,5 @@
-// The per-identity image decoder: found only in the identity's own directory, cached under a
-// per-identity key, held to its input/output contract and moved down the unit ladder when it
+// The avatar's image decoder: found only in the avatar's own directory, cached under a
+// per-avatar key, held to its input/output contract and moved down the unit ladder when it
 // computes nothing on its declared unit.
 #include "decoder_loading.h"
 
@@ -90,7 +90,7 @@ std::shared_ptr<GraphModel> DecoderLoading::loadDecp2Member(const Path& dir,
   const Path package = dir / (member + ".mlpackage");
   if (!fsops::existsAnyKind(package)) return nullptr;
 
-  // Decoders of different identities must never evict one another.
+  // Decoders of different avatars must never evict one another.
   const std::string key = member + "-" + package.parent_path().filename().string();
   const std::string declared =
       ComputeUnitChoice::cuNameFromEnv(settings, candidate.unitEnv, candidate.defaultUnit);

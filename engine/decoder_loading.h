@@ -1,5 +1,5 @@
-// The per-identity decoder: found only in the identity's own directory, cached under a
-// per-identity key, held to its input/output contract and moved down the unit ladder when it
+// The avatar's decoder: found only in the avatar's own directory, cached under a per-avatar
+// key, held to its input/output contract and moved down the unit ladder when it
 // computes nothing on its declared unit.
 #pragma once
 
@@ -35,11 +35,11 @@ class DecoderLoading {
     std::string unit;  // the unit it runs on
   };
 
-  // The first candidate that loads from the identity directory `dir`; nothing (after the
+  // The first candidate that loads from the avatar directory `dir`; nothing (after the
   // candidates' own lines) when none does.
   static std::optional<Loaded> loadDecp2(const std::filesystem::path& dir,
                                          const EngineSettings& settings, const ModelCache& cache);
-  // One candidate: <dir>/<name>.mlpackage, cache key "<name>-<identity dir name>", the I/O
+  // One candidate: <dir>/<name>.mlpackage, cache key "<name>-<avatar dir name>", the I/O
   // contract check and the liveness ladder. On success the unit name in use goes to *unitInUse.
   static std::shared_ptr<GraphModel> loadDecp2Member(const std::filesystem::path& dir,
                                                      const Decp2Candidate& candidate,

@@ -238,10 +238,10 @@ std::int64_t estimatedFrameCount(const AVFormatContext& format, const AVStream& 
 }  // namespace
 
 std::pair<std::unique_ptr<IdleClipStream>, std::optional<std::string>> IdleClipStream::open(
-    const std::optional<Path>& url, int width, int height, const std::optional<Path>& identityDir) {
+    const std::optional<Path>& url, int width, int height, const std::optional<Path>& avatarDir) {
   if (!url) {
     return {nullptr, "no idle.mp4 for this identity (activeAgentDir=" +
-                         (identityDir ? identityDir->string() : std::string("nil")) +
+                         (avatarDir ? avatarDir->string() : std::string("nil")) +
                          "; the per-identity dir is the only place a downloaded agent's clip is "
                          "looked for)"};
   }

@@ -1,6 +1,6 @@
 // Where the engine file's graph packages are found: the developer directory, then the engine
-// directory, then the bundles beside the running executable. An identity's own members (its
-// decoder, canonical frame and idle clip) are never searched for: they live in the identity's
+// directory, then the bundles beside the running executable. An avatar's own members (its
+// decoder, canonical frame and idle clip) are never searched for: they live in the avatar's
 // directory and nowhere else (avatar_model.h).
 #pragma once
 

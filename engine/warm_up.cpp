@@ -31,7 +31,7 @@ void Lumora2Engine::prepareState() {
 }
 
 // Four chunks of silence from the canonical context; the last frame is the rest pose, which
-// becomes the idle picture when the identity has no clip.
+// becomes the idle picture when the avatar has no clip.
 void Lumora2Engine::silencePass() {
   {
     MutexLock hold(lock_);
@@ -119,7 +119,7 @@ void Lumora2Engine::warmUpFrom(std::shared_ptr<const Primed> primed) {
       numTokens_ = primed->numTokens;
     }
     idle_ = primed->idle;
-    engineLog("[vivra] primed from another engine of this identity (no priming passes)");
+    engineLog("[vivra] primed from another engine of this avatar (no priming passes)");
     becomeReady(started, std::move(primed));
   } catch (const std::exception& e) {
     engineLog(std::string("[vivra] warmUp FAILED — ") + e.what());

@@ -64,7 +64,7 @@ StagedRender stageForRendering(const std::filesystem::path& engine,
 
 std::shared_ptr<Lumora2Engine> warmEngine(const StagedRender& staged, EngineSettings settings) {
   settings.vivraDir = staged.engineDir;
-  // The identity first: a refused avatar ends the start before the graphs are loaded.
+  // The avatar first: a refused one ends the start before the graphs are loaded.
   std::shared_ptr<const AvatarModel> avatar = AvatarModel::load(staged.avatarDir, settings);
   if (!avatar) return nullptr;
   std::shared_ptr<const EngineGraphs> graphs = EngineGraphs::load(settings);

@@ -44,10 +44,10 @@ StagedRender stageForRendering(const std::filesystem::path& engine,
                                const std::filesystem::path& avatar,
                                const std::filesystem::path& dir);
 
-// An engine on the staged containers, warmed up with their warm speech: the identity is the
-// unpacked avatar, and the graphs are looked for in the unpacked engine first (it takes the place
+// An engine on the staged containers, warmed up with their warm speech: the avatar is the
+// unpacked one, and the graphs are looked for in the unpacked engine first (it takes the place
 // of MORVANE_VIVRA_DIR in `settings`; a MORVANE_LUMORA2_DIR still comes before it). Nothing when
-// the identity, the graphs or the warm-up fail; the engine's log says why.
+// the avatar, the graphs or the warm-up fail; the engine's log says why.
 std::shared_ptr<Lumora2Engine> warmEngine(const StagedRender& staged, EngineSettings settings);
 
 }  // namespace lumora2

@@ -159,7 +159,7 @@ fs::path generateFamily(const std::string& generator, const fs::path& out, bool 
   return out / "staging";
 }
 
-// A warmed engine for identity `code` of the family staged at `staging`, on graphs of its own
+// A warmed engine for avatar `code` of the family staged at `staging`, on graphs of its own
 // (the front end included: no process-wide one), its compiled graphs cached under `cache`.
 Engine warmedEngine(const fs::path& staging, const std::string& code, const fs::path& cache,
                     const fs::path& log) {

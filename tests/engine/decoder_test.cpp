@@ -1,4 +1,4 @@
-// The per-identity decoder: lookup, per-identity cache key, contract check and the liveness
+// The avatar's decoder: lookup, per-avatar cache key, contract check and the liveness
 // ladder, with every line it logs.
 #include <gtest/gtest.h>
 
@@ -33,20 +33,20 @@ Lines decoderLines(const std::string& err) {
 class Decoder : public ::testing::Test {
  protected:
   void writeDecoder(const std::string& source, const std::string& io = testing::io(kX, kRgb)) {
-    testing::writeScriptPackage(identity / "dec_p2_v3_all.mlpackage", source, io,
+    testing::writeScriptPackage(avatar / "dec_p2_v3_all.mlpackage", source, io,
                                 {{"b", {1, 1, 1, 1}, 0.5f}});
   }
-  // The identity's decoder as the environment's settings load it, its decoder lines in `log`.
+  // The avatar's decoder as the environment's settings load it, its decoder lines in `log`.
   std::optional<DecoderLoading::Loaded> loadDecp2() {
     const EngineSettings settings = EngineSettings::fromEnvironment();
     testing::StderrCapture capture;
-    auto loaded = DecoderLoading::loadDecp2(identity, settings, ModelCache(settings));
+    auto loaded = DecoderLoading::loadDecp2(avatar, settings, ModelCache(settings));
     log = decoderLines(capture.finish());
     return loaded;
   }
   testing::Scratch scratch;
   Lines log;
-  fs::path identity = scratch.dir() / "alice";
+  fs::path avatar = scratch.dir() / "alice";
 };
 
 class Contract : public Decoder, public ::testing::WithParamInterface<std::string> {};

@@ -121,10 +121,10 @@ INSTANTIATE_TEST_SUITE_P(
 
 struct RefusalCase {
   const char* name;
-  bool url;                                            // open the clip's path, or no url at all
-  std::function<void(const fs::path&)> make;           // prepares the clip's path; may be empty
-  std::string why;                                     // "{path}" stands for the clip's path
-  std::optional<fs::path> identityDir = std::nullopt;  // named in the no-url reason
+  bool url;                                          // open the clip's path, or no url at all
+  std::function<void(const fs::path&)> make;         // prepares the clip's path; may be empty
+  std::string why;                                   // "{path}" stands for the clip's path
+  std::optional<fs::path> avatarDir = std::nullopt;  // named in the no-url reason
   friend void PrintTo(const RefusalCase& c, std::ostream* os) { *os << c.name; }
 };
 
@@ -155,7 +155,7 @@ TEST_P(IdleClipRefusal, GivesTheReason) {
   const fs::path path = scratch.dir() / "idle.mp4";
   if (c.make) c.make(path);
   auto [clip, why] =
-      IdleClipStream::open(c.url ? std::optional(path) : std::nullopt, 416, 720, c.identityDir);
+      IdleClipStream::open(c.url ? std::optional(path) : std::nullopt, 416, 720, c.avatarDir);
   EXPECT_FALSE(clip);
   std::string expected = c.why;
   if (std::size_t at = expected.find("{path}"); at != std::string::npos) {
@@ -172,7 +172,7 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         RefusalCase{
             "NoUrl", false, {}, "no idle.mp4 for this identity (activeAgentDir=nil" + kNoUrl},
-        RefusalCase{"NoUrlInAnIdentity",
+        RefusalCase{"NoUrlInAnAvatar",
                     false,
                     {},
                     "no idle.mp4 for this identity (activeAgentDir=/agents/a b" + kNoUrl,

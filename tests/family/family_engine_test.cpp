@@ -48,7 +48,7 @@ class FamilyEngine : public ::testing::Test {
     graphs_ = new std::shared_ptr<const EngineGraphs>(EngineGraphs::load(*settings_));
   }
 
-  // A warmed engine for identity `code`; its warm-up log in *log when asked.
+  // A warmed engine for avatar `code`; its warm-up log in *log when asked.
   Engine warmed(const std::string& code = "ava", std::vector<std::string>* log = nullptr) {
     StderrCapture capture;
     Engine engine = engineFor(*graphs_, generatedFamily().avatar(code), *settings_);

@@ -20,7 +20,7 @@ inline EngineSettings familySettings(const std::string& cacheName) {
   return settings;
 }
 
-// A warmed engine on `graphs` for the identity in `dir`; null when the identity or the warm-up
+// A warmed engine on `graphs` for the avatar in `dir`; null when the avatar or the warm-up
 // fails.
 inline std::shared_ptr<Lumora2Engine> engineFor(
     std::shared_ptr<const EngineGraphs> graphs, const std::filesystem::path& dir,

@@ -1,7 +1,7 @@
-// AvatarModel: one identity, loaded from its unpacked directory once and read-only afterwards, so
-// that several engines rendering that identity may share it: its decoder (held to its contract
-// and proved alive), its canonical latent frame, and its idle clip's first picture. The
-// identity's members are looked for in its own directory and nowhere else.
+// AvatarModel: one avatar, loaded from its unpacked directory once and read-only afterwards, so
+// that several engines rendering that avatar may share it: its decoder (held to its contract and
+// proved alive), its canonical latent frame, and its idle clip's first picture. The avatar's
+// members are looked for in its own directory and nowhere else.
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,6 @@
 // EngineGraphs: the engine file's graphs (speech front end, audio tokenizer, per-frame student),
 // loaded, probed and checked once per process and shared by every engine made on them, whatever
-// identity each renders. Read-only once loaded: engines predict on them from their own processing
+// avatar each renders. Read-only once loaded: engines predict on them from their own processing
 // threads at the same time (GraphModel::predict takes no turns; graph_runtime.cpp says why that
 // is safe).
 #pragma once

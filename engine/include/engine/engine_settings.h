@@ -1,6 +1,6 @@
 // EngineSettings: everything the environment decides about the engine, read once at the edge of
 // the process that renders (render-stream, validate, a benchmark) and handed down to the objects
-// that use it: the shared graphs, each identity and each engine. Nothing below that edge reads
+// that use it: the shared graphs, each avatar and each engine. Nothing below that edge reads
 // the environment.
 //
 // The engine honours a fixed list of knobs, deliberately: a variable that is not on it has no

@@ -34,7 +34,7 @@ class IdleClipStream {
 
   // Opens the clip at `url` for frames of exactly width x height. On failure the stream is null
   // and the second member says why:
-  //  - no url: "no idle.mp4 for this identity (activeAgentDir=<identityDir or nil>; the
+  //  - no url: "no idle.mp4 for this identity (activeAgentDir=<avatarDir or nil>; the
   //    per-identity dir is the only place a downloaded agent's clip is looked for)";
   //  - a file that cannot be read as media or has no video stream: "idle.mp4 at <path> has no
   //    video track";
@@ -50,7 +50,7 @@ class IdleClipStream {
   // "[lumora2-idle] FATAL" line and aborts, in every build type.
   static std::pair<std::unique_ptr<IdleClipStream>, std::optional<std::string>> open(
       const std::optional<Path>& url, int width, int height,
-      const std::optional<Path>& identityDir = std::nullopt);
+      const std::optional<Path>& avatarDir = std::nullopt);
 
   ~IdleClipStream();  // releases the live and the standby reader
   IdleClipStream(const IdleClipStream&) = delete;

@@ -1,11 +1,11 @@
 // Lumora2Engine: the render engine of the lumora-2 family, one object per rendered session. It
 // turns 16 kHz mono audio into 416 × 720 frames at 20 fps through four graphs (speech front end,
-// audio tokenizer, per-frame student over a recurrent latent context, per-identity decoder).
+// audio tokenizer, per-frame student over a recurrent latent context, the avatar's decoder).
 //
 // An engine is made from three things and reads nothing else: the engine file's graphs
-// (EngineGraphs, shared by every engine of a process), one identity (AvatarModel, which engines
-// of that identity may share) and the settings (EngineSettings, read from the environment once
-// at the edge of the process). So one process can hold several engines, of one identity or of
+// (EngineGraphs, shared by every engine of a process), one avatar (AvatarModel, which engines
+// of that avatar may share) and the settings (EngineSettings, read from the environment once
+// at the edge of the process). So one process can hold several engines, of one avatar or of
 // several, each with its own audio, latent context, frame queue and processing thread.
 //
 // The engine is split by concern, one source file each:
@@ -107,7 +107,7 @@ class Lumora2Engine final : public std::enable_shared_from_this<Lumora2Engine> {
 
   // What warm-up's priming leaves that rendering reads, and nothing else: the context snapshot
   // that ctx_seed=warm starts every segment from, the token count that sizes chunk 0's look-back
-  // under the prepend arms, and the idle picture. It depends only on the graphs, the identity,
+  // under the prepend arms, and the idle picture. It depends only on the graphs, the avatar,
   // the settings and the warm speech, so an engine of the same four can start from another's
   // instead of priming again, and renders the same bytes.
   struct Primed {
@@ -123,7 +123,7 @@ class Lumora2Engine final : public std::enable_shared_from_this<Lumora2Engine> {
   // line.
   void warmUp(const std::optional<std::vector<float>>& warmSpeech);
   // The same without the priming passes: `primed` comes from an engine of the same graphs,
-  // identity, settings and warm speech, and is shared with it, not copied.
+  // avatar, settings and warm speech, and is shared with it, not copied.
   void warmUpFrom(std::shared_ptr<const Primed> primed);
   // What this engine's warm-up primed; null before it succeeded.
   std::shared_ptr<const Primed> primed() const LUMORA2_EXCLUDES(processing_);
