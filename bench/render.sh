@@ -5,7 +5,8 @@
 # driven by a parent that sends audio as fast as the child takes it and reads every frame:
 # real-time factor over 20 s of speech (budget >= 10x) and the first frame's delay after the
 # 25,600th sample of an utterance arrives (budget <= 150 ms), against the audio's duration; and the
-# host's own cost per frame (record + write, budget <= 1.5 ms) beside the bare write.
+# host's own cost per frame (the decoded frame converted into its record + the write, budget <=
+# 1.5 ms) beside the bare write.
 #   bench/render.sh [build dir (default build/release)] [timed runs (default 3)]
 # The family and the cache live under $TMPDIR (or /tmp) and are removed on every exit.
 set -euo pipefail

@@ -27,7 +27,7 @@ void Lumora2Engine::scheduleProcessing() {
   });
 }
 
-void Lumora2Engine::feed(const std::vector<float>& samples) {
+void Lumora2Engine::feed(std::span<const float> samples) {
   if (!isReady()) return;  // audio before warm-up is dropped silently
   bool restart = false;
   {
@@ -82,60 +82,72 @@ void Lumora2Engine::processAvailable() {
 }
 
 Lumora2Engine::Window Lumora2Engine::assembleWindow() {
-  const std::string& arm = onsetArm().armed;
+  const std::string& arm = settings_.process.onset.armed;
   const bool noPrepend = arm == "gpu" || arm == "gpu_noclamp";
   const bool clamp = arm == "gpu" || arm == "clamp_only";
   Window window;
-  MutexLock hold(lock_);
-  window.ci = ci_;
-  window.gen = gen_;
-  const std::int64_t ci = ci_;
-  const std::int64_t start0 = ci < 2 ? 0 : (ci - 1) * SPC;
+  // The window: `prepend` zeros, the buffered samples from the window's start, zeros to 44,000.
   std::int64_t prepend = 0;
-  if (ci == 0 && !noPrepend) {
-    const auto tokens = static_cast<std::uint64_t>(std::max<std::int64_t>(numTokens_, 1));
-    prepend = static_cast<std::int64_t>(std::min<std::uint64_t>(264000 / tokens, 43200));
+  std::int64_t taken = 0;
+  {
+    MutexLock hold(lock_);
+    window.ci = ci_;
+    window.gen = gen_;
+    const std::int64_t ci = ci_;
+    const std::int64_t start0 = ci < 2 ? 0 : (ci - 1) * SPC;
+    if (ci == 0 && !noPrepend) {
+      const auto tokens = static_cast<std::uint64_t>(std::max<std::int64_t>(numTokens_, 1));
+      prepend = static_cast<std::int64_t>(std::min<std::uint64_t>(264000 / tokens, 43200));
+    }
+    const auto count = static_cast<std::int64_t>(buf_.size());
+    const std::int64_t rel = std::max<std::int64_t>(start0 - bufBase_, 0);
+    const std::int64_t start = std::min(rel, count);
+    std::int64_t available = count;
+    if (clamp) {
+      // No look-ahead past the chunk's own end (this changes only chunk 0).
+      const std::int64_t chunkEnd = (ci + 1) * SPC - bufBase_;
+      available = chunkEnd < 0 ? 0 : std::min(chunkEnd, count);
+    }
+    const std::int64_t end = std::min(available, rel + kWindow - prepend);
+    if (end > start) {
+      taken = end - start;
+      std::copy(buf_.begin() + start, buf_.begin() + end, _window.begin() + prepend);
+    }
   }
-  const auto count = static_cast<std::int64_t>(buf_.size());
-  const std::int64_t rel = std::max<std::int64_t>(start0 - bufBase_, 0);
-  const std::int64_t start = std::min(rel, count);
-  std::int64_t available = count;
-  if (clamp) {
-    // No look-ahead past the chunk's own end (this changes only chunk 0).
-    const std::int64_t chunkEnd = (ci + 1) * SPC - bufBase_;
-    available = chunkEnd < 0 ? 0 : std::min(chunkEnd, count);
-  }
-  const std::int64_t end = std::min(available, rel + kWindow - prepend);
-  window.samples.assign(static_cast<std::size_t>(prepend), 0.0f);
-  if (end > start)
-    window.samples.insert(window.samples.end(), buf_.begin() + start, buf_.begin() + end);
-  if (window.samples.size() < static_cast<std::size_t>(kWindow)) {
-    window.samples.resize(static_cast<std::size_t>(kWindow), 0.0f);
-  }
+  std::fill_n(_window.begin(), prepend, 0.0f);
+  std::fill(_window.begin() + prepend + taken, _window.end(), 0.0f);
+  window.speech =
+      std::any_of(_window.begin(), _window.end(), [](float v) { return std::fabs(v) > 0.001f; });
   return window;
 }
 
-std::vector<float> Lumora2Engine::windowFeats(const std::vector<float>& window) {
-  std::vector<float> stretched = audioPreproc() == "linear" ? resampleTo(window, kStretched)
-                                                            : WsolaTempo::apply(window, kStretched);
-  MultiArray iv(ArrayDataType::float32, {1, kStretched});
-  float* p = iv.floats();
-  for (std::size_t i = 0; i < stretched.size(); ++i) p[i] = stretched[i] * 3.0f;  // input gain
-  if (!w2v_) {
-    engineLog("[vivra] FATAL: the speech front end is not loaded while a chunk runs");
-    std::abort();  // warm-up guarantees it; reaching this is a programming error
-  }
-  MultiArray out = predMA(*w2v_, FeatureSet{{"iv", iv}});
-  std::vector<float> feats(static_cast<std::size_t>(out.count()));
-  if (out.dataType() == ArrayDataType::float32) {
-    std::copy_n(out.floats(), feats.size(), feats.begin());
-  } else if (out.dataType() == ArrayDataType::float16) {
-    const std::uint16_t* h = out.halves();
-    for (std::size_t i = 0; i < feats.size(); ++i) feats[i] = halfToFloat(h[i]);
+MultiArray Lumora2Engine::windowFeats() {
+  // Compressed straight into the front end's input, with its fixed input gain of 3.
+  std::span<float> iv(_iv.floats(), static_cast<std::size_t>(kStretched));
+  if (settings_.process.audioPreproc == "linear") {
+    resampleInto(_window, iv, 3.0f);
   } else {
+    WsolaTempo::apply(_window, iv, 3.0f);
+  }
+  MultiArray out = predMA(graphs_->frontEnd(), FeatureSet{{"iv", _iv}});
+  // The tokenizer reads the features as [1, 55, 12, 768] float32: the front end's own output
+  // when it is that already, viewed in that shape.
+  const std::vector<std::int64_t> shape{1, 55, 12, 768};
+  constexpr std::int64_t kFeatures = 55 * 12 * 768;
+  if (out.dataType() != ArrayDataType::float32 && out.dataType() != ArrayDataType::float16) {
     throw PredictionError("speech front end returned " + std::string(dataTypeName(out.dataType())) +
                           " features");
   }
+  if (out.count() != kFeatures) {
+    throw PredictionError("speech front end gave " + std::to_string(out.count()) +
+                          " features, the tokenizer takes " + std::to_string(kFeatures));
+  }
+  if (out.dataType() == ArrayDataType::float32) {
+    return MultiArray::wrap(ArrayDataType::float32, shape, out.storage());
+  }
+  MultiArray feats(ArrayDataType::float32, shape);
+  const std::uint16_t* h = out.halves();
+  for (std::int64_t i = 0; i < kFeatures; ++i) feats.floats()[i] = halfToFloat(h[i]);
   return feats;
 }
 

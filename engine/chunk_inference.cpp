@@ -35,22 +35,25 @@ const std::set<long>& injectedFailures() {
   return attempts;
 }
 
-std::vector<float> toFloats(const MultiArray& array) {
-  std::vector<float> out(static_cast<std::size_t>(array.count()));
-  switch (array.dataType()) {
-    case ArrayDataType::float32:
-      std::copy_n(array.floats(), out.size(), out.begin());
-      break;
-    case ArrayDataType::float16: {
-      const std::uint16_t* h = array.halves();
-      for (std::size_t i = 0; i < out.size(); ++i) out[i] = halfToFloat(h[i]);
-      break;
-    }
-    default:
-      throw PredictionError("graph returned " + std::string(dataTypeName(array.dataType())) +
-                            " where floats were expected");
+// The array as float32: itself when it is, else converted from half precision.
+MultiArray asFloats(const MultiArray& array) {
+  if (array.dataType() == ArrayDataType::float32) return array;
+  if (array.dataType() != ArrayDataType::float16) {
+    throw PredictionError("graph returned " + std::string(dataTypeName(array.dataType())) +
+                          " where floats were expected");
   }
+  MultiArray out(ArrayDataType::float32, array.shape());
+  const std::uint16_t* h = array.halves();
+  for (std::int64_t i = 0; i < out.count(); ++i) out.floats()[i] = halfToFloat(h[i]);
   return out;
+}
+
+// `count` floats of `array` from float `offset` on, in the shape `shape`, without a copy: the view
+// keeps the whole array alive.
+MultiArray floatsView(const MultiArray& array, std::int64_t offset,
+                      std::vector<std::int64_t> shape) {
+  return MultiArray::wrap(ArrayDataType::float32, std::move(shape),
+                          std::shared_ptr<void>(array.storage(), array.floats() + offset));
 }
 
 template <typename... Args>
@@ -82,94 +85,95 @@ MultiArray Lumora2Engine::predMA(const GraphModel& model, const FeatureSet& inpu
 
 void Lumora2Engine::processChunkInner() {
   const auto started = std::chrono::steady_clock::now();
-  Window window = assembleWindow();
-  const std::int64_t ci = window.ci;
-  const bool chunkSpeech = std::any_of(window.samples.begin(), window.samples.end(),
-                                       [](float v) { return std::fabs(v) > 0.001f; });
-  std::vector<float> feats = windowFeats(window.samples);
-
-  MultiArray featsMA(ArrayDataType::float32, {1, 55, 12, 768});
-  if (static_cast<std::int64_t>(feats.size()) != featsMA.count()) {
-    throw PredictionError("speech front end gave " + std::to_string(feats.size()) +
-                          " features, the tokenizer takes " + std::to_string(featsMA.count()));
+  const Window window = assembleWindow();
+  const MultiArray tokens = chunkTokens(windowFeats());
+  const std::string& arm = settings_.process.onset.armed;
+  const std::int64_t nTok = window.ci == 0 ? 6 : 8;
+  const std::int64_t t0 =
+      (window.ci == 0 && (arm == "gpu" || arm == "gpu_noclamp")) ? 0 : onsetBase_;
+  if (tokens.count() < (t0 + nTok) * kTokenFloats) {
+    engineLog("[vivra] FATAL: the tokenizer gave " + std::to_string(tokens.count() / kTokenFloats) +
+              " tokens, chunk " + std::to_string(window.ci) + " needs " +
+              std::to_string(t0 + nTok));
+    std::abort();
   }
-  std::copy(feats.begin(), feats.end(), featsMA.floats());
-  std::vector<float> tokens = toFloats(predMA(*atok_, FeatureSet{{"feats", featsMA}}));
-  const auto count = static_cast<std::int64_t>(tokens.size());
+  studentSteps(tokens, t0, nTok);
+  std::vector<Unit> frames = decodeChunkDecp2(nTok, window.speech, window.ci);
+  const auto decoded = static_cast<std::int64_t>(frames.size());
+  if (!queueFrames(frames, window, nTok)) return;  // a reset happened meanwhile: the chunk is void
+
+  const double ms =
+      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count();
+  const double fps = ms > 0 ? static_cast<double>(decoded) / (ms / 1000.0) : 0.0;
+  engineLog(formatted(
+      "[vivra-chunk] ci=%lld %.0fms -> %lld frames = %.1f fps generation (%.2fx "
+      "realtime, 20fps content)",
+      static_cast<long long>(window.ci), ms, static_cast<long long>(decoded), fps, fps / 20.0));
+}
+
+MultiArray Lumora2Engine::chunkTokens(const MultiArray& feats) {
+  MultiArray tokens = asFloats(predMA(graphs_->tokenizer(), FeatureSet{{"feats", feats}}));
+  const std::int64_t count = tokens.count();
   numTokens_ = count < kTokenFloats                 ? 1
                : count >= kMaxTokens * kTokenFloats ? kMaxTokens
                                                     : count / kTokenFloats;
+  return tokens;
+}
 
-  const std::string& arm = onsetArm().armed;
-  const std::int64_t nTok = ci == 0 ? 6 : 8;
-  const std::int64_t t0 = (ci == 0 && (arm == "gpu" || arm == "gpu_noclamp")) ? 0 : onsetBase_;
-  if (count < (t0 + nTok) * kTokenFloats) {
-    engineLog("[vivra] FATAL: the tokenizer gave " + std::to_string(count / kTokenFloats) +
-              " tokens, chunk " + std::to_string(ci) + " needs " + std::to_string(t0 + nTok));
-    std::abort();
-  }
-
-  // The student, one token at a time. Latent (channel c, token i) is 4,680 floats at
-  // (c × nTok + i) × 4,680. After each step every channel's 16 slots move one towards the start
-  // and the new plane takes slot 15.
-  std::vector<float> latents(static_cast<std::size_t>(nTok * C * kPlane), 0.0f);
-  float* ctx = ctxMA_.floats();
+// The student, one token at a time, each token read in place from the tokenizer's output. Latent
+// (channel c, token i) goes to (c × nTok + i) × 4,680 in `_latents`; after each step every
+// channel's 16 slots move one towards the start and the new plane takes slot 15.
+void Lumora2Engine::studentSteps(const MultiArray& tokens, std::int64_t t0, std::int64_t nTok) {
   const std::size_t plane = static_cast<std::size_t>(kPlane);
+  _latents.resize(static_cast<std::size_t>(nTok * C * kPlane));
+  float* ctx = ctxMA_.floats();
   for (std::int64_t i = 0; i < nTok; ++i) {
-    MultiArray token(ArrayDataType::float32, {1, 16, 384});
-    std::copy_n(tokens.begin() + (t0 + i) * kTokenFloats, kTokenFloats, token.floats());
-    std::vector<float> out =
-        toFloats(predMA(*student_, FeatureSet{{"ctx_lat", ctxMA_}, {"a_tok", token}}));
-    if (static_cast<std::int64_t>(out.size()) < C * kPlane) {
-      throw PredictionError("student gave " + std::to_string(out.size()) + " values, a latent is " +
-                            std::to_string(C * kPlane));
+    const MultiArray token = floatsView(tokens, (t0 + i) * kTokenFloats, {1, 16, 384});
+    const MultiArray out =
+        asFloats(predMA(graphs_->student(), FeatureSet{{"ctx_lat", ctxMA_}, {"a_tok", token}}));
+    if (out.count() < C * kPlane) {
+      throw PredictionError("student gave " + std::to_string(out.count()) +
+                            " values, a latent is " + std::to_string(C * kPlane));
     }
     for (std::size_t c = 0; c < static_cast<std::size_t>(C); ++c) {
-      const float* fresh = out.data() + c * plane;
+      const float* fresh = out.floats() + c * plane;
       std::copy_n(fresh, plane,
-                  latents.data() +
+                  _latents.data() +
                       (c * static_cast<std::size_t>(nTok) + static_cast<std::size_t>(i)) * plane);
       float* slots = ctx + c * static_cast<std::size_t>(CTX) * plane;
       std::copy(slots + plane, slots + static_cast<std::size_t>(CTX) * plane, slots);
       std::copy_n(fresh, plane, slots + static_cast<std::size_t>(CTX - 1) * plane);
     }
   }
-
-  std::vector<Unit> frames = decodeChunkDecp2(latents, nTok, chunkSpeech, ci);
-  const auto decoded = static_cast<std::int64_t>(frames.size());
-  {
-    MutexLock hold(lock_);
-    if (gen_ != window.gen) return;  // a reset happened meanwhile: the chunk is void
-    std::int64_t appended = 0;
-    for (Unit& unit : frames) {
-      if (tailPad_) {
-        const std::int64_t at = unit.pos * SPF;
-        // Frames whose centre lies in the padding are not shown.
-        if (!(at + SPF / 2 < tailPad_->first || at >= tailPad_->second)) continue;
-      }
-      frameQueue_.push_back(std::move(unit));
-      ++appended;
-    }
-    producedTotal_ += appended;
-    prev_ = std::move(latents);
-    prevBlk_ = nTok;
-    ++ci_;
-    segFrames_ += decoded;
-    trimBuffer();
-  }
-
-  const double ms =
-      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count();
-  const double fps = ms > 0 ? static_cast<double>(decoded) / (ms / 1000.0) : 0.0;
-  engineLog(
-      formatted("[vivra-chunk] ci=%lld %.0fms -> %lld frames = %.1f fps generation (%.2fx "
-                "realtime, 20fps content)",
-                static_cast<long long>(ci), ms, static_cast<long long>(decoded), fps, fps / 20.0));
 }
 
-std::vector<Lumora2Engine::Unit> Lumora2Engine::decodeChunkDecp2(const std::vector<float>& lat,
-                                                                 std::int64_t blk, bool isSpeech,
+bool Lumora2Engine::queueFrames(std::vector<Unit>& frames, const Window& window,
+                                std::int64_t nTok) {
+  MutexLock hold(lock_);
+  if (gen_ != window.gen) return false;
+  std::int64_t appended = 0;
+  for (Unit& unit : frames) {
+    if (tailPad_) {
+      const std::int64_t at = unit.pos * SPF;
+      // Frames whose centre lies in the padding are not shown.
+      if (!(at + SPF / 2 < tailPad_->first || at >= tailPad_->second)) continue;
+    }
+    frameQueue_.push_back(std::move(unit));
+    ++appended;
+  }
+  producedTotal_ += appended;
+  // The chunk's latents become the previous chunk's; the storage they replace serves the next.
+  prev_.swap(_latents);
+  prevBlk_ = nTok;
+  ++ci_;
+  segFrames_ += static_cast<std::int64_t>(frames.size());
+  trimBuffer();
+  return true;
+}
+
+std::vector<Lumora2Engine::Unit> Lumora2Engine::decodeChunkDecp2(std::int64_t blk, bool isSpeech,
                                                                  std::int64_t ci) {
+  const float* lat = _latents.data();
   std::int64_t segFrames = 0;
   std::vector<float> prevLatent;  // the previous chunk's last token, channel-major
   std::optional<std::pair<std::int64_t, std::int64_t>> tailPad;
@@ -194,7 +198,7 @@ std::vector<Lumora2Engine::Unit> Lumora2Engine::decodeChunkDecp2(const std::vect
   const std::vector<bool> voiced = voiceActivity(segFrames, ci == 0 ? expected + 1 : expected);
 
   auto latentOf = [&](std::int64_t t, std::size_t c) {
-    return lat.data() + (c * static_cast<std::size_t>(blk) + static_cast<std::size_t>(t)) * plane;
+    return lat + (c * static_cast<std::size_t>(blk) + static_cast<std::size_t>(t)) * plane;
   };
   float* x = decp2X_.floats();
   std::vector<Unit> units;
@@ -211,15 +215,15 @@ std::vector<Lumora2Engine::Unit> Lumora2Engine::decodeChunkDecp2(const std::vect
     for (int phase = firstPhase; phase <= 3; ++phase) {
       std::fill(x + 32 * plane, x + 36 * plane, 0.0f);
       std::fill_n(x + static_cast<std::size_t>(32 + phase) * plane, plane, 1.0f);
-      MultiArray rgb = predMA(*decp2_, FeatureSet{{"x", decp2X_}});
+      MultiArray rgb = predMA(avatar_->decoder(), FeatureSet{{"x", decp2X_}});
       if (rgb.dataType() != ArrayDataType::float16 ||
           rgb.count() < static_cast<std::int64_t>(kRawValues)) {
         throw PredictionError("decoder gave " + std::to_string(rgb.count()) + " " +
                               std::string(dataTypeName(rgb.dataType())) + " values, a frame is " +
                               std::to_string(kRawValues) + " float16");
       }
-      std::vector<std::uint16_t> raw(rgb.halves(), rgb.halves() + kRawValues);
-      // The very first frame of a segment is shown twice, so chunk 0 yields 22 frames.
+      // The very first frame of a segment is shown twice, so chunk 0 yields 22 frames. Units
+      // keep the decoder's output itself; the two copies of that first frame share it.
       const int copies = (ci == 0 && t == 0) ? 2 : 1;
       for (int k = 0; k < copies; ++k) {
         Unit unit;
@@ -230,7 +234,7 @@ std::vector<Lumora2Engine::Unit> Lumora2Engine::decodeChunkDecp2(const std::vect
         const std::int64_t at = unit.pos * SPF;
         const bool inPadding = tailPad && at + SPF / 2 >= tailPad->first && at < tailPad->second;
         unit.legacySpeech = isSpeech && !inPadding;
-        unit.raw = k + 1 < copies ? raw : std::move(raw);
+        unit.raw = rgb;
         units.push_back(std::move(unit));
       }
     }

@@ -1,12 +1,11 @@
-// Which compute unit each graph runs on: fixed defaults, overridden per graph by the
-// environment knobs, the four unit names matched exactly.
+// Which compute unit each graph runs on: fixed defaults, overridden per graph by the unit knobs,
+// the four unit names matched exactly.
 #include "engine/compute_units.h"
 
 #include <array>
 #include <utility>
 
 #include "compute_unit_choice.h"
-#include "protocol/dev_env.h"
 
 namespace lumora2 {
 
@@ -33,20 +32,21 @@ std::string_view computeUnitsName(ComputeUnits units) {
   return "cpuAndNE";
 }
 
-ComputeUnits ComputeUnitChoice::cuFromEnv(std::string_view envName, ComputeUnits fallback) {
-  auto value = DevEnv::knob(envName);
+ComputeUnits ComputeUnitChoice::cuFromEnv(const EngineSettings& settings, std::string_view knob,
+                                          ComputeUnits fallback) {
+  auto value = settings.knob(knob);
   if (!value) return fallback;
   return computeUnitsNamed(*value).value_or(fallback);
 }
 
-std::string ComputeUnitChoice::cuNameFromEnv(std::string_view envName,
+std::string ComputeUnitChoice::cuNameFromEnv(const EngineSettings& settings, std::string_view knob,
                                              std::string_view defaultName) {
-  auto value = DevEnv::knob(envName);
+  auto value = settings.knob(knob);
   if (value && computeUnitsNamed(*value)) return *value;
   return std::string(defaultName);
 }
 
-ComputeUnits ComputeUnitChoice::cuForModel(std::string_view name) {
+ComputeUnits ComputeUnitChoice::cuForModel(const EngineSettings& settings, std::string_view name) {
   // First match wins: a name holding both "student" and "w2v" follows the student's knob.
   static constexpr std::array<std::pair<std::string_view, std::string_view>, 3> kByName{{
       {"student", "LUMORA2_STUDENT_CU"},
@@ -55,7 +55,7 @@ ComputeUnits ComputeUnitChoice::cuForModel(std::string_view name) {
   }};
   for (const auto& [part, knob] : kByName) {
     if (name.find(part) != std::string_view::npos) {
-      return cuFromEnv(knob, ComputeUnits::cpuAndNeuralEngine);
+      return cuFromEnv(settings, knob, ComputeUnits::cpuAndNeuralEngine);
     }
   }
   return ComputeUnits::cpuAndNeuralEngine;

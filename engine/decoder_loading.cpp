@@ -1,19 +1,15 @@
-// The per-identity image decoder: found only in the identity's own directory when one is
-// active, cached under a per-identity key, held to its input/output contract and moved down the
-// unit ladder when it computes nothing on its declared unit.
+// The avatar's image decoder: found only in the avatar's own directory, cached under a
+// per-avatar key, held to its input/output contract and moved down the unit ladder when it
+// computes nothing on its declared unit.
+#include "decoder_loading.h"
+
 #include <algorithm>
-#include <mutex>
 #include <string>
 
 #include "compute_unit_choice.h"
-#include "container/platform.h"
-#include "decoder_loading.h"
 #include "engine/log.h"
-#include "engine/lumora2_engine.h"
 #include "fs_ops.h"
 #include "liveness.h"
-#include "model_cache.h"
-#include "model_resolution.h"
 
 namespace lumora2 {
 
@@ -40,72 +36,35 @@ bool meetsContract(const ModelDescription& d) {
          (out.shape.empty() || shapeIs(out.shape, {1, 3, 720, 416}));
 }
 
-void logCandidateFailed(std::string_view name) {
-  engineLog("[vivra] " + std::string(name) +
-            " compile/load FAILED — trying the next dec_p2 candidate");
+void logCandidateFailed(const std::string& name) {
+  engineLog("[vivra] " + name + " compile/load FAILED — trying the next dec_p2 candidate");
 }
 
-}  // namespace
-
-std::shared_ptr<GraphModel> DecoderLoading::loadDecp2Member(std::string_view name,
-                                                            std::string_view envName,
-                                                            std::string_view defaultUnitName,
-                                                            std::optional<std::string>* unitInUse) {
-  const std::string member(name);
-  std::optional<Path> package;
-  if (auto agent = ModelResolution::activeAgentDir()) {
-    Path candidate = *agent / (member + ".mlpackage");
-    if (fsops::existsAnyKind(candidate)) package = candidate;
-  } else {
-    package = ModelResolution::modelURL(name);
-  }
-  if (!package) return nullptr;
-
-  // Decoders of different identities must never evict one another.
-  const std::string key = member + "-" + package->parent_path().filename().string();
-  const std::string declared = ComputeUnitChoice::cuNameFromEnv(envName, defaultUnitName);
-  const ComputeUnits declaredUnits = ComputeUnitChoice::cuFromName(declared);
-
-  auto model = ModelCache::loadCompiled(*package, key, declaredUnits,
-                                        "[vivra] cached " + member +
-                                            " mlmodelc failed to load — purging + recompiling once")
-                   .model;
-  if (!model) {
-    logCandidateFailed(name);
-    return nullptr;
-  }
-
-  if (!meetsContract(model->description())) {
-    engineLog("[vivra] " + member +
-              " I/O contract mismatch (want x[1,36,90,52] → fp16 rgb[1,3,720,416]) — trying the "
-              "next dec_p2 candidate");
-    return nullptr;
-  }
-
-  auto reason = Liveness::deadGraphReason(*model);
-  if (!reason) {
-    if (unitInUse != nullptr) *unitInUse = declared;
-    return model;
-  }
+// The decoder computes nothing on its declared unit: the ladder's other units, in order, until
+// one computes something; nothing when none does.
+std::shared_ptr<GraphModel> climbLadder(const Path& package, const std::string& key,
+                                        const std::string& member, const std::string& declared,
+                                        const std::string& reason, const EngineSettings& settings,
+                                        const ModelCache& cache, std::string* unitInUse) {
   std::string ladder;
-  for (std::string_view unit : kLivenessLadder) {
+  for (std::string_view unit : DecoderLoading::kLivenessLadder) {
     if (!ladder.empty()) ladder += ",";
     ladder += unit;
   }
-  engineLog("[vivra] " + member + " loaded on " + declared + " and COMPUTES NOTHING (" + *reason +
+  engineLog("[vivra] " + member + " loaded on " + declared + " and COMPUTES NOTHING (" + reason +
             ") — a render on this unit would be a blank picture behind a green healthz. Retrying "
             "the liveness ladder " +
             ladder);
-  for (std::string_view unitName : kLivenessLadder) {
+  for (std::string_view unitName : DecoderLoading::kLivenessLadder) {
     if (unitName == declared) continue;
     const std::string unit(unitName);
-    auto rungCompiled = ModelCache::compiledURL(*package, key);
+    auto rungCompiled = cache.compiledURL(package, key);
     if (!rungCompiled) continue;
     auto rung = GraphModel::load(*rungCompiled, ComputeUnitChoice::cuFromName(unit));
     if (!rung) continue;
-    auto rungReason = Liveness::deadGraphReason(*rung);
+    auto rungReason = Liveness::deadGraphReason(*rung, settings);
     if (!rungReason) {
-      if (unitInUse != nullptr) *unitInUse = unit;
+      *unitInUse = unit;
       engineLog("[vivra] " + member + " RECOVERED on " + unit +
                 " — decoderDesc will report the unit actually in use, NOT the declared " +
                 declared + ". This is a fallback, not a fix: something is wrong with " + declared +
@@ -120,32 +79,55 @@ std::shared_ptr<GraphModel> DecoderLoading::loadDecp2Member(std::string_view nam
   return nullptr;
 }
 
-std::shared_ptr<GraphModel> Lumora2Engine::loadDecp2() {
-  for (const DecoderLoading::Decp2Candidate& row : DecoderLoading::kDecp2Candidates) {
-    auto model =
-        DecoderLoading::loadDecp2Member(row.member, row.unitEnv, row.defaultUnit, &decp2CU);
-    if (!model) continue;
-    decp2Desc =
-        std::string(row.label) + "/" +
-        (decp2CU ? *decp2CU : ComputeUnitChoice::cuNameFromEnv(row.unitEnv, row.defaultUnit));
+}  // namespace
+
+std::shared_ptr<GraphModel> DecoderLoading::loadDecp2Member(const Path& dir,
+                                                            const Decp2Candidate& candidate,
+                                                            const EngineSettings& settings,
+                                                            const ModelCache& cache,
+                                                            std::string* unitInUse) {
+  const std::string member(candidate.member);
+  const Path package = dir / (member + ".mlpackage");
+  if (!fsops::existsAnyKind(package)) return nullptr;
+
+  // Decoders of different avatars must never evict one another.
+  const std::string key = member + "-" + package.parent_path().filename().string();
+  const std::string declared =
+      ComputeUnitChoice::cuNameFromEnv(settings, candidate.unitEnv, candidate.defaultUnit);
+  auto model = cache
+                   .loadCompiled(package, key, ComputeUnitChoice::cuFromName(declared),
+                                 "[vivra] cached " + member +
+                                     " mlmodelc failed to load — purging + recompiling once")
+                   .model;
+  if (!model) {
+    logCandidateFailed(member);
+    return nullptr;
+  }
+  if (!meetsContract(model->description())) {
+    engineLog("[vivra] " + member +
+              " I/O contract mismatch (want x[1,36,90,52] → fp16 rgb[1,3,720,416]) — trying the "
+              "next dec_p2 candidate");
+    return nullptr;
+  }
+  auto reason = Liveness::deadGraphReason(*model, settings);
+  if (!reason) {
+    *unitInUse = declared;
     return model;
   }
-  return nullptr;
+  return climbLadder(package, key, member, declared, *reason, settings, cache, unitInUse);
 }
 
-std::shared_ptr<GraphModel> DecoderLoading::sharedW2V() {
-  static std::mutex mutex;
-  // Never destroyed: the graph stays usable until the process ends, with no exit-time ordering
-  // against LibTorch's own statics.
-  static auto* slotStorage = new std::shared_ptr<GraphModel>();
-  std::lock_guard lock(mutex);
-  std::shared_ptr<GraphModel>& slot = *slotStorage;
-  if (!slot) {
-    constexpr std::string_view kName = "w2v_frontend_cpuAndNE";
-    slot = ModelCache::load(kName, ComputeUnitChoice::cuForModel(kName));
-    if (slot) engineLog("[vivra] shared w2v loaded ONCE for this process (LUMORA2_SHARED_W2V)");
+std::optional<DecoderLoading::Loaded> DecoderLoading::loadDecp2(const Path& dir,
+                                                                const EngineSettings& settings,
+                                                                const ModelCache& cache) {
+  for (const Decp2Candidate& row : kDecp2Candidates) {
+    Loaded loaded;
+    loaded.model = loadDecp2Member(dir, row, settings, cache, &loaded.unit);
+    if (!loaded.model) continue;
+    loaded.desc = std::string(row.label) + "/" + loaded.unit;
+    return loaded;
   }
-  return slot;
+  return std::nullopt;
 }
 
 }  // namespace lumora2

@@ -44,6 +44,8 @@ struct FrameRowKernels {
   // carry the factor −amount × 255, added to pf × w[3] (w[3] = (1 + amount) × 255): the
   // sharpened value already scaled to 8 bits, clipped and rounded into dst.
   void (*sharpenRow)(const float* const* rows, const float* pf, const float* w, std::uint8_t* dst);
+  // out = b[0], g[0], r[0], b[1], …: the three rows in the order given (B, G, R for the
+  // engine's own order; the planes passed the other way round give R, G, B).
   void (*interleave)(const std::uint8_t* b, const std::uint8_t* g, const std::uint8_t* r,
                      std::uint8_t* out);
 };
@@ -265,14 +267,14 @@ void FramePath::ensureRGBScratch() {
 
 std::vector<std::uint8_t> FramePath::frameToBGR(const std::uint16_t* raw, float sharpenAmount) {
   std::vector<std::uint8_t> out(frameBytes);
-  frameToBGR(raw, sharpenAmount, out);
+  frameInto(raw, sharpenAmount, out);
   return out;
 }
 
-void FramePath::frameToBGR(const std::uint16_t* raw, float sharpenAmount,
-                           std::span<std::uint8_t> out) {
+void FramePath::frameInto(const std::uint16_t* raw, float sharpenAmount,
+                          std::span<std::uint8_t> out, PixelOrder order) {
   if (out.size() != frameBytes) {
-    throw std::invalid_argument("frameToBGR: the output buffer must hold 898,560 bytes");
+    throw std::invalid_argument("frameInto: the output buffer must hold 898,560 bytes");
   }
   ensureRGBScratch();
   const FrameRowKernels& k = *_kernels;
@@ -282,7 +284,10 @@ void FramePath::frameToBGR(const std::uint16_t* raw, float sharpenAmount,
   // Rows go out as soon as they are done, all three planes together: each plane's 8-bit row is
   // made in the first row of `_u8r`, `_u8g`, `_u8b` and interleaved from there while still in
   // the first-level cache. Nothing of the frame but its output bytes travels to memory.
-  auto emit = [&](int y) { k.interleave(u8[2], u8[1], u8[0], out.data() + y * rowBytes); };
+  const bool bgr = order == PixelOrder::bgr;
+  const std::uint8_t* first = bgr ? u8[2] : u8[0];
+  const std::uint8_t* last = bgr ? u8[0] : u8[2];
+  auto emit = [&](int y) { k.interleave(first, u8[1], last, out.data() + y * rowBytes); };
   if (!(sharpenAmount > 0.0f)) {
     for (int y = 0; y < kHeight; ++y) {
       for (int p = 0; p < 3; ++p) k.halfToU8(row(half[p], y), u8[p]);

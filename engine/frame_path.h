@@ -1,5 +1,6 @@
 // The last step of a decoded frame on its way out: the decoder's half-precision RGB planes become
-// the engine's output pixels, 8-bit B, G, R interleaved, optionally sharpened by an unsharp mask.
+// the engine's output pixels, 8-bit B, G, R (or R, G, B) interleaved, optionally sharpened by an
+// unsharp mask.
 #pragma once
 
 #include <array>
@@ -7,6 +8,8 @@
 #include <cstdint>
 #include <span>
 #include <vector>
+
+#include "engine/pixel_order.h"
 
 namespace lumora2 {
 
@@ -41,8 +44,10 @@ class FramePath {
   // bytes are exact.
   std::vector<std::uint8_t> frameToBGR(const std::uint16_t* raw, float sharpenAmount);
   // The same into a caller's buffer of exactly frameBytes (std::invalid_argument otherwise), so
-  // that a steady stream of frames allocates nothing.
-  void frameToBGR(const std::uint16_t* raw, float sharpenAmount, std::span<std::uint8_t> out);
+  // that a steady stream of frames allocates nothing, with the pixels' bytes in `order`: the
+  // interleave writes R, G, B as cheaply as B, G, R.
+  void frameInto(const std::uint16_t* raw, float sharpenAmount, std::span<std::uint8_t> out,
+                 PixelOrder order = PixelOrder::bgr);
 
   // The kernels in use: "AVX2/F16C" or "portable".
   const char* kernelName() const;

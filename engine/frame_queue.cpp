@@ -1,19 +1,23 @@
-// The output side: frames pulled in order and converted, the tail flush that pads an utterance
-// to push its last frames out, draining, idle frames and the synthetic throughput benchmark.
+// The output side: frames pulled in order and converted into the puller's buffer, the tail flush
+// that pads an utterance to push its last frames out, draining and the synthetic throughput
+// benchmark.
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
+#include <stdexcept>
 
-#include "engine/idle_clip_stream.h"
 #include "engine/log.h"
 #include "engine/lumora2_engine.h"
-#include "frame_path.h"
 #include "engine/serial_queue.h"
+#include "frame_path.h"
 
 namespace lumora2 {
 
-std::optional<Lumora2Engine::PulledItem> Lumora2Engine::pullPos() {
+std::optional<Lumora2Engine::FrameInfo> Lumora2Engine::pullInto(std::span<std::uint8_t> frame,
+                                                                PixelOrder order) {
+  if (frame.size() != kFrameBytes) {
+    throw std::invalid_argument("pullInto: a frame takes 898,560 bytes");
+  }
   Unit unit;
   std::size_t remaining = 0;
   {
@@ -25,23 +29,11 @@ std::optional<Lumora2Engine::PulledItem> Lumora2Engine::pullPos() {
   }
   // Processing that paused at the limit resumes once the queue is below it again.
   if (remaining >= static_cast<std::size_t>(maxQueuedFrames - 1)) scheduleProcessing();
-  PulledItem item;
-  item.speech = unit.legacySpeech;
-  item.isSpeech = unit.isSpeech;
-  item.pos = unit.pos;
   {
     MutexLock hold(pulling_);
-    if (!framePath_) framePath_ = std::make_unique<FramePath>();
-    framePath_->ensureRGBScratch();
-    item.frame = framePath_->frameToBGR(unit.raw.data(), sharpenAmountLocked());
+    framePath_->frameInto(unit.raw.halves(), settings_.sharpen, frame, order);
   }
-  return item;
-}
-
-std::optional<PulledFrame> Lumora2Engine::pull() {
-  auto item = pullPos();
-  if (!item) return std::nullopt;
-  return PulledFrame{std::move(item->frame), item->speech};
+  return FrameInfo{unit.legacySpeech, unit.isSpeech, unit.pos};
 }
 
 int Lumora2Engine::queuedFrames() const {
@@ -74,51 +66,15 @@ bool Lumora2Engine::waitForScheduledRenders(std::chrono::duration<double> timeou
   return procQ_->waitForEarlierTasks(timeout);
 }
 
-std::vector<std::vector<std::uint16_t>> Lumora2Engine::renderAllDraining(bool capture) {
-  std::vector<std::vector<std::uint16_t>> captured;
+std::optional<MultiArray> Lumora2Engine::renderAllDraining() {
+  std::optional<MultiArray> last;
   for (;;) {
     processAvailable();
     MutexLock hold(lock_);
-    if (capture) {
-      for (Unit& unit : frameQueue_) captured.push_back(std::move(unit.raw));
-    }
+    if (!frameQueue_.empty()) last = std::move(frameQueue_.back().raw);
     frameQueue_.clear();
-    if (receivedLocked() < (ci_ + 1) * SPC || failed_) return captured;
+    if (receivedLocked() < (ci_ + 1) * SPC || failed_) return last;
   }
-}
-
-std::size_t Lumora2Engine::idleInto(std::vector<std::uint8_t>& buffer) {
-  if (buffer.size() < kFrameBytes) return 0;
-  if (idleClip_) {
-    if (std::optional<PixelBuffer> picture = idleClip_->next()) {
-      // The clip is decoded as B, G, R, A: dropping every fourth byte leaves B, G, R.
-      if (picture->bytes && picture->width == kWidth && picture->height == kHeight) {
-        const std::uint8_t* src = picture->bytes->data();
-        std::uint8_t* dst = buffer.data();
-        for (int row = 0; row < kHeight; ++row) {
-          const std::uint8_t* in = src + static_cast<std::size_t>(row) * picture->stride;
-          std::uint8_t* out = dst + static_cast<std::size_t>(row) * kWidth * 3;
-          for (int x = 0; x < kWidth; ++x) {
-            out[3 * x] = in[4 * x];
-            out[3 * x + 1] = in[4 * x + 1];
-            out[3 * x + 2] = in[4 * x + 2];
-          }
-        }
-      }
-      return kFrameBytes;
-    }
-  }
-  if (idle_) {
-    const std::size_t n = std::min(buffer.size(), idle_->size());
-    std::memcpy(buffer.data(), idle_->data(), n);
-    return n;
-  }
-  return 0;
-}
-
-std::optional<PixelBuffer> Lumora2Engine::idleNextPixelBuffer() {
-  if (!idleClip_) return std::nullopt;
-  return idleClip_->next();
 }
 
 void Lumora2Engine::benchSync(int seconds) {

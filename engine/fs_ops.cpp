@@ -1,7 +1,6 @@
 #include "fs_ops.h"
 
 #include <fcntl.h>
-#include <pwd.h>
 #include <stdio.h>
 #include <unistd.h>
 
@@ -19,40 +18,6 @@ std::optional<fs::path> executableDir() {
   fs::path exe = fs::read_symlink("/proc/self/exe", ec);
   if (ec || exe.empty()) return std::nullopt;
   return exe.parent_path();
-}
-
-namespace {
-std::optional<fs::path> passwdHome(const char* user) {
-  std::vector<char> buf(16384);
-  passwd entry{};
-  passwd* found = nullptr;
-  int rc = user == nullptr ? getpwuid_r(getuid(), &entry, buf.data(), buf.size(), &found)
-                           : getpwnam_r(user, &entry, buf.data(), buf.size(), &found);
-  if (rc != 0 || found == nullptr || found->pw_dir == nullptr || *found->pw_dir == '\0') {
-    return std::nullopt;
-  }
-  return fs::path(found->pw_dir);
-}
-}  // namespace
-
-std::optional<fs::path> homeDir() {
-  const char* home = std::getenv("HOME");
-  if (home != nullptr && *home != '\0') return fs::path(home);
-  return passwdHome(nullptr);
-}
-
-std::string expandTilde(const std::string& path) {
-  if (path.empty() || path[0] != '~') return path;
-  std::size_t slash = path.find('/');
-  std::string user = path.substr(1, slash == std::string::npos ? std::string::npos : slash - 1);
-  std::optional<fs::path> home = user.empty() ? homeDir() : passwdHome(user.c_str());
-  if (!home) return path;
-  std::string out = home->string();
-  if (slash != std::string::npos) {
-    while (out.size() > 1 && out.back() == '/') out.pop_back();
-    out += path.substr(slash);
-  }
-  return out;
 }
 
 bool existsAnyKind(const fs::path& path) {

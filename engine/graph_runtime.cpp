@@ -3,7 +3,6 @@
 // here and turned into the engine's own failure: nothing plus a reason for loading and
 // compiling, PredictionError for prediction.
 #include <sched.h>
-#include <stdlib.h>
 
 #include <ATen/Parallel.h>
 #include <torch/cuda.h>
@@ -46,21 +45,14 @@ class PredictTimer {
   std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
 };
 
-// LibTorch's thread pools, set once per process before the first graph is touched. The engine's
-// processing queue runs one prediction at a time, so there is never a second graph to overlap
-// with: inter-op parallelism gets one thread and every core the process may use goes to the
-// intra-op work of the running graph.
-void configureThreadsOnce() {
+// LibTorch's thread pools belong to the process: set once, before the first graph is touched.
+// Each engine's processing queue runs one prediction at a time, so inter-op parallelism gets one
+// thread and the intra-op work of the running graph gets `threads` (0: every core the process
+// may run on).
+void configureThreadsOnce(int threads) {
   static std::once_flag once;
-  std::call_once(once, [] {
-    // OMP_NUM_THREADS, when set to a positive number, is the user's (or a parent's share of the
-    // cores among its children); otherwise every core the process may run on.
-    int cores = 0;
-    if (const char* text = std::getenv("OMP_NUM_THREADS"); text != nullptr) {
-      char* end = nullptr;
-      const long n = std::strtol(text, &end, 10);
-      if (end != text && *end == '\0' && n > 0 && n <= 4096) cores = static_cast<int>(n);
-    }
+  std::call_once(once, [threads] {
+    int cores = threads;
     cpu_set_t set;
     if (cores <= 0 && sched_getaffinity(0, sizeof set, &set) == 0) cores = CPU_COUNT(&set);
     if (cores <= 0) cores = static_cast<int>(std::thread::hardware_concurrency());
@@ -197,10 +189,12 @@ struct GraphModel::Impl {
   c10::Device device{c10::kCPU};
   std::string label;  // the compiled directory's name, for error texts
   bool optimized = false;
-  // One graph may serve several engines (the shared speech front end does). A TorchScript module's
-  // forward is not promised to be safe from several threads at once, and the graph's own buffers
-  // would be shared, so predictions on one graph take turns.
-  std::mutex predicting;
+  // No lock: one graph serves several engines, each predicting from its own processing thread,
+  // and their predictions run side by side. That is safe because nothing here changes once load
+  // returns: the module is frozen and in eval mode, so forward writes no parameter, buffer or
+  // attribute; the executor's own plan and profiling state are guarded inside LibTorch; every
+  // input is the caller's own array, and an output that shares storage with the module is copied
+  // out (outputArray).
 };
 
 GraphModel::GraphModel(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
@@ -215,7 +209,7 @@ std::shared_ptr<GraphModel> GraphModel::load(const fs::path& compiled, ComputeUn
                                              std::string* error) {
   std::string why;
   try {
-    configureThreadsOnce();
+    configureThreadsOnce(0);
     auto impl = std::make_unique<Impl>();
     impl->units = units;
     impl->label = compiled.filename().string();
@@ -321,8 +315,7 @@ void checkOutput(const FeatureDescription& want, const MultiArray& array,
 
 FeatureSet GraphModel::predict(const FeatureSet& inputs) const {
   const PredictTimer timer;
-  Impl& g = *impl_;
-  std::lock_guard turn(g.predicting);
+  const Impl& g = *impl_;
   c10::InferenceMode inferenceMode;  // per-prediction tensors live only in this scope
   std::vector<c10::IValue> args;
   args.reserve(g.description.inputs.size());
@@ -391,7 +384,7 @@ std::optional<fs::path> compileModelPackage(const fs::path& package, std::string
   std::string why;
   std::optional<fs::path> dir;
   try {
-    configureThreadsOnce();
+    configureThreadsOnce(0);
     if (!ModelDescription::read(package / "io.json", &why)) throw std::runtime_error(why);
     torch::jit::Module module = torch::jit::load((package / "model.pt").string(), torch::kCPU);
     module.eval();
@@ -412,5 +405,7 @@ std::optional<fs::path> compileModelPackage(const fs::path& package, std::string
 }
 
 std::size_t compileCount() { return gCompileCount.load(); }
+
+void configureComputeThreads(int threads) { configureThreadsOnce(threads); }
 
 }  // namespace lumora2

@@ -6,8 +6,6 @@
 
 #include "engine/idle_clip_stream.h"
 #include "engine/log.h"
-#include "engine/lumora2_engine.h"
-#include "model_resolution.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -240,11 +238,10 @@ std::int64_t estimatedFrameCount(const AVFormatContext& format, const AVStream& 
 }  // namespace
 
 std::pair<std::unique_ptr<IdleClipStream>, std::optional<std::string>> IdleClipStream::open(
-    const std::optional<Path>& url, int width, int height) {
+    const std::optional<Path>& url, int width, int height, const std::optional<Path>& avatarDir) {
   if (!url) {
-    const std::optional<Path> agentDir = ModelResolution::activeAgentDir();
     return {nullptr, "no idle.mp4 for this identity (activeAgentDir=" +
-                         (agentDir ? agentDir->string() : std::string("nil")) +
+                         (avatarDir ? avatarDir->string() : std::string("nil")) +
                          "; the per-identity dir is the only place a downloaded agent's clip is "
                          "looked for)"};
   }

@@ -8,7 +8,6 @@
 #include "compute_unit_choice.h"
 #include "engine/log.h"
 #include "liveness.h"
-#include "protocol/dev_env.h"
 
 namespace lumora2 {
 
@@ -56,18 +55,9 @@ std::optional<MultiArray> probeInput(const FeatureDescription& feature) {
 
 }  // namespace
 
-bool Liveness::livenessEnabled() {
-  static const bool enabled = DevEnv::knob("LUMORA2_GRAPH_LIVENESS") != "0";
-  return enabled;
-}
-
-bool Liveness::sharedW2VEnabled() {
-  static const bool enabled = DevEnv::knob("LUMORA2_SHARED_W2V") == "1";
-  return enabled;
-}
-
-std::optional<std::string> Liveness::deadGraphReason(const GraphModel& model) {
-  if (!livenessEnabled()) return std::nullopt;
+std::optional<std::string> Liveness::deadGraphReason(const GraphModel& model,
+                                                     const EngineSettings& settings) {
+  if (!settings.process.graphLiveness) return std::nullopt;
   FeatureSet inputs;
   for (const auto& feature : model.description().inputs) {
     auto value = probeInput(feature);
@@ -118,10 +108,10 @@ std::optional<std::string> Liveness::deadGraphReason(const GraphModel& model) {
   return "ALL " + std::to_string(total) + " outputs are ZERO";
 }
 
-void Liveness::warnDeadFrontEnd(const GraphModel* w2v, const GraphModel* atok,
-                                const GraphModel* student) {
+void Liveness::warnDeadFrontEnd(const EngineSettings& settings, const GraphModel& w2v,
+                                const GraphModel& atok, const GraphModel& student) {
   struct Probe {
-    const GraphModel* model;
+    const GraphModel& model;
     std::string_view label;
     std::string_view knob;
   };
@@ -129,11 +119,10 @@ void Liveness::warnDeadFrontEnd(const GraphModel* w2v, const GraphModel* atok,
                           {atok, "audiotokenizer", "LUMORA2_ATOK_CU"},
                           {student, "student_v4_forward_frame", "LUMORA2_STUDENT_CU"}};
   for (const Probe& probe : probes) {
-    if (probe.model == nullptr) continue;
-    auto reason = deadGraphReason(*probe.model);
+    auto reason = deadGraphReason(probe.model, settings);
     if (!reason) continue;
     engineLog("[vivra] WARN " + std::string(probe.label) + " loaded on " +
-              ComputeUnitChoice::cuNameFromEnv(probe.knob, "cpuAndNE") + " (" +
+              ComputeUnitChoice::cuNameFromEnv(settings, probe.knob, "cpuAndNE") + " (" +
               std::string(probe.knob) + ") and COMPUTES NOTHING (" + *reason +
               ") — every frame downstream of it is garbage");
   }

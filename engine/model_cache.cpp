@@ -12,15 +12,12 @@
 #include <vector>
 
 #include "cache_entry.h"
-#include "compute_unit_choice.h"
 #include "container/member_names.h"
 #include "container/platform.h"
 #include "container/sha256.h"
 #include "engine/log.h"
 #include "fs_ops.h"
 #include "model_cache.h"
-#include "model_resolution.h"
-#include "protocol/dev_env.h"
 
 namespace lumora2 {
 
@@ -118,15 +115,6 @@ std::optional<ModelCache::PackageFingerprint> ModelCache::packageFingerprint(con
   return fingerprint;
 }
 
-std::optional<Path> ModelCache::cacheRoot() {
-  auto configured = DevEnv::knob("LUMORA2_MLMODELC_CACHE");
-  if (configured && !configured->empty()) return Path(*configured);
-  const char* xdg = std::getenv("XDG_CACHE_HOME");
-  if (xdg != nullptr && xdg[0] == '/') return Path(xdg) / "morvane-lumora2";
-  if (auto home = fsops::homeDir()) return *home / ".cache" / "morvane-lumora2";
-  return std::nullopt;
-}
-
 std::string ModelCache::cacheEntryName(std::string_view key,
                                        const PackageFingerprint& fingerprint) {
   // Appended piece by piece: GCC 12 reports a false -Wrestrict inside a chain of std::string
@@ -138,12 +126,11 @@ std::string ModelCache::cacheEntryName(std::string_view key,
   return name;
 }
 
-int ModelCache::cacheKeep() {
-  return cacheEntry::keepFromText(DevEnv::knob("LUMORA2_MLMODELC_CACHE_KEEP"));
-}
+ModelCache::ModelCache(const EngineSettings& settings)
+    : root_(settings.cacheRoot), keep_(settings.cacheKeep), resolution_(settings) {}
 
-std::optional<Path> ModelCache::compiledURL(const Path& packageURL, std::string_view key) {
-  auto root = cacheRoot();
+std::optional<Path> ModelCache::compiledURL(const Path& packageURL, std::string_view key) const {
+  const std::optional<Path>& root = root_;
   if (!root) return sessionCompile(packageURL);
   auto fingerprint = packageFingerprint(packageURL);
   if (!fingerprint) return sessionCompile(packageURL);
@@ -186,8 +173,8 @@ std::optional<Path> ModelCache::compiledURL(const Path& packageURL, std::string_
   return std::nullopt;
 }
 
-void ModelCache::prune(const Path& root, std::string_view key, std::string_view keeping) {
-  const int keep = cacheKeep();
+void ModelCache::prune(const Path& root, std::string_view key, std::string_view keeping) const {
+  const int keep = keep_;
   std::error_code ec;
   fs::directory_iterator it(root, ec);
   if (ec) return;
@@ -220,7 +207,8 @@ void ModelCache::prune(const Path& root, std::string_view key, std::string_view 
 }
 
 ModelCache::CompiledLoad ModelCache::loadCompiled(const Path& package, std::string_view key,
-                                                  ComputeUnits cu, std::string_view purgeLine) {
+                                                  ComputeUnits cu,
+                                                  std::string_view purgeLine) const {
   auto compiled = compiledURL(package, key);
   if (!compiled) return {nullptr, true};
   if (auto model = GraphModel::load(*compiled, cu)) return {model, false};
@@ -231,8 +219,8 @@ ModelCache::CompiledLoad ModelCache::loadCompiled(const Path& package, std::stri
   return {GraphModel::load(*compiled, cu), false};
 }
 
-std::shared_ptr<GraphModel> ModelCache::load(std::string_view name, ComputeUnits cu) {
-  auto package = ModelResolution::modelURL(name);
+std::shared_ptr<GraphModel> ModelCache::load(std::string_view name, ComputeUnits cu) const {
+  auto package = resolution_.modelURL(name);
   if (!package) {
     engineLog("[vivra] MISSING " + std::string(name) + ".mlpackage in bundle");
     return nullptr;

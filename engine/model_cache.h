@@ -12,10 +12,15 @@
 #include <string_view>
 
 #include "engine/compute_units.h"
+#include "engine/engine_settings.h"
 #include "engine/graph_model.h"
+#include "model_resolution.h"
 
 namespace lumora2 {
 
+// One process's view of the cache: its root and retention from the settings, and where
+// packages are found (model_resolution.h). Several threads may use one ModelCache, and several
+// processes one root.
 class ModelCache {
  public:
   using Path = std::filesystem::path;
@@ -25,24 +30,22 @@ class ModelCache {
     std::uint64_t bytes = 0;  // total size of the package's regular files
   };
 
+  explicit ModelCache(const EngineSettings& settings);
+
   // The package's content digest over its regular files sorted by relative name; nothing when
   // the directory cannot be listed, holds no regular file or has a file that cannot be read.
   static std::optional<PackageFingerprint> packageFingerprint(const Path& url);
-  // LUMORA2_MLMODELC_CACHE when set and non-empty, else <user caches>/morvane-lumora2.
-  static std::optional<Path> cacheRoot();
   // "<key>-<bytes>-sha<first 32 hex digits>.mlmodelc".
   static std::string cacheEntryName(std::string_view key, const PackageFingerprint& fingerprint);
   // The compiled form of `packageURL`: a cache entry (hit, or compiled and installed now), or a
   // session-temporary compile when there is no cache root, no fingerprint or the install failed.
-  static std::optional<Path> compiledURL(const Path& packageURL, std::string_view key);
+  std::optional<Path> compiledURL(const Path& packageURL, std::string_view key) const;
   // Evicts entries of `key` in `root`: every legacy entry, then current entries beyond the newest
-  // LUMORA2_MLMODELC_CACHE_KEEP (default 24, at least 1). `keeping` is never removed.
-  static void prune(const Path& root, std::string_view key, std::string_view keeping);
-  // The number of entries prune keeps per key under the current environment.
-  static int cacheKeep();
+  // `cacheKeep` of the settings. `keeping` is never removed.
+  void prune(const Path& root, std::string_view key, std::string_view keeping) const;
   // Finds, compiles and loads the graph `name`; one purge-and-recompile retry when the compiled
   // form does not load.
-  static std::shared_ptr<GraphModel> load(std::string_view name, ComputeUnits cu);
+  std::shared_ptr<GraphModel> load(std::string_view name, ComputeUnits cu) const;
   // The compile-and-load step that load and the decoder share: the compiled form of `package`
   // under cache key `key`, loaded on `cu`; when it does not load, logs `purgeLine`, removes it,
   // compiles again and loads once more. There is no third attempt.
@@ -50,8 +53,13 @@ class ModelCache {
     std::shared_ptr<GraphModel> model;
     bool compileFailed = false;  // compiledURL gave nothing (on either attempt)
   };
-  static CompiledLoad loadCompiled(const Path& package, std::string_view key, ComputeUnits cu,
-                                   std::string_view purgeLine);
+  CompiledLoad loadCompiled(const Path& package, std::string_view key, ComputeUnits cu,
+                            std::string_view purgeLine) const;
+
+ private:
+  std::optional<Path> root_;
+  int keep_;
+  ModelResolution resolution_;
 };
 
 }  // namespace lumora2

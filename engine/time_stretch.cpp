@@ -117,13 +117,16 @@ SearchKernel chooseKernel(StretchKernels kernels) {
 
 }  // namespace
 
-std::vector<float> WsolaTempo::apply(const std::vector<float>& x, std::int64_t targetCount) {
-  return apply(x, targetCount, StretchKernels::automatic);
-}
-
 std::vector<float> WsolaTempo::apply(const std::vector<float>& x, std::int64_t targetCount,
                                      StretchKernels kernels) {
   if (targetCount < 0) throw std::invalid_argument("WsolaTempo: negative target count");
+  std::vector<float> result(static_cast<std::size_t>(targetCount));
+  apply(x, result, 1.0f, kernels);
+  return result;
+}
+
+void WsolaTempo::apply(std::span<const float> x, std::span<float> result, float gain,
+                       StretchKernels kernels) {
   const auto count = static_cast<std::int64_t>(x.size());
   const auto outCount = std::max<std::int64_t>(
       static_cast<std::int64_t>(std::floor(static_cast<double>(count) / tempo + 0.5)), 0);
@@ -145,16 +148,21 @@ std::vector<float> WsolaTempo::apply(const std::vector<float>& x, std::int64_t t
     fadeOut[j] = 1.0f - fadeIn[j];
   }
 
+  // Output sample i is finished as soon as its segment writes it: converted back and scaled
+  // into `result` at once, or dropped beyond its end.
+  const auto kept = std::min<std::int64_t>(outCount, static_cast<std::int64_t>(result.size()));
+  auto put = [&](std::int64_t i, float v) {
+    if (i < kept) result[static_cast<std::size_t>(i)] = dequantise(v) * gain;
+  };
   const SearchKernel search = chooseKernel(kernels);
-  std::vector<float> out(static_cast<std::size_t>(outCount), 0.0f);
   alignas(32) std::array<double, kOverlap> t{};
   alignas(32) std::array<double, kPaddedCandidates> errors{};
   std::int64_t chosen = 0;  // input offset of the previous segment
-  for (std::int64_t k = 0; k < segments; ++k) {
+  for (std::int64_t k = 0; k < segments && k * kHop < kept; ++k) {
     const std::int64_t o = k * kHop;
     const std::int64_t n = std::min(outCount - o, kHop);
     if (k == 0) {
-      for (std::int64_t j = 0; j < n; ++j) out[j] = static_cast<float>(q[j]);
+      for (std::int64_t j = 0; j < n; ++j) put(j, static_cast<float>(q[j]));
       continue;
     }
     // The natural continuation of the previous segment, and the candidate offset around the
@@ -173,36 +181,37 @@ std::vector<float> WsolaTempo::apply(const std::vector<float>& x, std::int64_t t
     chosen = nominal + bestOffset;
     // Cross-fade from the continuation into the chosen segment, in single precision.
     const double* seg = q.data() + chosen;
-    float* dst = out.data() + o;
     const std::int64_t fade = std::min(n, kOverlap);
     for (std::int64_t j = 0; j < fade; ++j) {
-      dst[j] = static_cast<float>(t[j]) * fadeOut[j] + static_cast<float>(seg[j]) * fadeIn[j];
+      put(o + j, static_cast<float>(t[j]) * fadeOut[j] + static_cast<float>(seg[j]) * fadeIn[j]);
     }
-    for (std::int64_t j = fade; j < n; ++j) dst[j] = static_cast<float>(seg[j]);
+    for (std::int64_t j = fade; j < n; ++j) put(o + j, static_cast<float>(seg[j]));
   }
-
-  std::vector<float> result(static_cast<std::size_t>(targetCount), 0.0f);
-  std::transform(out.begin(), out.begin() + std::min(outCount, targetCount), result.begin(),
-                 dequantise);
-  return result;
+  std::fill(result.begin() + kept, result.end(), 0.0f);
 }
 
 std::vector<float> resampleTo(const std::vector<float>& x, std::int64_t count) {
-  if (x.empty()) throw std::invalid_argument("resampleTo: empty input");
   if (count < 0) throw std::invalid_argument("resampleTo: negative count");
   std::vector<float> y(static_cast<std::size_t>(count));
-  if (count == 1) y[0] = x[0];
-  if (count <= 1) return y;
+  resampleInto(x, y);
+  return y;
+}
+
+void resampleInto(std::span<const float> x, std::span<float> y, float gain) {
+  if (x.empty()) throw std::invalid_argument("resampleTo: empty input");
+  const auto count = static_cast<std::int64_t>(y.size());
+  if (count == 1) y[0] = x[0] * gain;
+  if (count <= 1) return;
   const auto last = static_cast<std::int64_t>(x.size()) - 1;
   const double step = static_cast<double>(last) / static_cast<double>(count - 1);
   for (std::int64_t i = 0; i < count; ++i) {
     const double p = step * static_cast<double>(i);
     const std::int64_t k = std::min(static_cast<std::int64_t>(p), last);
-    const float a = x[k];
-    const float b = k + 1 <= last ? x[k + 1] : a;
-    y[i] = a + (b - a) * static_cast<float>(p - static_cast<double>(k));
+    const float a = x[static_cast<std::size_t>(k)];
+    const float b = k + 1 <= last ? x[static_cast<std::size_t>(k + 1)] : a;
+    y[static_cast<std::size_t>(i)] =
+        (a + (b - a) * static_cast<float>(p - static_cast<double>(k))) * gain;
   }
-  return y;
 }
 
 }  // namespace lumora2

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <vector>
 
 namespace lumora2 {
@@ -27,13 +28,16 @@ struct WsolaTempo {
   static constexpr std::int64_t inputHop = 1400;                            // 1,120 × 1.25
   static constexpr double tempo = 1.25;
 
-  // Exactly `targetCount` samples: the first round(count of x ÷ 1.25) compressed samples, cut or
-  // padded with zeros to `targetCount`. A non-finite input sample counts as 0 (NaN), the largest
-  // (+∞) or the smallest (−∞) 24-bit value. Throws std::invalid_argument for a negative
-  // `targetCount`.
-  static std::vector<float> apply(const std::vector<float>& x, std::int64_t targetCount);
+  // Fills `out`: the first round(count of x ÷ 1.25) compressed samples, each times `gain`, cut
+  // or padded with zeros to the size of `out`. A non-finite input sample counts as 0 (NaN), the
+  // largest (+∞) or the smallest (−∞) 24-bit value. Each sample is written once, straight from
+  // the overlap-add: no intermediate copy of the output.
+  static void apply(std::span<const float> x, std::span<float> out, float gain = 1.0f,
+                    StretchKernels kernels = StretchKernels::automatic);
+  // The same into a new array of `targetCount` samples, gain 1. Throws std::invalid_argument for
+  // a negative `targetCount`.
   static std::vector<float> apply(const std::vector<float>& x, std::int64_t targetCount,
-                                  StretchKernels kernels);
+                                  StretchKernels kernels = StretchKernels::automatic);
 };
 
 // Linear interpolation of x onto `count` evenly spaced points spanning x's first to last sample:
@@ -42,5 +46,7 @@ struct WsolaTempo {
 // they spread by ordinary float arithmetic. Throws std::invalid_argument for an empty x or a
 // negative count.
 std::vector<float> resampleTo(const std::vector<float>& x, std::int64_t count);
+// The same onto the size of `y`, each sample then times `gain`.
+void resampleInto(std::span<const float> x, std::span<float> y, float gain = 1.0f);
 
 }  // namespace lumora2

@@ -102,19 +102,6 @@ StreamMessage StreamMessageReader::next() {
   return {};
 }
 
-void formatFrameRecord(std::uint32_t pos, const std::vector<std::uint8_t>& bgr,
-                       std::uint8_t* record) {
-  putLittleEndian(record, pos);
-  std::uint8_t* rgb = record + 4;
-  const std::uint8_t* src = bgr.data();
-  const std::size_t size = bgr.size() - bgr.size() % 3;
-  for (std::size_t i = 0; i < size; i += 3) {
-    rgb[i] = src[i + 2];
-    rgb[i + 1] = src[i + 1];
-    rgb[i + 2] = src[i];
-  }
-}
-
 RecordReader::RecordReader(int width, int height)
     : pixelBytes_(frameRecordBytes(width, height) - 4), record_(frameRecordBytes(width, height)) {}
 

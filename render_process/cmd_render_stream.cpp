@@ -20,6 +20,7 @@
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <string>
 #include <thread>
 #include <vector>
@@ -127,11 +128,13 @@ class RenderStream {
     out_.waitForEarlierTasks(std::chrono::hours(24));
   }
 
-  // Every ready frame, as position + R, G, B in one write each.
+  // Every ready frame, as position + R, G, B in one write each. The engine writes the pixels
+  // straight into the record, in the wire's order; the record is the one buffer every frame uses.
   void drain() {
-    while (auto item = engine_->pullPos()) {
-      wire::formatFrameRecord(static_cast<std::uint32_t>(item->pos), item->frame, scratch_.data());
-      if (!writeAll(scratch_.data(), scratch_.size())) parentGone();
+    const std::span<std::uint8_t> pixels(record_.data() + 4, kFrameBytes);
+    while (auto frame = engine_->pullInto(pixels, PixelOrder::rgb)) {
+      wire::putLittleEndian(record_.data(), static_cast<std::uint32_t>(frame->pos));
+      if (!writeAll(record_.data(), record_.size())) parentGone();
     }
   }
 
@@ -228,7 +231,7 @@ class RenderStream {
 
   fs::path workDir_;
   std::shared_ptr<Lumora2Engine> engine_;
-  std::vector<std::uint8_t> scratch_ = std::vector<std::uint8_t>(4 + kFrameBytes);
+  std::vector<std::uint8_t> record_ = std::vector<std::uint8_t>(4 + kFrameBytes);
   std::mutex kickLock_;
   bool kickScheduled_ = false;  // guarded by kickLock_
   int failures_ = 0;            // consecutive failed segments, for the whole process
@@ -247,15 +250,16 @@ int renderStream(const Positionals& positionals, const Options& options) {
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   std::signal(SIGPIPE, SIG_IGN);
 
+  // The environment is read here, once; the engine is handed what it says.
+  EngineSettings settings = EngineSettings::fromEnvironment();
   // Which file is which, from the manifests alone, before anything is unpacked or loaded.
   const RenderManifests manifests = readRenderManifests(enginePath, avatarPath);
-  std::shared_ptr<Lumora2Engine> engine = Lumora2Engine::create();
   const fs::path workDir = fs::temp_directory_path() / ("ane-render-" + newUUID());
   fs::create_directories(workDir);
   // Every member is checked against its manifest before the engine sees it.
-  std::optional<std::vector<float>> warmSpeech;
+  StagedRender staged;
   try {
-    warmSpeech = stageForRendering(enginePath, avatarPath, workDir);
+    staged = stageForRendering(enginePath, avatarPath, workDir);
     verifyStaged(workDir, manifests);
   } catch (...) {
     removeTreeQuietly(workDir);
@@ -263,8 +267,8 @@ int renderStream(const Positionals& positionals, const Options& options) {
   }
   stderrLine("[render-stream] warming up identity=" + avatarPath.filename().string() + " …");
   const auto started = Clock::now();
-  engine->warmUp(warmSpeech);
-  if (!engine->isReady()) {
+  std::shared_ptr<Lumora2Engine> engine = warmEngine(staged, std::move(settings));
+  if (!engine) {
     removeTreeQuietly(workDir);
     throw Err("render-stream: warmUp failed — engine not ready");
   }
@@ -274,8 +278,8 @@ int renderStream(const Positionals& positionals, const Options& options) {
                 std::chrono::duration<double>(Clock::now() - started).count());
   stderrLine(ready);
   wire::Header promise;
-  promise.width = engine->width();
-  promise.height = engine->height();
+  promise.width = Lumora2Engine::kWidth;
+  promise.height = Lumora2Engine::kHeight;
   promise.decoder = engine->decoderDesc();
   const std::string header = wire::headerLine(promise);
   if (!writeAll(header.data(), header.size())) {

@@ -64,6 +64,7 @@ double meanOf(const std::vector<double>& values, std::size_t from, std::size_t t
 // Frames of the test speech, polled until 60 are held or the budget is spent.
 std::vector<std::vector<std::uint8_t>> collectFrames(Lumora2Engine& engine) {
   std::vector<std::vector<std::uint8_t>> frames;
+  std::vector<std::uint8_t> frame;
   const auto deadline = std::chrono::steady_clock::now() + kCollectBudget;
   while (frames.size() < kMaxFrames) {
     if (std::chrono::steady_clock::now() > deadline) {
@@ -73,8 +74,9 @@ std::vector<std::vector<std::uint8_t>> collectFrames(Lumora2Engine& engine) {
       }
       break;
     }
-    if (auto item = engine.pullPos()) {
-      frames.push_back(std::move(item->frame));
+    frame.resize(Lumora2Engine::kFrameBytes);  // a new buffer only after one was kept
+    if (engine.pullInto(frame)) {
+      frames.push_back(std::move(frame));
     } else {
       std::this_thread::sleep_for(kPollPause);
     }
@@ -89,6 +91,8 @@ int renderValidate(const Positionals& positionals, const Options& options) {
   const fs::path enginePath = *option(options, "engine");
   const double minSharp = decimalOption(options, "min-sharp", kDefaultMinSharp);
   const double onsetRatio = decimalOption(options, "onset-ratio", kDefaultOnsetRatio);
+  // The environment is read here, once; the engine is handed what it says.
+  const EngineSettings settings = EngineSettings::fromEnvironment();
 
   // Swapped files are named as such; then the format tags.
   const RenderManifests manifests = readRenderManifests(enginePath, avatarPath);
@@ -112,16 +116,12 @@ int renderValidate(const Positionals& positionals, const Options& options) {
         " compatible · checksums OK");
 
   const ScratchDir scratch("");
-  const std::optional<std::vector<float>> warmSpeech =
-      stageForRendering(enginePath, avatarPath, scratch.path());
-  const fs::path engineDir = scratch.path() / "engine";
+  const StagedRender staged = stageForRendering(enginePath, avatarPath, scratch.path());
   print("  warming up (this loads + compiles the graphs)…");
-  std::shared_ptr<Lumora2Engine> engine = Lumora2Engine::create();
-  engine->warmUp(warmSpeech);
-  if (!engine->isReady())
-    throw Err("warmUp failed — engine not ready (missing/incompatible graphs?)");
+  std::shared_ptr<Lumora2Engine> engine = warmEngine(staged, settings);
+  if (!engine) throw Err("warmUp failed — engine not ready (missing/incompatible graphs?)");
 
-  const std::vector<float> testSpeech = loadWav(engineDir / "warm.wav");
+  const std::vector<float> testSpeech = loadWav(staged.engineDir / "warm.wav");
   engine->resetState(true);
   engine->feed(testSpeech);
   const std::vector<std::vector<std::uint8_t>> frames = collectFrames(*engine);
@@ -133,7 +133,7 @@ int renderValidate(const Positionals& positionals, const Options& options) {
   std::vector<double> sharp;
   sharp.reserve(frames.size());
   for (const auto& frame : frames)
-    sharp.push_back(sharpness(frame, engine->width(), engine->height()));
+    sharp.push_back(sharpness(frame, Lumora2Engine::kWidth, Lumora2Engine::kHeight));
   const std::size_t n = sharp.size();
   const std::size_t span = std::min<std::size_t>(10, n);
   const double onset = meanOf(sharp, 0, span);

@@ -1,13 +1,11 @@
 #include "render_staging.h"
 
-#include <cstdlib>
 #include <exception>
 #include <string>
 
 #include "container/archive.h"
 #include "container/error.h"
 #include "container/verify.h"
-#include "engine/lumora2_engine.h"
 #include "host/args.h"
 #include "host/command.h"
 #include "render_support.h"
@@ -50,20 +48,27 @@ void verifyStaged(const std::filesystem::path& dir, const RenderManifests& manif
   if (!problems.empty()) throw Err("checksum problems: " + problems);
 }
 
-std::optional<std::vector<float>> stageForRendering(const std::filesystem::path& engine,
-                                                    const std::filesystem::path& avatar,
-                                                    const std::filesystem::path& dir) {
-  const std::filesystem::path engineDir = dir / "engine";
-  const std::filesystem::path avatarDir = dir / "avatar";
-  Archive::unzip(engine, engineDir);
-  Archive::unzip(avatar, avatarDir);
-  Lumora2Engine::setActiveAgentDir(avatarDir);
-  ::setenv("MORVANE_VIVRA_DIR", engineDir.c_str(), 1);
+StagedRender stageForRendering(const std::filesystem::path& engine,
+                               const std::filesystem::path& avatar,
+                               const std::filesystem::path& dir) {
+  StagedRender staged{dir / "engine", dir / "avatar", std::nullopt};
+  Archive::unzip(engine, staged.engineDir);
+  Archive::unzip(avatar, staged.avatarDir);
   try {
-    return loadWav(engineDir / "warm.wav", warmSamples());
+    staged.warmSpeech = loadWav(staged.engineDir / "warm.wav", warmSamples());
   } catch (const std::exception&) {
-    return std::nullopt;
+    staged.warmSpeech.reset();
   }
+  return staged;
+}
+
+std::shared_ptr<Lumora2Engine> warmEngine(const StagedRender& staged, EngineSettings settings) {
+  settings.vivraDir = staged.engineDir;
+  // The avatar first: a refused one ends the start before the graphs are loaded.
+  std::shared_ptr<const AvatarModel> avatar = AvatarModel::load(staged.avatarDir, settings);
+  if (!avatar) return nullptr;
+  std::shared_ptr<const EngineGraphs> graphs = EngineGraphs::load(settings);
+  return Lumora2Engine::warmed(std::move(graphs), std::move(avatar), settings, staged.warmSpeech);
 }
 
 }  // namespace lumora2

@@ -2,10 +2,13 @@
 #pragma once
 
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <vector>
 
 #include "container/manifest.h"
+#include "engine/engine_settings.h"
+#include "engine/lumora2_engine.h"
 
 namespace lumora2 {
 
@@ -26,12 +29,25 @@ RenderManifests readRenderManifests(const std::filesystem::path& engine,
 // any is missing or does not match, in the forms validate and unpack print.
 void verifyStaged(const std::filesystem::path& dir, const RenderManifests& manifests);
 
-// Unpacks the engine into `dir`/engine and the avatar into `dir`/avatar (throwing the archive's
-// error; what was unpacked stays for the caller to remove), points the engine at them (the active
-// identity directory and MORVANE_VIVRA_DIR) and returns the engine's warm speech looped to
-// warmSamples(), or nothing when it has none: warm-up then runs without its speech pass.
-std::optional<std::vector<float>> stageForRendering(const std::filesystem::path& engine,
-                                                    const std::filesystem::path& avatar,
-                                                    const std::filesystem::path& dir);
+// The two containers unpacked for rendering, and the engine's warm speech.
+struct StagedRender {
+  std::filesystem::path engineDir;  // `dir`/engine
+  std::filesystem::path avatarDir;  // `dir`/avatar
+  // warm.wav looped to warmSamples(); nothing when the engine has none it can read, and warm-up
+  // then runs without its speech pass.
+  std::optional<std::vector<float>> warmSpeech;
+};
+
+// Unpacks the engine into `dir`/engine and the avatar into `dir`/avatar, throwing the archive's
+// error (what was unpacked stays for the caller to remove).
+StagedRender stageForRendering(const std::filesystem::path& engine,
+                               const std::filesystem::path& avatar,
+                               const std::filesystem::path& dir);
+
+// An engine on the staged containers, warmed up with their warm speech: the avatar is the
+// unpacked one, and the graphs are looked for in the unpacked engine first (it takes the place
+// of MORVANE_VIVRA_DIR in `settings`; a MORVANE_LUMORA2_DIR still comes before it). Nothing when
+// the avatar, the graphs or the warm-up fail; the engine's log says why.
+std::shared_ptr<Lumora2Engine> warmEngine(const StagedRender& staged, EngineSettings settings);
 
 }  // namespace lumora2

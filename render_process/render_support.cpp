@@ -9,6 +9,9 @@
 #include "host/command.h"
 
 namespace lumora2 {
+namespace {
+constexpr int kEngineRate = 16000;
+}  // namespace
 
 std::vector<float> loadWav(const std::filesystem::path& path, std::optional<std::int64_t> loopTo) {
   SF_INFO info{};
@@ -19,6 +22,11 @@ std::vector<float> loadWav(const std::filesystem::path& path, std::optional<std:
     ~Close() { sf_close(f); }
   } close{file};
   if (info.channels < 1 || info.frames <= 0) throw Err("wav has no samples: " + path.string());
+  // The engine's audio is 16 kHz; samples at another rate would play too fast or too slow.
+  if (info.samplerate != kEngineRate) {
+    throw Err("wav " + path.string() + " is " + std::to_string(info.samplerate) +
+              " Hz; the engine takes " + std::to_string(kEngineRate) + " Hz audio");
+  }
   std::vector<float> all(static_cast<std::size_t>(info.frames) *
                          static_cast<std::size_t>(info.channels));
   const sf_count_t read = sf_readf_float(file, all.data(), info.frames);

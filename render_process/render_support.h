@@ -9,10 +9,11 @@
 
 namespace lumora2 {
 
-// The file's first channel as 32-bit floats at the file's own rate (no resampling). With
-// `loopTo`, whole copies of the clip are appended until at least that many samples are held and
-// the result is cut to exactly `loopTo` (a negative count gives nothing). Throws Err: "cannot
-// open wav <path>", the reader's own error, or "wav has no samples: <path>".
+// The file's first channel as 32-bit floats. The file must be at the engine's rate, 16 kHz: it is
+// never resampled. With `loopTo`, whole copies of the clip are appended until at least that many
+// samples are held and the result is cut to exactly `loopTo` (a negative count gives nothing).
+// Throws Err: "cannot open wav <path>", the reader's own error, "wav has no samples: <path>", or
+// "wav <path> is <rate> Hz; the engine takes 16000 Hz audio".
 std::vector<float> loadWav(const std::filesystem::path& path,
                            std::optional<std::int64_t> loopTo = std::nullopt);
 

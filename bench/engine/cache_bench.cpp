@@ -21,13 +21,12 @@
 #include <vector>
 
 #include "container/platform.h"
-#include "engine/lumora2_engine.h"
+#include "engine/engine_settings.h"
 #include "model_cache.h"
 #include "support/harness.h"
 #include "support/package_maker.h"
 
 namespace fs = std::filesystem;
-using lumora2::Lumora2Engine;
 using Clock = std::chrono::steady_clock;
 
 namespace {
@@ -124,6 +123,7 @@ int main(int argc, char** argv) {
   const long mib = argc > 1 ? std::atol(argv[1]) : 192;
   const int runs = argc > 2 ? std::atoi(argv[2]) : 7;
   lumora2::testing::Scratch scratch;  // its own cache root and temporary directory
+  const lumora2::ModelCache cache(lumora2::EngineSettings::fromEnvironment());
 
   fs::path package = scratch.dir() / "bench_graph.mlpackage";
   const std::int64_t floats = mib * (1 << 20) / 4;
@@ -136,7 +136,7 @@ int main(int argc, char** argv) {
               secondsSince(start));
 
   start = Clock::now();
-  auto entry = lumora2::ModelCache::compiledURL(package, "bench_graph");
+  auto entry = cache.compiledURL(package, "bench_graph");
   std::printf("miss (fingerprint + compile + install): %.2f s\n", secondsSince(start));
   if (!entry) return 1;
 
@@ -144,7 +144,7 @@ int main(int argc, char** argv) {
   readAndHash(package);  // both measured from a warm page cache
   for (int i = 0; i < runs; ++i) {
     start = Clock::now();
-    auto hit = lumora2::ModelCache::compiledURL(package, "bench_graph");
+    auto hit = cache.compiledURL(package, "bench_graph");
     hits.push_back(secondsSince(start));
     if (hit != entry) return 1;
     start = Clock::now();
@@ -161,7 +161,7 @@ int main(int argc, char** argv) {
   fs::path copy = scratch.dir() / "copy" / "bench_graph.mlpackage";
   fs::create_directories(copy.parent_path());
   fs::copy(package, copy, fs::copy_options::recursive);
-  bool copyHit = lumora2::ModelCache::compiledURL(copy, "bench_graph") == entry;
+  bool copyHit = cache.compiledURL(copy, "bench_graph") == entry;
   bool once = lumora2::compileCount() == 1 && copyHit;
   std::printf("compiles: %zu for one content after %d hits and a copied package %s\n",
               lumora2::compileCount(), runs + 1, once ? "PASS" : "FAIL");

@@ -1,5 +1,5 @@
 // Measures the engine's two hot pure-computation kernels against their budgets, on one thread:
-//  - FramePath::frameToBGR with sharpening on: at most 1 ms per frame, shown next to copying the
+//  - FramePath::frameInto with sharpening on: at most 1 ms per frame, shown next to copying the
 //    same bytes (the 1,797,120 input bytes and the 898,560 output bytes) and next to the same
 //    pipeline built from OpenCV core + imgproc, the evidence for the engine's own kernels;
 //  - WsolaTempo::apply on one 44,000-sample speech-like window: at most 2 ms.
@@ -121,16 +121,16 @@ int main(int argc, char** argv) {
   });
   FramePath own;
   const double ownMs =
-      timeMs(frames, [&](int i) { own.frameToBGR(input[i % kRotation].data(), kAmount, out); });
+      timeMs(frames, [&](int i) { own.frameInto(input[i % kRotation].data(), kAmount, out); });
   FramePath portable(FrameKernels::portable);
   const double portableMs = timeMs(frames / 10 + 1, [&](int i) {
-    portable.frameToBGR(input[i % kRotation].data(), kAmount, out);
+    portable.frameInto(input[i % kRotation].data(), kAmount, out);
   });
   OpenCvFramePath cvPath;
   const double cvMs = timeMs(
       frames, [&](int i) { cvPath.frameToBGR(input[i % kRotation].data(), kAmount, out.data()); });
 
-  std::printf("frameToBGR, sharpening %.1f, one thread, median of %d frames:\n", kAmount, frames);
+  std::printf("frameInto, sharpening %.1f, one thread, median of %d frames:\n", kAmount, frames);
   std::printf("  copy of the input and output bytes  %7.3f ms\n", copy);
   std::printf("  engine, automatic (%-9s)       %7.3f ms = %4.1fx the copy (budget 1 ms: %s)\n",
               own.kernelName(), ownMs, ownMs / copy, ownMs <= 1.0 ? "met" : "MISSED");

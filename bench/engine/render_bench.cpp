@@ -33,6 +33,7 @@
 #include <mutex>
 #include <numbers>
 #include <optional>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -40,7 +41,6 @@
 
 #include "engine/graph_model.h"
 #include "engine/lumora2_engine.h"
-#include "model_resolution.h"
 
 namespace fs = std::filesystem;
 using lumora2::GraphModel;
@@ -159,18 +159,18 @@ fs::path generateFamily(const std::string& generator, const fs::path& out, bool 
   return out / "staging";
 }
 
-// Points package and resource lookup at identity `code` of the family staged at `staging`.
-void useFamily(const fs::path& staging, const std::string& code) {
-  ::setenv("MORVANE_VIVRA_DIR", (staging / "engine").c_str(), 1);
-  lumora2::ModelResolution::setActiveAgentDir(staging / code);
-}
-
-// A warmed engine for identity `code` of the family staged at `staging`.
-Engine warmedEngine(const fs::path& staging, const std::string& code, const fs::path& log) {
-  useFamily(staging, code);
-  Engine engine = Lumora2Engine::create();
-  engine->warmUp(std::nullopt);
-  if (!engine->isReady()) {
+// A warmed engine for avatar `code` of the family staged at `staging`, on graphs of its own
+// (the front end included: no process-wide one), its compiled graphs cached under `cache`.
+Engine warmedEngine(const fs::path& staging, const std::string& code, const fs::path& cache,
+                    const fs::path& log) {
+  lumora2::EngineSettings settings = lumora2::EngineSettings::fromEnvironment();
+  settings.vivraDir = staging / "engine";
+  settings.cacheRoot = cache;
+  settings.process.sharedFrontEnd = false;
+  auto graphs = lumora2::EngineGraphs::load(settings);
+  Engine engine = Lumora2Engine::warmed(
+      graphs, lumora2::AvatarModel::load(staging / code, settings), settings, std::nullopt);
+  if (!engine) {
     throw std::runtime_error("the engine did not warm up on " + staging.string() + "; its log:\n" +
                              lastLines(log, 20));
   }
@@ -276,13 +276,10 @@ LoopFigures utteranceLoop(Lumora2Engine& engine, double loopSeconds) {
   std::vector<std::vector<float>> utterances;
   for (int v = 0; v < 5; ++v) utterances.push_back(utterance(v));
   LoopFigures figures;
+  // One frame buffer for the whole loop, as render-stream keeps one record.
+  std::vector<std::uint8_t> frame(Lumora2Engine::kFrameBytes);
   auto pullAvailable = [&] {
-    while (auto item = engine.pullPos()) {
-      if (item->frame.size() != Lumora2Engine::kFrameBytes) {
-        throw std::runtime_error("a pulled frame has the wrong size");
-      }
-      ++figures.frames;
-    }
+    while (engine.pullInto(frame)) ++figures.frames;
   };
   engine.resetState(true);
   const auto start = Clock::now();
@@ -295,7 +292,7 @@ LoopFigures utteranceLoop(Lumora2Engine& engine, double loopSeconds) {
     for (std::size_t at = 0; at < speech.size(); at += kPieceSamples) {
       const auto end =
           speech.begin() + static_cast<std::ptrdiff_t>(std::min(at + kPieceSamples, speech.size()));
-      engine.feed(std::vector<float>(speech.begin() + static_cast<std::ptrdiff_t>(at), end));
+      engine.feed(std::span<const float>(speech.begin() + static_cast<std::ptrdiff_t>(at), end));
       pullAvailable();
     }
     engine.flushTail();
@@ -338,14 +335,13 @@ int run(int argc, char** argv, const ScratchDir& scratch) {
   const fs::path log = scratch.path() / "engine.log";
   const fs::path light = generateFamily(generator, scratch.path() / "reference", false);
   const fs::path heavy = generateFamily(generator, scratch.path() / "heavy", true);
-  ::setenv("LUMORA2_MLMODELC_CACHE", (scratch.path() / "compiled").c_str(), 1);
-  ::unsetenv("LUMORA2_SHARED_W2V");  // each family loads its own front end
+  const fs::path cache = scratch.path() / "compiled";
   const StderrToFile engineLog(log);
   bool ok = true;
   std::printf("%u cores, 1-minute load average %.2f before the engine starts\n",
               std::thread::hardware_concurrency(), loadAverage());
 
-  const Engine engine = warmedEngine(light, "ava", log);
+  const Engine engine = warmedEngine(light, "ava", cache, log);
   const SyncFigures reference = timeBenchSync(*engine, kReferencePlan);
   const double realTime = kReferencePlan.seconds / reference.wallSeconds;
   std::printf("benchSync(%d), reference family, median of %d calls after one warm-up call:\n",
@@ -360,7 +356,7 @@ int run(int argc, char** argv, const ScratchDir& scratch) {
   std::fflush(stdout);
 
   {
-    const Engine heavyEngine = warmedEngine(heavy, "ava", log);
+    const Engine heavyEngine = warmedEngine(heavy, "ava", cache, log);
     const SyncFigures h = timeBenchSync(*heavyEngine, kHeavyPlan);
     const double outside = 1.0 - h.predictSeconds / h.wallSeconds;
     std::printf("benchSync(%d), heavy family, one call after a benchSync(%d) warm-up call:\n",
@@ -375,8 +371,6 @@ int run(int argc, char** argv, const ScratchDir& scratch) {
     ok = ok && outside <= kOverheadBudget;
     std::fflush(stdout);
   }
-  useFamily(light, "ava");  // back to the engine that runs the loop
-
   const LoopFigures loop = utteranceLoop(*engine, loopSeconds);
   const double baselineAt = std::min(kBaselineSeconds, loopSeconds / 5);
   const std::size_t baselineIndex =

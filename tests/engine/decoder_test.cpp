@@ -1,10 +1,9 @@
-// The per-identity decoder: lookup, per-identity cache key, contract check and the liveness
+// The avatar's decoder: lookup, per-avatar cache key, contract check and the liveness
 // ladder, with every line it logs.
 #include <gtest/gtest.h>
 
-#include "cache_entry.h"
-#include "engine/lumora2_engine.h"
-#include "model_resolution.h"
+#include "decoder_loading.h"
+#include "engine/engine_settings.h"
 #include "support/harness.h"
 #include "support/package_maker.h"
 
@@ -33,23 +32,21 @@ Lines decoderLines(const std::string& err) {
 
 class Decoder : public ::testing::Test {
  protected:
-  void SetUp() override { ModelResolution::setActiveAgentDir(identity); }
-  void TearDown() override { ModelResolution::setActiveAgentDir(std::nullopt); }
   void writeDecoder(const std::string& source, const std::string& io = testing::io(kX, kRgb)) {
-    testing::writeScriptPackage(identity / "dec_p2_v3_all.mlpackage", source, io,
+    testing::writeScriptPackage(avatar / "dec_p2_v3_all.mlpackage", source, io,
                                 {{"b", {1, 1, 1, 1}, 0.5f}});
   }
-  // engine->loadDecp2(), its decoder lines in `log`.
-  std::shared_ptr<GraphModel> loadDecp2() {
+  // The avatar's decoder as the environment's settings load it, its decoder lines in `log`.
+  std::optional<DecoderLoading::Loaded> loadDecp2() {
+    const EngineSettings settings = EngineSettings::fromEnvironment();
     testing::StderrCapture capture;
-    auto model = engine->loadDecp2();
+    auto loaded = DecoderLoading::loadDecp2(avatar, settings, ModelCache(settings));
     log = decoderLines(capture.finish());
-    return model;
+    return loaded;
   }
   testing::Scratch scratch;
   Lines log;
-  fs::path identity = scratch.dir() / "alice";
-  std::shared_ptr<Lumora2Engine> engine = Lumora2Engine::create();
+  fs::path avatar = scratch.dir() / "alice";
 };
 
 class Contract : public Decoder, public ::testing::WithParamInterface<std::string> {};
@@ -91,7 +88,6 @@ TEST_P(Ladder, ADeadDecoderClimbsTheLadderSkippingItsDeclaredUnitThenIsRefused) 
       "[vivra] dec_p2_v3_all computes nothing on ANY unit in the ladder — REFUSING rather than "
       "rendering a blank picture");
   EXPECT_EQ(log, want);
-  EXPECT_FALSE(engine->decp2Description());
 }
 
 INSTANTIATE_TEST_SUITE_P(Units, Ladder,

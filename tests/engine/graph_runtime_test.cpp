@@ -91,8 +91,8 @@ INSTANTIATE_TEST_SUITE_P(
                    "has shape [3,4,2]"}),
     [](const auto& param) { return std::string(param.param.label); });
 
-// One graph serves several engines (the shared speech front end): predictions from many threads
-// take turns on the graph, and each caller gets the result of its own input.
+// One graph serves every engine of a process: predictions from many threads run on it side by
+// side, and each caller gets the result of its own input.
 TEST(GraphRuntime, ConcurrentPredictionsOnOneGraphEachGetTheirOwnResult) {
   testing::Scratch scratch;
   auto model = makeGraph(scratch.dir() / "g.mlpackage",

@@ -12,8 +12,6 @@
 #include <thread>
 
 #include "engine/idle_clip_stream.h"
-#include "engine/lumora2_engine.h"
-#include "model_resolution.h"
 #include "support/clip_writer.h"
 #include "support/harness.h"
 
@@ -123,9 +121,10 @@ INSTANTIATE_TEST_SUITE_P(
 
 struct RefusalCase {
   const char* name;
-  bool url;                                   // open the clip's path, or no url at all
-  std::function<void(const fs::path&)> make;  // prepares the clip's path; may be empty
-  std::string why;                            // "{path}" stands for the clip's path
+  bool url;                                          // open the clip's path, or no url at all
+  std::function<void(const fs::path&)> make;         // prepares the clip's path; may be empty
+  std::string why;                                   // "{path}" stands for the clip's path
+  std::optional<fs::path> avatarDir = std::nullopt;  // named in the no-url reason
   friend void PrintTo(const RefusalCase& c, std::ostream* os) { *os << c.name; }
 };
 
@@ -154,10 +153,9 @@ TEST_P(IdleClipRefusal, GivesTheReason) {
   const RefusalCase& c = GetParam();
   Scratch scratch;
   const fs::path path = scratch.dir() / "idle.mp4";
-  ModelResolution::setActiveAgentDir(std::nullopt);
   if (c.make) c.make(path);
-  auto [clip, why] = IdleClipStream::open(c.url ? std::optional(path) : std::nullopt, 416, 720);
-  ModelResolution::setActiveAgentDir(std::nullopt);
+  auto [clip, why] =
+      IdleClipStream::open(c.url ? std::optional(path) : std::nullopt, 416, 720, c.avatarDir);
   EXPECT_FALSE(clip);
   std::string expected = c.why;
   if (std::size_t at = expected.find("{path}"); at != std::string::npos) {
@@ -174,9 +172,11 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         RefusalCase{
             "NoUrl", false, {}, "no idle.mp4 for this identity (activeAgentDir=nil" + kNoUrl},
-        RefusalCase{"NoUrlInAnIdentity", false,
-                    [](const fs::path&) { ModelResolution::setActiveAgentDir("/agents/a b"); },
-                    "no idle.mp4 for this identity (activeAgentDir=/agents/a b" + kNoUrl},
+        RefusalCase{"NoUrlInAnAvatar",
+                    false,
+                    {},
+                    "no idle.mp4 for this identity (activeAgentDir=/agents/a b" + kNoUrl,
+                    "/agents/a b"},
         RefusalCase{"AudioOnly", true, writeWav, kNoTrack},
         RefusalCase{"NotMedia", true,
                     [](const fs::path& p) { writeText(p, "not a video at all\n"); }, kNoTrack},

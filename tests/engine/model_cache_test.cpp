@@ -5,7 +5,7 @@
 #include <fstream>
 
 #include "cache_entry.h"
-#include "engine/lumora2_engine.h"
+#include "engine/engine_settings.h"
 #include "model_cache.h"
 #include "support/harness.h"
 #include "support/package_maker.h"
@@ -33,9 +33,13 @@ class ModelCache : public ::testing::Test {
   // compiledURL under the key "m", its log lines in `log`.
   std::optional<fs::path> compiled(const fs::path& package) {
     StderrCapture capture;
-    auto result = lumora2::ModelCache::compiledURL(package, "m");
+    auto result = cache().compiledURL(package, "m");
     log = logTexts(capture.finish());
     return result;
+  }
+  // The cache as this process's environment sets it up, at the moment of asking.
+  static lumora2::ModelCache cache() {
+    return lumora2::ModelCache(EngineSettings::fromEnvironment());
   }
   testing::Scratch scratch;
   Lines log;
@@ -103,7 +107,7 @@ TEST_F(ModelCache, ACorruptEntryIsPurgedAndRecompiledOnceThenGivesUp) {
   ASSERT_TRUE(entry);
   std::ofstream(*entry / "model.pt", std::ios::trunc) << "corrupt";
   StderrCapture capture;
-  EXPECT_TRUE(lumora2::ModelCache::load("m", ComputeUnits::cpuOnly));
+  EXPECT_TRUE(cache().load("m", ComputeUnits::cpuOnly));
   const std::string name = entry->filename().string();
   const std::string retry = " — purging + recompiling once";
   EXPECT_EQ(logTexts(capture.finish()),
@@ -116,7 +120,7 @@ TEST_F(ModelCache, ACorruptEntryIsPurgedAndRecompiledOnceThenGivesUp) {
                               "def forward(self, a, b):\n  return a\n", testing::simpleIo("[1]"));
   std::size_t compiles = compileCount();
   StderrCapture second;
-  EXPECT_FALSE(lumora2::ModelCache::load("twice", ComputeUnits::cpuOnly));
+  EXPECT_FALSE(cache().load("twice", ComputeUnits::cpuOnly));
   log = logTexts(second.finish());
   EXPECT_EQ(compileCount(), compiles + 2);  // no third attempt
   ASSERT_EQ(log.size(), 3u);

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <thread>
@@ -14,8 +15,8 @@
 #include "engine/lumora2_engine.h"
 #include "family/identity.h"
 #include "family/portrait.h"
-#include "family_fixture.h"
-#include "model_resolution.h"
+#include "family/speech.h"
+#include "family_engines.h"
 #include "support/harness.h"
 
 namespace lumora2::family::test {
@@ -42,20 +43,18 @@ std::vector<float> tone(std::int64_t count, float amplitude = 0.3f) {
 class FamilyEngine : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    const GeneratedFamily& family = generatedFamily();
-    ::setenv("LUMORA2_MLMODELC_CACHE", (family.root / "engine-test-cache").c_str(), 1);
-    ::setenv("MORVANE_VIVRA_DIR", family.engine().c_str(), 1);
+    settings_ = new EngineSettings(familySettings("engine-test-cache"));
+    lumora2::testing::StderrCapture quiet;
+    graphs_ = new std::shared_ptr<const EngineGraphs>(EngineGraphs::load(*settings_));
   }
 
-  // A warmed engine for identity `code`; its warm-up log in *log when asked.
+  // A warmed engine for avatar `code`; its warm-up log in *log when asked.
   Engine warmed(const std::string& code = "ava", std::vector<std::string>* log = nullptr) {
-    ModelResolution::setActiveAgentDir(generatedFamily().avatar(code));
-    Engine engine = Lumora2Engine::create();
     StderrCapture capture;
-    engine->warmUp(std::nullopt);
+    Engine engine = engineFor(*graphs_, generatedFamily().avatar(code), *settings_);
     std::vector<std::string> lines = logTexts(capture.finish());
     if (log != nullptr) *log = lines;
-    EXPECT_TRUE(engine->isReady()) << ::testing::PrintToString(lines);
+    EXPECT_TRUE(engine) << ::testing::PrintToString(lines);
     return engine;
   }
 
@@ -63,15 +62,9 @@ class FamilyEngine : public ::testing::Test {
     ASSERT_TRUE(engine->waitForScheduledRenders(std::chrono::seconds(60)));
   }
 
-  static std::vector<Lumora2Engine::PulledItem> drain(const Engine& engine) {
-    std::vector<Lumora2Engine::PulledItem> out;
-    while (auto item = engine->pullPos()) out.push_back(std::move(*item));
-    return out;
-  }
-
-  static std::vector<std::int64_t> positions(const std::vector<Lumora2Engine::PulledItem>& items) {
+  static std::vector<std::int64_t> positions(const std::vector<PulledFrame>& items) {
     std::vector<std::int64_t> out;
-    for (const auto& item : items) out.push_back(item.pos);
+    for (const auto& item : items) out.push_back(item.info.pos);
     return out;
   }
 
@@ -80,6 +73,10 @@ class FamilyEngine : public ::testing::Test {
     for (std::int64_t p = from; p < to; ++p) out.push_back(p);
     return out;
   }
+
+  // Loaded once for every case of the binary; never freed (the graphs outlive every engine).
+  static inline EngineSettings* settings_ = nullptr;
+  static inline std::shared_ptr<const EngineGraphs>* graphs_ = nullptr;
 };
 
 // Chunk 0 gives 22 frames (its first two identical) at 0–21, chunk 1 gives 32 at 22–53; nothing
@@ -91,15 +88,14 @@ TEST_F(FamilyEngine, ChunksYieldTheirFramesInOrder) {
   EXPECT_EQ(engine->queuedFrames(), 0);
   engine->feed(tone(1));
   settle(engine);
-  std::vector<Lumora2Engine::PulledItem> first = drain(engine);
+  std::vector<PulledFrame> first = drain(*engine);
   EXPECT_EQ(positions(first), range(0, 22));
   ASSERT_GE(first.size(), 2u);
-  EXPECT_EQ(first[0].frame, first[1].frame);
-  EXPECT_NE(first[1].frame, first[2].frame);
-  EXPECT_EQ(first[0].frame.size(), Lumora2Engine::kFrameBytes);
+  EXPECT_EQ(first[0].pixels, first[1].pixels);
+  EXPECT_NE(first[1].pixels, first[2].pixels);
   engine->feed(tone(kChunk));
   settle(engine);
-  EXPECT_EQ(positions(drain(engine)), range(22, 54));
+  EXPECT_EQ(positions(drain(*engine)), range(22, 54));
 }
 
 // A flush pads to the next chunk boundary plus one chunk; the frames kept are exactly those whose
@@ -110,9 +106,9 @@ TEST_F(FamilyEngine, FlushKeepsFramesOfRealAudioAndRestartsPositions) {
   engine->feed(tone(30000));
   engine->flushTail();
   settle(engine);
-  std::vector<Lumora2Engine::PulledItem> utterance;
+  std::vector<PulledFrame> utterance;
   while (engine->hasPendingTail() || engine->queuedFrames() > 0) {
-    for (auto& item : drain(engine)) utterance.push_back(std::move(item));
+    for (auto& item : drain(*engine)) utterance.push_back(std::move(item));
     settle(engine);
   }
   EXPECT_EQ(positions(utterance), range(0, 37));  // centres 400 … 29,200 < 30,000 ≤ 30,000
@@ -123,7 +119,7 @@ TEST_F(FamilyEngine, FlushKeepsFramesOfRealAudioAndRestartsPositions) {
   EXPECT_THAT(log, Contains("[vivra] flushTail: nothing pending (ci=3)"));
   engine->feed(tone(kChunk));
   settle(engine);
-  EXPECT_EQ(positions(drain(engine)), range(0, 22));
+  EXPECT_EQ(positions(drain(*engine)), range(0, 22));
 }
 
 // Processing pauses while 64 or more frames wait and resumes as the puller drains them.
@@ -133,10 +129,11 @@ TEST_F(FamilyEngine, BackPressureHoldsAtTheLimitAndResumesOnPulls) {
   settle(engine);
   EXPECT_EQ(engine->queuedFrames(), 22 + 32 + 32);  // the third chunk started below the limit
   EXPECT_EQ(engine->chunkIndex(), 3);
-  for (int i = 0; i < 22; ++i) ASSERT_TRUE(engine->pullPos());
+  std::vector<std::uint8_t> frame(Lumora2Engine::kFrameBytes);
+  for (int i = 0; i < 22; ++i) ASSERT_TRUE(engine->pullInto(frame));
   settle(engine);
   EXPECT_EQ(engine->chunkIndex(), 3) << "64 frames still wait";
-  ASSERT_TRUE(engine->pullPos());
+  ASSERT_TRUE(engine->pullInto(frame));
   settle(engine);
   EXPECT_EQ(engine->chunkIndex(), 4);
   EXPECT_EQ(engine->queuedFrames(), 63 + 32);
@@ -172,12 +169,10 @@ TEST_P(FamilyEngineMissing, WarmUpSaysWhatIsMissing) {
   const fs::path identity = scratchDir("identity") / "ava";
   fs::copy(generatedFamily().avatar("ava"), identity, fs::copy_options::recursive);
   fs::remove_all(identity / GetParam().member);
-  ModelResolution::setActiveAgentDir(identity);
-  Engine engine = Lumora2Engine::create();
   StderrCapture capture;
-  engine->warmUp(std::nullopt);
+  Engine engine = engineFor(*graphs_, identity, *settings_);
   const std::vector<std::string> log = logTexts(capture.finish());
-  EXPECT_EQ(engine->isReady(), GetParam().ready);
+  EXPECT_EQ(engine != nullptr, GetParam().ready);
   for (const std::string& line : GetParam().lines) {
     EXPECT_THAT(log, Contains(::testing::StartsWith(line))) << ::testing::PrintToString(log);
   }
@@ -202,6 +197,48 @@ INSTANTIATE_TEST_SUITE_P(
       std::string name = param.param.member;
       return name.substr(0, name.find('.'));
     });
+
+// An engine started from another's priming renders what that one renders, under the arms that
+// read what priming leaves: ctx_seed=warm starts every segment from the speech pass's context,
+// prepend sizes chunk 0's look-back by the last token count. An engine primed without speech
+// renders other bytes, so the comparison can tell.
+TEST_F(FamilyEngine, AnEngineStartedFromAnothersPrimingRendersTheSameBytes) {
+  EngineSettings settings = *settings_;
+  settings.process.ctxSeed = {"warm", "warm", true};
+  settings.process.onset = {"prepend", "prepend", true};
+  StderrCapture quiet;
+  auto avatar = AvatarModel::load(generatedFamily().avatar("ava"), settings);
+  auto started = std::chrono::steady_clock::now();
+  Engine primedHere =
+      engineFor(*graphs_, generatedFamily().avatar("ava"), settings, synthesizeSpeech(2.0));
+  const auto primingMs =
+      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count();
+  ASSERT_TRUE(primedHere && avatar);
+  started = std::chrono::steady_clock::now();
+  Engine fromIt = Lumora2Engine::create(*graphs_, avatar, settings);
+  fromIt->warmUpFrom(primedHere->primed());
+  const auto copyMs =
+      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count();
+  Engine unprimed = engineFor(*graphs_, generatedFamily().avatar("ava"), settings);
+  quiet.finish();
+  ASSERT_TRUE(fromIt->isReady() && unprimed);
+  std::printf("started with priming %.0f ms, from that priming %.0f ms\n", primingMs, copyMs);
+
+  auto render = [](Lumora2Engine& engine) {
+    std::vector<std::vector<std::uint8_t>> frames;
+    engine.feed(tone(40000));
+    engine.flushTail();
+    while (engine.hasPendingTail() || engine.queuedFrames() > 0) {
+      settle(engine.shared_from_this());
+      for (auto& item : drain(engine)) frames.push_back(std::move(item.pixels));
+    }
+    return frames;
+  };
+  const auto expected = render(*primedHere);
+  ASSERT_EQ(expected.size(), 50u);
+  EXPECT_TRUE(render(*fromIt) == expected);
+  EXPECT_FALSE(render(*unprimed) == expected);
+}
 
 // Lip sync: tone bursts at several places relative to the chunk grid (12, 8 and 4 frames before
 // a chunk boundary, on one, 4 after) open the mouth at one constant frame offset from the audio,
@@ -234,7 +271,7 @@ TEST_F(FamilyEngine, MouthFollowsTheAudioAtOneOffsetInEveryChunk) {
     std::map<std::int64_t, double> grey;
     auto collect = [&] {
       settle(engine);
-      for (const auto& item : drain(engine)) grey[item.pos] = mouthGrey(item.frame);
+      for (const auto& item : drain(*engine)) grey[item.info.pos] = mouthGrey(item.pixels);
     };
     for (std::size_t at = 0; at < audio.size(); at += 16000) {
       const std::size_t end = std::min(audio.size(), at + 16000);

@@ -1,4 +1,4 @@
-// The render host's WAV loader on real files.
+// The render host's WAV loader on real files: the first channel, looping, and the rate it refuses.
 #include "render_support.h"
 
 #include <gmock/gmock.h>
@@ -36,6 +36,7 @@ fs::path writeWav(const std::string& name, const std::vector<float>& interleaved
 }
 
 struct LoopCase {
+  const char* label;
   std::optional<std::int64_t> loopTo;
   std::vector<float> expected;
 };
@@ -44,16 +45,27 @@ class LoadWav : public ::testing::TestWithParam<LoopCase> {};
 
 TEST_P(LoadWav, TakesTheFirstChannelAndLoopsWholeCopies) {
   // Two channels: the first holds 0.25, 0.5, 0.75; the second must never show up.
-  const fs::path wav = writeWav("three", {0.25f, -1.0f, 0.5f, -1.0f, 0.75f, -1.0f}, 2, 22050);
+  const fs::path wav = writeWav("three", {0.25f, -1.0f, 0.5f, -1.0f, 0.75f, -1.0f}, 2);
   EXPECT_EQ(loadWav(wav, GetParam().loopTo), GetParam().expected);
   fs::remove(wav);
 }
 
 INSTANTIATE_TEST_SUITE_P(Lengths, LoadWav,
-                         ::testing::Values(LoopCase{std::nullopt, {0.25f, 0.5f, 0.75f}},
-                                           LoopCase{5, {0.25f, 0.5f, 0.75f, 0.25f, 0.5f}},
-                                           LoopCase{2, {0.25f, 0.5f}}, LoopCase{0, {}},
-                                           LoopCase{-4, {}}));
+                         ::testing::Values(LoopCase{"whole", std::nullopt, {0.25f, 0.5f, 0.75f}},
+                                           LoopCase{"looped", 5, {0.25f, 0.5f, 0.75f, 0.25f, 0.5f}},
+                                           LoopCase{"cut", 2, {0.25f, 0.5f}},
+                                           LoopCase{"zero", 0, {}}, LoopCase{"negative", -4, {}}),
+                         [](const auto& param) { return std::string(param.param.label); });
+
+// Samples at another rate would play too fast or too slow: such a file is refused, never read as
+// if it were 16 kHz.
+TEST(LoadWav, RefusesAnotherRate) {
+  const fs::path wav = writeWav("cd-rate", {0.25f, 0.5f, 0.75f}, 1, 22050);
+  EXPECT_THAT([&] { loadWav(wav); },
+              ::testing::ThrowsMessage<Err>(::testing::HasSubstr(
+                  wav.string() + " is 22050 Hz; the engine takes 16000 Hz audio")));
+  fs::remove(wav);
+}
 
 }  // namespace
 }  // namespace lumora2

@@ -70,8 +70,8 @@ class GraphModel {
   // order; the results are named by the described outputs (a tuple or a single tensor). Input
   // arrays are read in place, without a copy, and must not change during the call. Throws
   // PredictionError for a missing input, a forward that fails, or results that do not match the
-  // description's outputs in number, type or shape. Safe to call from several threads: calls on
-  // one graph take turns (the shared speech front end serves several engines).
+  // description's outputs in number, type or shape. Safe to call from several threads at once,
+  // without taking turns: engines on shared graphs predict side by side.
   FeatureSet predict(const FeatureSet& inputs) const;
   // The array of the first listed output of predict(inputs).
   MultiArray predictFirst(const FeatureSet& inputs) const;
@@ -90,6 +90,11 @@ class GraphModel {
 // not load, freeze or describe itself. Never throws.
 std::optional<std::filesystem::path> compileModelPackage(const std::filesystem::path& package,
                                                          std::string* error = nullptr);
+
+// Sizes LibTorch's thread pools for the whole process: one inter-op thread, and `threads` intra-op
+// threads (0: every core the process may run on). The first call (or the first graph loaded or
+// compiled, which sizes them for every core) decides; later calls change nothing.
+void configureComputeThreads(int threads);
 
 // How many graph compilations this process has run (successful or not); benchmarks and tests
 // count them to prove the cache works.

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -15,9 +16,17 @@
 #include <vector>
 
 #include "engine/thread_annotations.h"
-#include "protocol/morvane_engine.h"
 
 namespace lumora2 {
+
+// One decoded idle-clip picture: 32-bit B, G, R, A pixels, rows top to bottom, `stride` bytes per
+// row. Shared so that a caller may hold it while the clip moves on.
+struct PixelBuffer {
+  int width = 0;
+  int height = 0;
+  std::size_t stride = 0;
+  std::shared_ptr<const std::vector<std::uint8_t>> bytes;
+};
 
 class IdleClipStream {
  public:
@@ -25,8 +34,8 @@ class IdleClipStream {
 
   // Opens the clip at `url` for frames of exactly width x height. On failure the stream is null
   // and the second member says why:
-  //  - no url: "no idle.mp4 for this identity (activeAgentDir=<dir or nil>; the per-identity dir
-  //    is the only place a downloaded agent's clip is looked for)";
+  //  - no url: "no idle.mp4 for this identity (activeAgentDir=<avatarDir or nil>; the
+  //    per-identity dir is the only place a downloaded agent's clip is looked for)";
   //  - a file that cannot be read as media or has no video stream: "idle.mp4 at <path> has no
   //    video track";
   //  - a video stream whose decoder does not start: "idle.mp4 at <path>: AVAssetReader could not
@@ -40,7 +49,8 @@ class IdleClipStream {
   // container knows a duration) violates a precondition of the engine: the process logs one
   // "[lumora2-idle] FATAL" line and aborts, in every build type.
   static std::pair<std::unique_ptr<IdleClipStream>, std::optional<std::string>> open(
-      const std::optional<Path>& url, int width, int height);
+      const std::optional<Path>& url, int width, int height,
+      const std::optional<Path>& avatarDir = std::nullopt);
 
   ~IdleClipStream();  // releases the live and the standby reader
   IdleClipStream(const IdleClipStream&) = delete;

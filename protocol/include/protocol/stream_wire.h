@@ -104,16 +104,11 @@ class StreamMessageReader {
 
 // ---- Child to parent ------------------------------------------------------------------------
 
-// Bytes of one frame record for frames of width x height.
+// Bytes of one frame record for frames of width x height: the position as 4 little-endian bytes,
+// then the pixels, R, G, B each, rows top to bottom.
 inline std::size_t frameRecordBytes(int width, int height) {
   return 4 + std::size_t(width) * std::size_t(height) * 3;
 }
-
-// The frame record of the engine's frame `bgr` (B, G, R per pixel) at position `pos`: the
-// position as 4 little-endian bytes, then the pixels in R, G, B order. `record` holds
-// 4 + bgr.size() bytes.
-void formatFrameRecord(std::uint32_t pos, const std::vector<std::uint8_t>& bgr,
-                       std::uint8_t* record);
 
 // Reassembles frame records and markers from the child's output as it arrives, in pieces of any
 // size.
