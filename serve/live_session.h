@@ -76,6 +76,8 @@ struct SessionOptions {
   std::chrono::seconds viewerGrace{30};  // how long a session waits for a viewer to come back
   std::chrono::seconds viewerSetup{20};  // how long an answered viewer may take to connect
   std::shared_ptr<TraceFile> trace;      // frames sent, when asked for
+  // Diagnostics (LUMORA2_SERVE_SOUND_DELAY_MS): WebRtcSender::Options::soundDelay.
+  std::chrono::milliseconds soundDelay{0};
 };
 
 // The avatar's idle clip, being read or read (shared by the avatar's sessions).
