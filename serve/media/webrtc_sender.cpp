@@ -62,15 +62,6 @@ const GstStructure* await(GstPromise* promise) {
   return gst_promise_get_reply(promise);
 }
 
-// How long after its time stamp each encoded picture and sound packet leaves. The sound comes in
-// 50 ms pushes cut into 40 ms packets, so a packet is ready between 10 ms before and 30 ms after
-// the time of its first sample, and a picture after its encoding (5 to 15 ms): left to go when
-// ready, the streams arrive unevenly, which a browser takes for network jitter (it deepens its
-// sound buffer for it, and its synchronisation chases the changes). Held to their stamps, both
-// arrive evenly and equally late, and a stamp that is wrong shows at the viewer at once. The hold
-// covers the packets' own 30 ms and the pacing's and the encoders' usual lateness.
-constexpr std::chrono::milliseconds kHold{60};
-
 // The stream both tracks belong to, as the answer names it.
 constexpr const char* kStream = "lumora2";
 
@@ -116,7 +107,7 @@ void initMedia() {
         Needed{"rtph264pay", "gstreamer1.0-plugins-good"},
         Needed{"opusenc", "gstreamer1.0-plugins-base"},
         Needed{"rtpopuspay", "gstreamer1.0-plugins-good"},
-        Needed{"appsrc", "gstreamer1.0-plugins-base"}, Needed{"clocksync", "libgstreamer1.0-0"},
+        Needed{"appsrc", "gstreamer1.0-plugins-base"},
         Needed{"audioresample", "gstreamer1.0-plugins-base"}}) {
     GstElementFactory* factory = gst_element_factory_find(n.element);
     if (factory == nullptr) {
@@ -127,13 +118,20 @@ void initMedia() {
   }
 }
 
-std::chrono::milliseconds parseSoundDelay(const std::string& text) {
-  if (text.empty() || text.size() > 4 ||
-      text.find_first_not_of("0123456789") != std::string::npos || std::stoi(text) > 1000) {
+SoundDelay parseSoundDelay(const std::string& text) {
+  const auto at = text.find('@');
+  const std::string delay = text.substr(0, at);
+  const std::string from = at == std::string::npos ? "0" : text.substr(at + 1);
+  const auto number = [](const std::string& digits, int most) {
+    return !digits.empty() && digits.size() <= 4 &&
+           digits.find_first_not_of("0123456789") == std::string::npos && std::stoi(digits) <= most;
+  };
+  if (!number(delay, 1000) || !number(from, 3600)) {
     throw MediaError("LUMORA2_SERVE_SOUND_DELAY_MS is \"" + text +
-                     "\": a whole number of milliseconds from 0 to 1000 is needed");
+                     "\": MS or MS@SECONDS is needed, MS from 0 to 1000, SECONDS from 0 to 3600");
   }
-  return std::chrono::milliseconds(std::stoi(text));
+  return SoundDelay{std::chrono::milliseconds(std::stoi(delay)),
+                    std::chrono::seconds(std::stoi(from))};
 }
 
 struct WebRtcSender::Impl {
@@ -144,7 +142,9 @@ struct WebRtcSender::Impl {
   Options options;
   Events events;
   std::uint32_t videoSsrc = 0, audioSsrc = 0;
-  GstClockTime soundDelay = 0;  // diagnostics: Options::soundDelay
+  // Diagnostics (Options::soundDelay): how much later sound stamped from `soundDelayFrom` on is.
+  GstClockTime soundDelay = 0;
+  std::chrono::nanoseconds soundDelayFrom{0};
 
   Mutex lock;  // guards the fields below and the events' delivery
   std::condition_variable_any changed;
@@ -299,7 +299,9 @@ std::unique_ptr<WebRtcSender> WebRtcSender::create(const std::string& offerSdp,
   impl->options = options;
   impl->events = std::move(events);
   impl->soundDelay =
-      GstClockTime(std::clamp<std::int64_t>(options.soundDelay.count(), 0, 1000)) * GST_MSECOND;
+      GstClockTime(std::clamp<std::int64_t>(options.soundDelay.delay.count(), 0, 1000)) *
+      GST_MSECOND;
+  impl->soundDelayFrom = options.soundDelay.from;
   // The streams' sources are chosen here, fixed in the payloaders' caps, so that the answer can
   // name them (below).
   impl->videoSsrc = g_random_int();
@@ -311,7 +313,6 @@ std::unique_ptr<WebRtcSender> WebRtcSender::create(const std::string& offerSdp,
   // talking head needs about 400 kb/s for the same quality, and a third of the packets to
   // encrypt and send. Sound: 40 ms Opus packets, half as many as the usual 20 ms, for 20 ms more
   // delay on a path whose pictures take longer than that anyway.
-  const std::string release = "clocksync ts-offset=" + std::to_string(kHold.count() * 1000000);
   const std::string description =
       "webrtcbin name=webrtc bundle-policy=max-bundle latency=0 "
       "appsrc name=video is-live=true format=time do-timestamp=false max-bytes=20000000 "
@@ -322,15 +323,16 @@ std::unique_ptr<WebRtcSender> WebRtcSender::create(const std::string& offerSdp,
       "x264enc tune=zerolatency speed-preset=ultrafast key-int-max=" +
       std::to_string(options.fps * 2) +
       " pass=qual quantizer=23 bitrate=1500 threads=1 trellis=false ! "
-      "video/x-h264,profile=constrained-baseline ! " +
-      release + " ! rtph264pay config-interval=-1 aggregate-mode=zero-latency pt=" +
+      "video/x-h264,profile=constrained-baseline ! "
+      "rtph264pay config-interval=-1 aggregate-mode=zero-latency pt=" +
       std::to_string(codecs.h264) +
       " ! application/x-rtp,media=video,encoding-name=H264,payload=" + std::to_string(codecs.h264) +
       ",clock-rate=90000,ssrc=(uint)" + std::to_string(impl->videoSsrc) + " ! webrtc. " +
       "appsrc name=audio is-live=true format=time do-timestamp=false "
       "caps=audio/x-raw,format=F32LE,layout=interleaved,channels=1,rate=" +
-      std::to_string(options.sampleRate) + " ! queue ! audioconvert ! opusenc frame-size=40 ! " +
-      release + " ! rtpopuspay pt=" + std::to_string(codecs.opus) +
+      std::to_string(options.sampleRate) +
+      " ! queue ! audioconvert ! opusenc frame-size=40 ! rtpopuspay pt=" +
+      std::to_string(codecs.opus) +
       " ! application/x-rtp,media=audio,encoding-name=OPUS,payload=" + std::to_string(codecs.opus) +
       ",clock-rate=48000,ssrc=(uint)" + std::to_string(impl->audioSsrc) + " ! webrtc. ";
   GError* error = nullptr;
@@ -477,7 +479,7 @@ void WebRtcSender::push(std::chrono::nanoseconds pts, const std::uint8_t* i420,
   if (count > 0) {
     GstBuffer* sound = gst_buffer_new_allocate(nullptr, count * sizeof(float), nullptr);
     gst_buffer_fill(sound, 0, samples, count * sizeof(float));
-    GST_BUFFER_PTS(sound) = at + impl_->soundDelay;
+    GST_BUFFER_PTS(sound) = pts >= impl_->soundDelayFrom ? at + impl_->soundDelay : at;
     GST_BUFFER_DURATION(sound) =
         gst_util_uint64_scale(count, GST_SECOND, guint64(impl_->options.sampleRate));
     gst_app_src_push_buffer(GST_APP_SRC(impl_->audio), sound);

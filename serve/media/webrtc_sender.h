@@ -26,9 +26,17 @@ struct MediaError : std::runtime_error {
 // the sender uses exists and throws MediaError naming a missing one and its Debian package.
 void initMedia();
 
-// Options::soundDelay from its text (LUMORA2_SERVE_SOUND_DELAY_MS): a whole number of ms from 0
-// to 1000. Throws MediaError for anything else.
-std::chrono::milliseconds parseSoundDelay(const std::string& text);
+// A fault planted on purpose (diagnostics): from `from` into a viewer's stream on, every sound
+// buffer is stamped `delay` later than its picture. Planted in the middle of a stream, it shows
+// as a step that one browser's measurement sees on one connection.
+struct SoundDelay {
+  std::chrono::milliseconds delay{0};
+  std::chrono::seconds from{0};
+};
+
+// A SoundDelay from its text (LUMORA2_SERVE_SOUND_DELAY_MS): "MS" or "MS@SECONDS", MS a whole
+// number from 0 to 1000 and SECONDS from 0 to 3600. Throws MediaError for anything else.
+SoundDelay parseSoundDelay(const std::string& text);
 
 struct SenderStats {
   std::uint64_t framesPushed = 0;   // accepted while connected
@@ -47,9 +55,9 @@ class WebRtcSender {
     // A connected viewer that sends no RTCP for this long is gone (its page closed, its browser
     // killed, its network lost): a browser reports on the video it receives about once a second.
     std::chrono::milliseconds viewerSilence{3000};
-    // Diagnostics: every sound buffer is stamped this much later than its picture (0 to 1000
-    // ms), a known fault for proving that a lip-sync measurement at the viewer sees one.
-    std::chrono::milliseconds soundDelay{0};
+    // Diagnostics: a known fault, for proving that a lip-sync measurement at the viewer sees one
+    // (the delay is at most 1000 ms).
+    SoundDelay soundDelay;
   };
   struct Events {
     std::function<void()> connected;  // media can flow: the clock starts
