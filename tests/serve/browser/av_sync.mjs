@@ -19,7 +19,8 @@ export function installProbes(where) {
   canvas.width = 208;
   canvas.height = 90;
   const g = canvas.getContext('2d', { willReadFrequently: true });
-  const probe = { frames: [], pieces: [], stats: [] };
+  // Sound: one entry per block the output takes, [its time, then the energy of each 2 ms of it].
+  const probe = { frames: [], blocks: [], stats: [] };
   window.avProbe = probe;
   // The lower face: the trace's grid cells in row 4, columns 1 and 2 of 416 x 720.
   const onFrame = (now, meta) => {
@@ -39,11 +40,13 @@ export function installProbes(where) {
       const n = value.numberOfFrames, step = Math.round(value.sampleRate / 500);
       const samples = new Float32Array(n);
       value.copyTo(samples, { planeIndex: 0 });
-      for (let i = 0; i < n; i += step) {
+      const block = [value.timestamp / 1000];
+      for (let i = 0; i + step <= n; i += step) {
         let sq = 0;
-        for (let j = i; j < i + step && j < n; ++j) sq += samples[j] * samples[j];
-        probe.pieces.push({ t: value.timestamp / 1000 + (i / value.sampleRate) * 1000, e: sq / step });
+        for (let j = i; j < i + step; ++j) sq += samples[j] * samples[j];
+        block.push(sq / step);
       }
+      probe.blocks.push(block);
       value.close();
     }
   })();
@@ -54,7 +57,7 @@ export function installProbes(where) {
     });
     return out;
   };
-  // Four times a second: the browser's buffer targets and its stretching of the sound, to tell when
+  // Four times a second: the browser's buffer targets and what it did to the sound, to tell when
   // its synchronisation has settled and what it changed during a measurement.
   setInterval(async () => {
     const s = await probe.inbound();
@@ -62,7 +65,10 @@ export function installProbes(where) {
       probe.stats.push({
         t: s.t, videoTarget: s.video.jitterBufferTargetDelay, videoCount: s.video.jitterBufferEmittedCount,
         audioTarget: s.audio.jitterBufferTargetDelay, audioCount: s.audio.jitterBufferEmittedCount,
-        stretched: s.audio.insertedSamplesForDeceleration + s.audio.removedSamplesForAcceleration,
+        // Sound the browser made up (concealing missing packets, or to deepen its buffer) or
+        // dropped (to shallow it), in samples at 48 kHz: each moves the sound, not the pictures.
+        reshaped: s.audio.concealedSamples + s.audio.insertedSamplesForDeceleration +
+          s.audio.removedSamplesForAcceleration,
         playout: s.video.estimatedPlayoutTimestamp - s.audio.estimatedPlayoutTimestamp,
       });
     }
@@ -70,23 +76,30 @@ export function installProbes(where) {
 }
 
 // The page's records from `since` (page clock, ms) on, and the sound output's latency: the mean
-// delay the browser reports between handing its sound to the output and playing it.
+// delay the browser reports between handing its sound to the output and playing it. Taking them
+// costs the browser's processor a moment: best done when nothing is being measured.
 export function collect(page, since) {
   return page.evaluate(async (t) => {
     const { playout } = await window.avProbe.inbound();
     return {
       frames: window.avProbe.frames.filter((f) => f.t >= t),
-      pieces: window.avProbe.pieces.filter((p) => p.t >= t),
+      blocks: window.avProbe.blocks.filter((b) => b[0] >= t),
       stats: window.avProbe.stats.filter((s) => s.t >= t),
       outputLatency: playout && playout.totalSamplesCount ? playout.totalPlayoutDelay / playout.totalSamplesCount * 1000 : NaN,
     };
   }, since);
 }
 
-// Waits until the browser's jitter-buffer targets (sound and pictures, second by second) have
-// held within 10 ms for `calm` ms and it stretched no sound meanwhile, for at most `most` ms.
+// Waits (at most `ms`) for sound above `level` (RMS) handed to the output after `since`.
+export function soundAfter(page, since, level, ms = 20000) {
+  return page.waitForFunction(([t, e]) => window.avProbe.blocks.some((b) => b[0] > t && b.slice(1).some((x) => x > e)),
+    [since, level * level], { timeout: ms });
+}
+
+// Waits until the browser's jitter-buffer targets (sound and pictures, from sample to sample) have
+// held within 10 ms for `calm` ms and it reshaped no sound meanwhile, for at most `most` ms.
 // Returns how long it waited.
-export async function settle(page, { calm = 6000, most = 30000 } = {}) {
+export async function settle(page, { calm = 6000, most = 20000 } = {}) {
   const start = Date.now();
   for (;;) {
     const quiet = await page.evaluate((span) => {
@@ -96,7 +109,7 @@ export async function settle(page, { calm = 6000, most = 30000 } = {}) {
       const per = (x, y, key, count) => (y[key] - x[key]) / Math.max(1, y[count] - x[count]) * 1000;
       const targets = recent.slice(1).map((y, i) => [per(recent[i], y, 'videoTarget', 'videoCount'), per(recent[i], y, 'audioTarget', 'audioCount')]);
       const range = (k) => Math.max(...targets.map((v) => v[k])) - Math.min(...targets.map((v) => v[k]));
-      return range(0) <= 10 && range(1) <= 10 && recent.at(-1).stretched === recent[0].stretched;
+      return range(0) <= 10 && range(1) <= 10 && recent.at(-1).reshaped === recent[0].reshaped;
     }, calm).catch(() => false);
     if (quiet || Date.now() - start > most) return Date.now() - start;
     await new Promise((r) => setTimeout(r, 500));
@@ -150,7 +163,7 @@ function correlation(pairs) {
 // between sound and pictures (less a constant of the browser's own: its pictures' way from
 // playout to screen against its sound's from playout to ear). Throws when the frames cannot be
 // matched to the trace.
-export function offsets({ sent, frames, pieces, outputLatency, stats }, windows) {
+export function offsets({ sent, frames, blocks, outputLatency, stats }, windows) {
   // Frames by RTP time (90 kHz) relative to the middle one; the sent time stamp of that one is
   // the shift that makes the lower face's luma match the trace's best.
   const middle = frames[frames.length >> 1].rtp;
@@ -170,6 +183,8 @@ export function offsets({ sent, frames, pieces, outputLatency, stats }, windows)
   if (!anchor || anchor.r < 0.9) throw new Error(`the frames shown do not match the frames sent (best correlation ${anchor ? anchor.r.toFixed(2) : 'none'})`);
   const pictures = shown.map((f) => ({ pts: f.at + anchor.shift, t: f.t }));
 
+  const pieces = [];
+  for (const [t, ...energies] of blocks) energies.forEach((e, i) => pieces.push({ t: t + 2 * i, e }));
   const first = (t) => {
     let lo = 0, hi = pieces.length;
     while (lo < hi) { const m = (lo + hi) >> 1; if (pieces[m].t < t) lo = m + 1; else hi = m; }
