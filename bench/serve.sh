@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # lumora2-serve with real viewers: Debian's chromium (through playwright-core) opens the page and
-# receives each session over WebRTC on 127.0.0.1, as a person would. Three runs, each printing its
+# receives each session over WebRTC on 127.0.0.1, as a person would. Four runs, each printing its
 # figures beside their targets as one JSON object (bench/serve_live.mjs has the details):
 #   latency   speech file posted -> its first rendered frame sent (<= 300 ms + the first chunk);
 #             streamed PCM -> its first rendered frame (<= 1.6 s + 150 ms); a 5-sentence
@@ -9,6 +9,9 @@
 #             server's processor time per frame per session (<= 3 ms), each child's memory
 #   soak      one session for M minutes, speaking every 10 s: growth of the server's and the
 #             child's resident memory after the first minute (< 5 %), descriptors, stalls
+#   sync      sound against pictures where the viewer is, for a recording and for a paragraph
+#             said, with the viewer's processor quiet and busy: each within one frame of its
+#             median, the median within +45/-125 ms (pictures after/before their sound)
 # Run it on a quiet machine. Everything listens on 127.0.0.1 and stops by itself.
 #   bench/serve.sh [build dir (default build/release)] [sessions (default 4)] [minutes (default 10)]
 set -euo pipefail
@@ -26,3 +29,4 @@ export LUMORA2_MLMODELC_CACHE=$scratch/cache
 node bench/serve_live.mjs "$build" latency
 node bench/serve_live.mjs "$build" capacity "$sessions"
 node bench/serve_live.mjs "$build" soak "$minutes"
+node bench/serve_live.mjs "$build" sync

@@ -8,12 +8,20 @@
 //   soak      one session for M minutes (default 10), speaking every 10 s: resident memory of the
 //             server and the child (target < 5 % growth after the first minute), stalls,
 //             descriptors
-// node bench/serve_live.mjs BUILD_DIR [latency|capacity|soak] [N or minutes]
+//   sync      sound against pictures where the viewer is (tests/serve/browser/av_sync.mjs: how
+//             much later a moment's picture is shown than its sound is heard), for a recording of
+//             tone bursts and for a paragraph said, N sessions (default 2) with the viewer's
+//             processor quiet and N with a busy loop on it: median and spread of each (targets:
+//             within one frame, 50 ms, of their median; the median within +45/-125 ms). The
+//             server is on processor 0, the browser on processor 1. LUMORA2_BENCH_SERVE names
+//             another lumora2-serve to measure (an older one, say) with this build's children.
+// node bench/serve_live.mjs BUILD_DIR [latency|capacity|soak|sync] [N or minutes]
 import { spawn, spawnSync } from 'node:child_process';
 import { mkdtempSync, readFileSync, readdirSync, rmSync } from 'node:fs';
 import { createRequire } from 'node:module';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
+import { collect, installProbes, offsets, onsetWindows, parseTrace, settle } from '../tests/serve/browser/av_sync.mjs';
 
 const { chromium } = createRequire(import.meta.url)('playwright-core');
 const [build = 'build/release', mode = 'latency', countArg] = process.argv.slice(2);
@@ -42,8 +50,14 @@ const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
 
 const family = mkdtempSync(join(tmpdir(), 'lumora2-bench-serve-'));
 spawnSync(bin('tools/family/lumora2-family'), ['--out', family, '--host', bin('host/lumora2-model')], { stdio: 'ignore' });
-const server = spawn(bin('host/lumora2-serve'), ['--engine', join(family, 'vivra.model'), '--avatars', family,
-  '--listen', '127.0.0.1:0', '--max-sessions', '8'], { stdio: ['ignore', 'pipe', 'inherit'] });
+const trace = join(family, 'trace.txt');
+const serveCommand = [process.env.LUMORA2_BENCH_SERVE || bin('host/lumora2-serve'), '--engine', join(family, 'vivra.model'),
+  '--avatars', family, '--listen', '127.0.0.1:0', '--max-sessions', '8', '--host', bin('host/lumora2-model')];
+// sync: the server on processor 0, this process and its browser on processor 1.
+if (mode === 'sync') spawnSync('taskset', ['-a', '-p', '-c', '1', String(process.pid)]);
+const server = mode === 'sync'
+  ? spawn('taskset', ['-c', '0', ...serveCommand], { stdio: ['ignore', 'pipe', 'inherit'], env: { ...process.env, LUMORA2_SERVE_TRACE: trace } })
+  : spawn(serveCommand[0], serveCommand.slice(1), { stdio: ['ignore', 'pipe', 'inherit'] });
 const port = await new Promise((resolve) => {
   let out = '';
   server.stdout.on('data', (c) => { out += c; const m = out.match(/127\.0\.0\.1:(\d+)\//); if (m) resolve(Number(m[1])); });
@@ -190,6 +204,50 @@ try {
       // Resident memory once a minute (MiB): server, child.
       by_minute: samples.filter((x, i) => i % 6 === 0).map((x) => [Math.round(x.server / 1024), Math.round(x.child / 1024)]),
     };
+  } else if (mode === 'sync') {
+    const rounds = Number(countArg || 2);
+    const paragraph = 'The weather is mild today. We will walk along the river after lunch. ' +
+      'Bring a coat in case it rains. The path is long but flat. We should be back before dark.';
+    const figures = (found) => {
+      const o = found.filter((w) => w.match > 0.9).map((w) => w.offset);
+      const sorted = [...o].sort((a, b) => a - b);
+      const mean = o.reduce((a, b) => a + b, 0) / o.length;
+      return { median_ms: Math.round(sorted[o.length >> 1]), spread_ms: Math.round(sorted.at(-1) - sorted[0]),
+        sd_ms: Math.round(Math.sqrt(o.reduce((a, b) => a + (b - mean) ** 2, 0) / o.length)), offsets_ms: o.map(Math.round) };
+    };
+    result.sync = [];
+    for (const busy of [false, true]) {
+      for (let k = 0; k < rounds; ++k) {
+        const loop = busy ? spawn('taskset', ['-c', '1', process.execPath, '-e', 'for (;;) {}'], { stdio: 'ignore' }) : null;
+        const v = await viewer('ava');
+        await v.page.evaluate(installProbes, 'lumora2');
+        await sleep(4000);
+        await settle(v.page);
+        const id = await v.page.evaluate(() => window.lumora2.session.id);
+        const sent = () => parseTrace(readFileSync(trace, 'utf8')).filter((f) => f.id === id);
+        // Both are said before the page's records are taken (which costs its processor a moment).
+        const since = await v.page.evaluate(() => performance.now());
+        const marks = [];
+        for (const post of [() => speak(v, wav(8)), async () => (await (await fetch(base + v.url + '/say', { method: 'POST',
+          headers: { 'Content-Type': 'application/json' }, body: JSON.stringify({ text: paragraph }) })).json()).duration]) {
+          marks.push({ from: sent().length, at: await v.page.evaluate(() => performance.now()) });
+          await sleep((await post()) * 1000 + 2500);
+        }
+        const all = sent();
+        const seen = await collect(v.page, since - 10000);
+        const measure = (i, level) => {
+          const to = i + 1 < marks.length ? marks[i + 1] : { from: all.length, at: Infinity };
+          const stats = seen.stats.filter((x) => x.t >= marks[i].at && x.t < to.at);
+          return { ...figures(offsets({ sent: all, ...seen }, onsetWindows(all.slice(marks[i].from, to.from), { level }))),
+            reshaped_ms: Math.round((stats.at(-1).reshaped - stats[0].reshaped) / 48) };
+        };
+        const recording = measure(0, 0.05), said = measure(1, 0.02);
+        result.sync.push({ busy, recording, said, stalls: (await v.status()).stalls });
+        await fetch(base + v.url, { method: 'DELETE' });
+        await v.page.close();
+        if (loop) loop.kill('SIGKILL');
+      }
+    }
   }
 } finally {
   await browser.close();

@@ -127,6 +127,7 @@ std::string LiveSession::connect(const std::string& offer) {
   };
   events.ended = [this, generation](const std::string& why) { viewerLeft(generation, why); };
   WebRtcSender::Options media;
+  media.soundDelay = options_.soundDelay;
   std::shared_ptr<WebRtcSender> sender;
   try {
     sender = WebRtcSender::create(offer, media, std::move(events));

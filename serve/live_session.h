@@ -39,6 +39,7 @@
 #include "client/voice.h"
 #include "engine/thread_annotations.h"
 #include "live_timeline.h"
+#include "media/webrtc_sender.h"
 #include "session_events.h"
 
 namespace lumora2::serve {
@@ -76,6 +77,7 @@ struct SessionOptions {
   std::chrono::seconds viewerGrace{30};  // how long a session waits for a viewer to come back
   std::chrono::seconds viewerSetup{20};  // how long an answered viewer may take to connect
   std::shared_ptr<TraceFile> trace;      // frames sent, when asked for
+  SoundDelay soundDelay;  // diagnostics (LUMORA2_SERVE_SOUND_DELAY_MS): a planted fault
 };
 
 // The avatar's idle clip, being read or read (shared by the avatar's sessions).

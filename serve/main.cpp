@@ -234,6 +234,9 @@ int main(int argc, char** argv) {
     if (const char* trace = std::getenv("LUMORA2_SERVE_TRACE"); trace != nullptr && *trace) {
       sessionOptions.trace = std::make_shared<serve::TraceFile>(trace);
     }
+    if (const char* delay = std::getenv("LUMORA2_SERVE_SOUND_DELAY_MS"); delay != nullptr) {
+      sessionOptions.soundDelay = serve::parseSoundDelay(delay);  // a planted lip-sync fault
+    }
     serve::ServerConfig config;
     config.address = arguments.address;
     config.port = arguments.port;

@@ -6,11 +6,13 @@
 #include <gst/sdp/sdp.h>
 #include <gst/webrtc/webrtc.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <cstring>
-#include <mutex>
-#include <optional>
+#include <thread>
+
+#include "engine/thread_annotations.h"
 
 namespace lumora2::serve {
 namespace {
@@ -60,6 +62,36 @@ const GstStructure* await(GstPromise* promise) {
   return gst_promise_get_reply(promise);
 }
 
+// The stream both tracks belong to, as the answer names it.
+constexpr const char* kStream = "lumora2";
+
+// The answer as sent: webrtcbin names neither the media stream nor the sources, and a browser
+// then plays each track on its own, sound and pictures each as soon as its own buffer lets it.
+// Named as one stream (on the m-lines and on their sources), they are played in sync.
+std::string answerText(const GstSDPMessage* local, std::uint32_t videoSsrc, std::uint32_t audioSsrc,
+                       const std::string& cname) {
+  GstSDPMessage* sdp = nullptr;
+  gst_sdp_message_copy(local, &sdp);
+  gst_sdp_message_add_attribute(sdp, "msid-semantic", (std::string(" WMS ") + kStream).c_str());
+  for (guint m = 0; m < gst_sdp_message_medias_len(sdp); ++m) {
+    auto* media = const_cast<GstSDPMedia*>(gst_sdp_message_get_media(sdp, m));
+    const char* kind = gst_sdp_media_get_media(media);
+    const bool video = kind != nullptr && std::strcmp(kind, "video") == 0;
+    if (!video && (kind == nullptr || std::strcmp(kind, "audio") != 0)) continue;
+    const std::string track = std::string(kStream) + (video ? "-video" : "-audio");
+    const std::string ssrc = std::to_string(video ? videoSsrc : audioSsrc);
+    const std::string msid = std::string(kStream) + " " + track;
+    gst_sdp_media_add_attribute(media, "msid", msid.c_str());
+    gst_sdp_media_add_attribute(media, "ssrc", (ssrc + " cname:" + cname).c_str());
+    gst_sdp_media_add_attribute(media, "ssrc", (ssrc + " msid:" + msid).c_str());
+  }
+  gchar* text = gst_sdp_message_as_text(sdp);
+  std::string out = text;
+  g_free(text);
+  gst_sdp_message_free(sdp);
+  return out;
+}
+
 }  // namespace
 
 void initMedia() {
@@ -86,6 +118,22 @@ void initMedia() {
   }
 }
 
+SoundDelay parseSoundDelay(const std::string& text) {
+  const auto at = text.find('@');
+  const std::string delay = text.substr(0, at);
+  const std::string from = at == std::string::npos ? "0" : text.substr(at + 1);
+  const auto number = [](const std::string& digits, int most) {
+    return !digits.empty() && digits.size() <= 4 &&
+           digits.find_first_not_of("0123456789") == std::string::npos && std::stoi(digits) <= most;
+  };
+  if (!number(delay, 1000) || !number(from, 3600)) {
+    throw MediaError("LUMORA2_SERVE_SOUND_DELAY_MS is \"" + text +
+                     "\": MS or MS@SECONDS is needed, MS from 0 to 1000, SECONDS from 0 to 3600");
+  }
+  return SoundDelay{std::chrono::milliseconds(std::stoi(delay)),
+                    std::chrono::seconds(std::stoi(from))};
+}
+
 struct WebRtcSender::Impl {
   GstElement* pipeline = nullptr;
   GstElement* webrtc = nullptr;
@@ -93,22 +141,32 @@ struct WebRtcSender::Impl {
   GstElement* audio = nullptr;
   Options options;
   Events events;
+  std::uint32_t videoSsrc = 0, audioSsrc = 0;
+  // Diagnostics (Options::soundDelay): how much later sound stamped from `soundDelayFrom` on is.
+  GstClockTime soundDelay = 0;
+  std::chrono::nanoseconds soundDelayFrom{0};
 
-  std::mutex lock;  // guards the fields below and the events' delivery
-  std::condition_variable changed;
-  bool gathered = false;
-  bool connected = false;
-  bool ended = false;                       // the ended event was delivered
-  bool closing = false;                     // destruction began: no more events
-  GstClockTime base = GST_CLOCK_TIME_NONE;  // running time at connection
-  std::uint64_t pushed = 0, dropped = 0;
+  Mutex lock;  // guards the fields below and the events' delivery
+  std::condition_variable_any changed;
+  bool gathered LUMORA2_GUARDED_BY(lock) = false;
+  bool connected LUMORA2_GUARDED_BY(lock) = false;
+  bool ended LUMORA2_GUARDED_BY(lock) = false;    // the ended event was delivered
+  bool closing LUMORA2_GUARDED_BY(lock) = false;  // destruction began: no more events
+  GstClockTime base LUMORA2_GUARDED_BY(lock) = GST_CLOCK_TIME_NONE;  // running time at connection
+  std::uint64_t pushed LUMORA2_GUARDED_BY(lock) = 0, dropped LUMORA2_GUARDED_BY(lock) = 0;
   std::atomic<std::uint64_t> behind{0};  // the video queue's overruns: one picture dropped each
+  // When the viewer last sent RTCP (steady clock, ns): written on the network thread, read by
+  // the watchdog.
+  std::atomic<std::int64_t> heard{0};
+  std::thread watchdog;
 
   ~Impl() {
     {
-      std::lock_guard hold(lock);
+      MutexLock hold(lock);
       closing = true;
     }
+    changed.notify_all();
+    if (watchdog.joinable()) watchdog.join();
     if (pipeline != nullptr) {
       gst_element_set_state(pipeline, GST_STATE_NULL);
       if (GstBus* bus = gst_element_get_bus(pipeline)) {
@@ -121,8 +179,14 @@ struct WebRtcSender::Impl {
     if (pipeline != nullptr) gst_object_unref(pipeline);
   }
 
+  static std::int64_t now() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+  }
+
   void end(const std::string& why) {
-    std::unique_lock hold(lock);
+    MutexLock hold(lock);
     if (ended || closing) return;
     ended = true;
     connected = false;
@@ -134,23 +198,46 @@ struct WebRtcSender::Impl {
     GstWebRTCPeerConnectionState state{};
     g_object_get(webrtc, "connection-state", &state, nullptr);
     if (state == GST_WEBRTC_PEER_CONNECTION_STATE_CONNECTED) {
-      std::unique_lock hold(lock);
-      if (connected || ended || closing) return;
-      GstClock* clock = gst_element_get_clock(pipeline);
-      if (clock != nullptr) {
-        base = gst_clock_get_time(clock) - gst_element_get_base_time(pipeline);
-        gst_object_unref(clock);
-      } else {
-        base = 0;
+      {
+        MutexLock hold(lock);
+        if (connected || ended || closing) return;
+        GstClock* clock = gst_element_get_clock(pipeline);
+        if (clock != nullptr) {
+          base = gst_clock_get_time(clock) - gst_element_get_base_time(pipeline);
+          gst_object_unref(clock);
+        } else {
+          base = 0;
+        }
+        heard = now();
+        connected = true;
+        if (events.connected) events.connected();
       }
-      connected = true;
-      if (events.connected) events.connected();
+      changed.notify_all();
     } else if (state == GST_WEBRTC_PEER_CONNECTION_STATE_FAILED) {
       end("the connection failed");
     } else if (state == GST_WEBRTC_PEER_CONNECTION_STATE_CLOSED) {
       end("the viewer closed the connection");
     } else if (state == GST_WEBRTC_PEER_CONNECTION_STATE_DISCONNECTED) {
       end("the viewer is gone");
+    }
+  }
+
+  // Neither a closed page nor a killed browser changes the connection's state here: ICE and
+  // DTLS stay "connected" until much later, if ever. A viewer whose browser is there reports on
+  // what it receives at least once a second, so a silence of `viewerSilence` means it is gone.
+  void watch() {
+    const auto silence =
+        std::chrono::duration_cast<std::chrono::nanoseconds>(options.viewerSilence).count();
+    const auto every = std::max(std::chrono::milliseconds(50), options.viewerSilence / 10);
+    for (;;) {
+      {
+        MutexLock hold(lock);
+        changed.wait_for(lock, every);
+        if (closing || ended) return;
+        if (!connected || now() - heard.load() < silence) continue;
+      }
+      end("the viewer stopped answering (nothing heard from it for " +
+          std::to_string(options.viewerSilence.count()) + " ms)");
     }
   }
 };
@@ -162,7 +249,7 @@ void onGatheringState(GstElement* webrtc, GParamSpec*, gpointer data) {
   GstWebRTCICEGatheringState state{};
   g_object_get(webrtc, "ice-gathering-state", &state, nullptr);
   if (state == GST_WEBRTC_ICE_GATHERING_STATE_COMPLETE) {
-    std::lock_guard hold(impl->lock);
+    MutexLock hold(impl->lock);
     impl->gathered = true;
     impl->changed.notify_all();
   }
@@ -211,6 +298,16 @@ std::unique_ptr<WebRtcSender> WebRtcSender::create(const std::string& offerSdp,
   auto impl = std::make_unique<Impl>();
   impl->options = options;
   impl->events = std::move(events);
+  impl->soundDelay =
+      GstClockTime(std::clamp<std::int64_t>(options.soundDelay.delay.count(), 0, 1000)) *
+      GST_MSECOND;
+  impl->soundDelayFrom = options.soundDelay.from;
+  // The streams' sources are chosen here, fixed in the payloaders' caps, so that the answer can
+  // name them (below).
+  impl->videoSsrc = g_random_int();
+  do {
+    impl->audioSsrc = g_random_int();
+  } while (impl->audioSsrc == impl->videoSsrc);
   // The encoders are the server's largest cost per frame, so both are set for it. Video: constant
   // quality (quantizer 23, with 1500 kb/s as the ceiling) rather than a constant 1500 kb/s: a
   // talking head needs about 400 kb/s for the same quality, and a third of the packets to
@@ -230,14 +327,14 @@ std::unique_ptr<WebRtcSender> WebRtcSender::create(const std::string& offerSdp,
       "rtph264pay config-interval=-1 aggregate-mode=zero-latency pt=" +
       std::to_string(codecs.h264) +
       " ! application/x-rtp,media=video,encoding-name=H264,payload=" + std::to_string(codecs.h264) +
-      ",clock-rate=90000 ! webrtc. " +
+      ",clock-rate=90000,ssrc=(uint)" + std::to_string(impl->videoSsrc) + " ! webrtc. " +
       "appsrc name=audio is-live=true format=time do-timestamp=false "
       "caps=audio/x-raw,format=F32LE,layout=interleaved,channels=1,rate=" +
       std::to_string(options.sampleRate) +
       " ! queue ! audioconvert ! opusenc frame-size=40 ! rtpopuspay pt=" +
       std::to_string(codecs.opus) +
       " ! application/x-rtp,media=audio,encoding-name=OPUS,payload=" + std::to_string(codecs.opus) +
-      ",clock-rate=48000 ! webrtc. ";
+      ",clock-rate=48000,ssrc=(uint)" + std::to_string(impl->audioSsrc) + " ! webrtc. ";
   GError* error = nullptr;
   impl->pipeline = gst_parse_launch(description.c_str(), &error);
   if (impl->pipeline == nullptr || error != nullptr) {
@@ -249,18 +346,13 @@ std::unique_ptr<WebRtcSender> WebRtcSender::create(const std::string& offerSdp,
   impl->webrtc = gst_bin_get_by_name(GST_BIN(impl->pipeline), "webrtc");
   impl->video = gst_bin_get_by_name(GST_BIN(impl->pipeline), "video");
   impl->audio = gst_bin_get_by_name(GST_BIN(impl->pipeline), "audio");
-  // Both tracks in one stream: the browser then keeps them in sync.
-  GstIterator* pads = gst_element_iterate_sink_pads(impl->webrtc);
-  GValue item = G_VALUE_INIT;
-  while (gst_iterator_next(pads, &item) == GST_ITERATOR_OK) {
-    GObject* pad = G_OBJECT(g_value_get_object(&item));
-    if (g_object_class_find_property(G_OBJECT_GET_CLASS(pad), "msid") != nullptr) {
-      g_object_set(pad, "msid", "lumora2", nullptr);
-    }
-    g_value_reset(&item);
+  // Sender reports tie each stream's RTP time to the wall clock through the buffers' time stamps
+  // (the session's clock), whatever became of them on the way: the browser lines the two streams
+  // up by these reports.
+  if (GstElement* rtpbin = gst_bin_get_by_name(GST_BIN(impl->webrtc), "rtpbin")) {
+    g_object_set(rtpbin, "rtcp-sync-send-time", FALSE, nullptr);
+    gst_object_unref(rtpbin);
   }
-  g_value_unset(&item);
-  gst_iterator_free(pads);
 
   // The encoder's queue drops its oldest picture when the encoder falls behind; each drop
   // follows an overrun, counted so that a stutter is never silent.
@@ -319,12 +411,25 @@ std::unique_ptr<WebRtcSender> WebRtcSender::create(const std::string& offerSdp,
   gst_webrtc_session_description_free(answer);
 
   // Sender reports often (every half second rather than every five): the browser lines sound
-  // and pictures up by them, and needs two of each stream before it starts to.
+  // and pictures up by them, and needs two of each stream before it starts to. Every RTCP packet
+  // from the viewer says it is still there.
+  std::string cname = kStream;
   if (GstElement* rtpbin = gst_bin_get_by_name(GST_BIN(impl->webrtc), "rtpbin")) {
+    GstStructure* sdes = nullptr;
+    g_object_get(rtpbin, "sdes", &sdes, nullptr);
+    if (sdes != nullptr) {
+      if (const char* name = gst_structure_get_string(sdes, "cname")) cname = name;
+      gst_structure_free(sdes);
+    }
     GObject* session = nullptr;
     g_signal_emit_by_name(rtpbin, "get-internal-session", 0u, &session);
     if (session != nullptr) {
       g_object_set(session, "rtcp-min-interval", guint64(500 * GST_MSECOND), nullptr);
+      g_signal_connect(session, "on-receiving-rtcp",
+                       G_CALLBACK(+[](GObject*, GstBuffer*, gpointer data) {
+                         static_cast<WebRtcSender::Impl*>(data)->heard = Impl::now();
+                       }),
+                       impl.get());
       g_object_unref(session);
     }
     gst_object_unref(rtpbin);
@@ -332,21 +437,22 @@ std::unique_ptr<WebRtcSender> WebRtcSender::create(const std::string& offerSdp,
 
   // WHEP: the answer goes out complete, with every candidate in it.
   {
-    std::unique_lock hold(impl->lock);
-    if (!impl->changed.wait_for(hold, options.gatherTimeout, [&] { return impl->gathered; })) {
-      throw MediaError("no network candidates were found in time");
+    const auto deadline = std::chrono::steady_clock::now() + options.gatherTimeout;
+    MutexLock hold(impl->lock);
+    while (!impl->gathered && std::chrono::steady_clock::now() < deadline) {
+      impl->changed.wait_until(impl->lock, deadline);
     }
+    if (!impl->gathered) throw MediaError("no network candidates were found in time");
   }
   GstWebRTCSessionDescription* local = nullptr;
   g_object_get(impl->webrtc, "local-description", &local, nullptr);
   if (local == nullptr) throw MediaError("the answer went missing");
-  gchar* text = gst_sdp_message_as_text(local->sdp);
-  std::string answerText = text;
-  g_free(text);
+  std::string answerSdp = answerText(local->sdp, impl->videoSsrc, impl->audioSsrc, cname);
   gst_webrtc_session_description_free(local);
+  impl->watchdog = std::thread([raw = impl.get()] { raw->watch(); });
 
   std::unique_ptr<WebRtcSender> sender(new WebRtcSender(std::move(impl)));
-  sender->answer_ = std::move(answerText);
+  sender->answer_ = std::move(answerSdp);
   return sender;
 }
 
@@ -354,7 +460,7 @@ void WebRtcSender::push(std::chrono::nanoseconds pts, const std::uint8_t* i420,
                         const float* samples, std::size_t count) {
   GstClockTime base;
   {
-    std::lock_guard hold(impl_->lock);
+    MutexLock hold(impl_->lock);
     if (!impl_->connected) {
       ++impl_->dropped;
       return;
@@ -373,7 +479,7 @@ void WebRtcSender::push(std::chrono::nanoseconds pts, const std::uint8_t* i420,
   if (count > 0) {
     GstBuffer* sound = gst_buffer_new_allocate(nullptr, count * sizeof(float), nullptr);
     gst_buffer_fill(sound, 0, samples, count * sizeof(float));
-    GST_BUFFER_PTS(sound) = at;
+    GST_BUFFER_PTS(sound) = pts >= impl_->soundDelayFrom ? at + impl_->soundDelay : at;
     GST_BUFFER_DURATION(sound) =
         gst_util_uint64_scale(count, GST_SECOND, guint64(impl_->options.sampleRate));
     gst_app_src_push_buffer(GST_APP_SRC(impl_->audio), sound);
@@ -381,7 +487,7 @@ void WebRtcSender::push(std::chrono::nanoseconds pts, const std::uint8_t* i420,
 }
 
 SenderStats WebRtcSender::stats() const {
-  std::lock_guard hold(impl_->lock);
+  MutexLock hold(impl_->lock);
   return SenderStats{impl_->pushed, impl_->dropped, impl_->behind.load(), impl_->connected};
 }
 

@@ -1,8 +1,10 @@
 // WebRtcSender: one viewer's WebRTC stream, answered WHEP style (the viewer's complete offer in,
 // a complete answer out), sending H.264 video (constrained baseline, zero-latency x264) and Opus
-// sound from pictures and samples the caller pushes, through GStreamer's webrtcbin. Both tracks
-// carry one stream id, so the browser plays them in sync; their time stamps come from the
-// caller's one clock (the session's sample clock), starting when the peer is connected.
+// sound from pictures and samples the caller pushes, through GStreamer's webrtcbin. The answer
+// puts both tracks in one media stream, and the sender reports of both map their time stamps to
+// one wall clock as of their capture, so that the browser plays them in sync; the time stamps
+// come from the caller's one clock (the session's sample clock), starting when the peer is
+// connected. A viewer that goes quiet is noticed within seconds and reported as ended.
 #pragma once
 
 #include <chrono>
@@ -24,6 +26,18 @@ struct MediaError : std::runtime_error {
 // the sender uses exists and throws MediaError naming a missing one and its Debian package.
 void initMedia();
 
+// A fault planted on purpose (diagnostics): from `from` into a viewer's stream on, every sound
+// buffer is stamped `delay` later than its picture. Planted in the middle of a stream, it shows
+// as a step that one browser's measurement sees on one connection.
+struct SoundDelay {
+  std::chrono::milliseconds delay{0};
+  std::chrono::seconds from{0};
+};
+
+// A SoundDelay from its text (LUMORA2_SERVE_SOUND_DELAY_MS): "MS" or "MS@SECONDS", MS a whole
+// number from 0 to 1000 and SECONDS from 0 to 3600. Throws MediaError for anything else.
+SoundDelay parseSoundDelay(const std::string& text);
+
 struct SenderStats {
   std::uint64_t framesPushed = 0;   // accepted while connected
   std::uint64_t framesDropped = 0;  // pushed before the peer was connected
@@ -38,10 +52,18 @@ class WebRtcSender {
   struct Options {
     int width = 416, height = 720, fps = 20, sampleRate = 16000;
     std::chrono::milliseconds gatherTimeout{5000};  // ICE gathering for the answer
+    // A connected viewer that sends no RTCP for this long is gone (its page closed, its browser
+    // killed, its network lost): a browser reports on the video it receives about once a second.
+    std::chrono::milliseconds viewerSilence{3000};
+    // Diagnostics: a known fault, for proving that a lip-sync measurement at the viewer sees one
+    // (the delay is at most 1000 ms).
+    SoundDelay soundDelay;
   };
   struct Events {
-    std::function<void()> connected;                    // media can flow: the clock starts
-    std::function<void(const std::string& why)> ended;  // at most once, never after destruction
+    std::function<void()> connected;  // media can flow: the clock starts
+    // At most once, never after destruction; delivered on one of the sender's threads, which
+    // must not destroy the sender from inside it.
+    std::function<void(const std::string& why)> ended;
   };
 
   // Answers the offer (it must offer to receive H.264 video and Opus audio). Throws MediaError
