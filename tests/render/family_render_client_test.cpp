@@ -35,8 +35,9 @@ constexpr std::size_t kTotalSamples = 190 * kSamplesPerFrame + 123;  // a partia
 std::vector<float> bursts() {
   std::vector<float> audio(kTotalSamples, 0.0f);
   const std::vector<float> burst = tone(kBurstFrames * kSamplesPerFrame);
-  for (std::size_t b : kBursts)
+  for (std::size_t b : kBursts) {
     std::copy(burst.begin(), burst.end(), audio.begin() + long(b * kSamplesPerFrame));
+  }
   return audio;
 }
 
