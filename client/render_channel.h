@@ -26,6 +26,9 @@ class RenderChannel {
   virtual void sendAudio(const float* samples, std::size_t count) = 0;
   virtual void sendFlush() = 0;
   virtual void sendReset() = 0;
+  // Whether frames come as 4:2:0 planes (protocol/i420.h), not R, G, B: Event::rgb then points
+  // at width * height * 3 / 2 bytes.
+  virtual bool i420() const { return false; }
   // As StreamChild::next: `ended` once the channel has ended and everything before was read.
   virtual Event next(std::chrono::steady_clock::time_point deadline) = 0;
   // Whether the channel ends within `wait`; ending() then says how.

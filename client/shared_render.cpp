@@ -79,6 +79,7 @@ struct SharedRenderProcess::Inbox {
   // through that no frame has accounted for yet.
   std::deque<std::pair<std::string, std::size_t>> held LUMORA2_GUARDED_BY(lock);
   std::size_t ahead LUMORA2_GUARDED_BY(lock) = 0;
+  std::uint32_t flags LUMORA2_GUARDED_BY(lock) = 0;  // as the opened record said
 
   void end(bool replaceIt, std::string reason) LUMORA2_REQUIRES(lock) {
     if (state == State::ended) return;
@@ -134,7 +135,9 @@ std::shared_ptr<SharedRenderProcess> SharedRenderProcess::start(const Command& c
   for (std::string& e : env) envp.push_back(e.data());
   envp.push_back(nullptr);
   std::shared_ptr<SharedRenderProcess> p(new SharedRenderProcess());
-  const int rc = posix_spawn(&p->pid_, argv[0], &actions, nullptr, argv.data(), envp.data());
+  pid_t pid = -1;
+  const int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
+  p->pid_ = pid;
   posix_spawn_file_actions_destroy(&actions);
   for (int fd : {in[0], out[1], err[1]}) ::close(fd);
   if (rc != 0) {
@@ -145,7 +148,7 @@ std::shared_ptr<SharedRenderProcess> SharedRenderProcess::start(const Command& c
   errno = 0;
   const int own = ::getpriority(PRIO_PROCESS, 0);
   if (errno == 0 && command.niceness > 0) {
-    ::setpriority(PRIO_PROCESS, id_t(p->pid_), std::min(19, own + command.niceness));
+    ::setpriority(PRIO_PROCESS, id_t(pid), std::min(19, own + command.niceness));
   }
   p->tmp_ = std::move(tmp);
   p->input_ = in[1];
@@ -193,9 +196,9 @@ std::shared_ptr<SharedRenderProcess> SharedRenderProcess::start(const Command& c
     line += c;
   }
   p->ended_ = true;
-  ::kill(p->pid_, SIGKILL);
+  ::kill(pid, SIGKILL);
   int status = 0;
-  exitsBy(p->pid_, status, Clock::now() + std::chrono::seconds(5));
+  exitsBy(pid, status, Clock::now() + std::chrono::seconds(5));
   p->pid_ = -1;
   if (p->stderrReader_.joinable()) p->stderrReader_.join();
   throw ClientError("the shared render process did not become ready (header \"" + line +
@@ -208,25 +211,29 @@ SharedRenderProcess::~SharedRenderProcess() {
     inputClosing_ = true;
   }
   inputReady_.notify_one();
-  if (pid_ > 0) {
+  // The end of its input ends the child; its output then ends and the reader reaps it.
+  auto endedBy = [this](Clock::time_point deadline) {
+    while (!ended_ && Clock::now() < deadline) ::usleep(10'000);
+    return ended_.load();
+  };
+  if (!endedBy(Clock::now() + std::chrono::seconds(10))) {
+    kill(SIGTERM);
+    if (!endedBy(Clock::now() + std::chrono::seconds(5))) kill(SIGKILL);
+  }
+  if (reader_.joinable()) reader_.join();
+  if (const pid_t left = pid_.exchange(-1); left > 0) {
+    ::kill(left, SIGKILL);
     int status = 0;
-    if (!exitsBy(pid_, status, Clock::now() + std::chrono::seconds(10))) {
-      ::kill(pid_, SIGTERM);
-      if (!exitsBy(pid_, status, Clock::now() + std::chrono::seconds(5))) {
-        ::kill(pid_, SIGKILL);
-        exitsBy(pid_, status, Clock::now() + std::chrono::hours(1));
-      }
-    }
+    exitsBy(left, status, Clock::now() + std::chrono::hours(1));
   }
   if (writer_.joinable()) writer_.join();
-  if (reader_.joinable()) reader_.join();
   if (stderrReader_.joinable()) stderrReader_.join();
   if (output_ >= 0) ::close(output_);
   if (input_ >= 0) ::close(input_);
 }
 
-void SharedRenderProcess::kill() {
-  if (pid_ > 0 && !ended_) ::kill(pid_, SIGKILL);
+void SharedRenderProcess::kill(int signal) {
+  if (const pid_t pid = pid_.load(); pid > 0 && !ended_) ::kill(pid, signal);
 }
 
 std::string SharedRenderProcess::stderrTail() const {
@@ -284,6 +291,7 @@ void SharedRenderProcess::readLoop() {
       switch (item.kind) {
         case Kind::opened:
           if (inbox->state == Inbox::State::opening) inbox->state = Inbox::State::open;
+          inbox->flags = item.flags;
           break;
         case Kind::closed:
           inbox->end(item.text == sw::kClosedForRespawn,
@@ -304,7 +312,8 @@ void SharedRenderProcess::readLoop() {
             pixels = std::move(inbox->spare.back());
             inbox->spare.pop_back();
           }
-          const std::size_t bytes = sw::framePixelBytes(geometry_.width, geometry_.height, 0);
+          const std::size_t bytes =
+              sw::framePixelBytes(geometry_.width, geometry_.height, inbox->flags);
           pixels.assign(item.pixels, item.pixels + bytes);
           RenderChannel::Event event{RenderChannel::Event::Kind::frame, item.position};
           inbox->items.emplace_back(event, std::move(pixels));
@@ -325,11 +334,12 @@ void SharedRenderProcess::readLoop() {
     }
   } catch (const wire::WireError& e) {
     why = std::string(": ") + e.what();
-    ::kill(pid_, SIGKILL);
+    ::kill(pid_.load(), SIGKILL);
   }
+  const pid_t pid = pid_.load();
   int status = -1;
-  const bool exited = exitsBy(pid_, status, Clock::now() + std::chrono::seconds(2));
-  died_ = "the shared render process " + std::to_string(pid_) + " ended" +
+  const bool exited = exitsBy(pid, status, Clock::now() + std::chrono::seconds(2));
+  died_ = "the shared render process " + std::to_string(pid) + " ended" +
           (exited ? " with exit status " + std::to_string(status) : "") + why;
   if (exited) pid_ = -1;
   ended_ = true;
@@ -347,7 +357,8 @@ void SharedRenderProcess::readLoop() {
   }
 }
 
-std::unique_ptr<SharedSession> SharedRenderProcess::open(const std::filesystem::path& avatar) {
+std::unique_ptr<SharedSession> SharedRenderProcess::open(const std::filesystem::path& avatar,
+                                                         bool i420) {
   const std::uint32_t number = nextSession_++;
   auto inbox = std::make_shared<Inbox>();
   {
@@ -358,7 +369,7 @@ std::unique_ptr<SharedSession> SharedRenderProcess::open(const std::filesystem::
   ++sessions_;
   std::unique_ptr<SharedSession> session(new SharedSession(shared_from_this(), number, inbox));
   std::string bytes;
-  sw::appendOpen(bytes, number, 0, avatar.string());
+  sw::appendOpen(bytes, number, i420 ? sw::kFlagI420 : 0, avatar.string());
   queue(std::move(bytes));
   MutexLock hold(inbox->lock);
   const bool answered = inbox->changed.wait_until(
@@ -366,6 +377,7 @@ std::unique_ptr<SharedSession> SharedRenderProcess::open(const std::filesystem::
       [&]() LUMORA2_REQUIRES(inbox->lock) { return inbox->state != Inbox::State::opening; });
   if (!answered) throw ClientError("the shared render process did not open the session in time");
   if (inbox->state == Inbox::State::ended) throw ClientError(inbox->why);
+  session->i420_ = (inbox->flags & sw::kFlagI420) != 0;
   return session;
 }
 
@@ -502,7 +514,16 @@ std::unique_ptr<RenderChannel> SharedProcesses::open(const StreamChild::Command&
       --slot.placed;
     }
   } placed{*this, *chosen};
-  return ensure(*chosen)->open(command.avatar);
+  // A process that dies while the session opens on it (its sessions are moving too) is
+  // started again, once.
+  for (int attempt = 0;; ++attempt) {
+    const std::shared_ptr<SharedRenderProcess> process = ensure(*chosen);
+    try {
+      return process->open(command.avatar, command_.i420);
+    } catch (const ClientError&) {
+      if (attempt > 0 || process->alive()) throw;
+    }
+  }
 }
 
 std::vector<pid_t> SharedProcesses::pids() const {

@@ -39,8 +39,9 @@ class SharedRenderProcess : public std::enable_shared_from_this<SharedRenderProc
   struct Command {
     std::filesystem::path renderHost;  // lumora2-model-render
     std::filesystem::path engine;
-    int threads = 1;   // OMP_NUM_THREADS, unless the parent's environment sets it
-    int niceness = 0;  // added to the child's nice value, 0 to 19
+    int threads = 1;    // OMP_NUM_THREADS, unless the parent's environment sets it
+    int niceness = 0;   // added to the child's nice value, 0 to 19
+    bool i420 = false;  // sessions' frames as 4:2:0 planes
   };
   // Audio a session may have sent beyond what its frames account for: three chunks, so that the
   // child always holds the next chunk whole while it renders one.
@@ -54,15 +55,15 @@ class SharedRenderProcess : public std::enable_shared_from_this<SharedRenderProc
 
   // A new session of `avatar`, ready once the child says it opened (at most
   // StreamChild::kWarmUpLimit). Throws ClientError when the child refuses it or has ended.
-  std::unique_ptr<SharedSession> open(const std::filesystem::path& avatar);
+  std::unique_ptr<SharedSession> open(const std::filesystem::path& avatar, bool i420);
 
-  pid_t pid() const { return pid_; }
+  pid_t pid() const { return pid_.load(); }
   bool alive() const { return !ended_.load(); }
   // Sessions open on it now.
   int sessions() const { return sessions_.load(); }
   const StreamGeometry& geometry() const { return geometry_; }
-  // Ends the child at once (SIGKILL); its sessions end with `replace`.
-  void kill();
+  // Sends the child `signal` (SIGKILL: it ends at once, its sessions with `replace`).
+  void kill(int signal);
   std::string stderrTail() const LUMORA2_EXCLUDES(tailLock_);
 
  private:
@@ -75,7 +76,7 @@ class SharedRenderProcess : public std::enable_shared_from_this<SharedRenderProc
   void closeSession(std::uint32_t number) LUMORA2_EXCLUDES(inboxLock_);
 
   std::unique_ptr<ScratchDir> tmp_;  // the child's TMPDIR; removed last
-  pid_t pid_ = -1;
+  std::atomic<pid_t> pid_{-1};       // -1 once the reader has reaped it
   int output_ = -1;
   StreamGeometry geometry_;
   std::atomic<bool> ended_{false};  // the child's output ended
@@ -108,6 +109,7 @@ class SharedSession final : public RenderChannel {
   void sendAudio(const float* samples, std::size_t count) override;
   void sendFlush() override;
   void sendReset() override;
+  bool i420() const override { return i420_; }
   Event next(std::chrono::steady_clock::time_point deadline) override;
   bool endsWithin(std::chrono::milliseconds wait) override;
   Ending ending() override;
@@ -122,6 +124,7 @@ class SharedSession final : public RenderChannel {
   std::shared_ptr<SharedRenderProcess> process_;
   const std::uint32_t number_;
   std::shared_ptr<SharedRenderProcess::Inbox> inbox_;
+  bool i420_ = false;                    // as the child's opened record said
   std::vector<std::uint8_t> handedOut_;  // the pixels of the frame next() returned last
 };
 

@@ -235,10 +235,10 @@ void HostedSession::run() {
                 std::chrono::duration<double, std::milli>(Clock::now() - started).count(),
                 primedBefore ? "from its avatar's priming" : "warmed up");
   stderrLine(ready);
-  // 4:2:0 frames are not made yet: the opened record says which form the frames take.
-  host_.writeRecord(sw::openedRecord(number, 0, engine->decoderDesc()));
+  const std::uint32_t flags = open_.flags & sw::kFlagI420;  // the flags it knows
+  host_.writeRecord(sw::openedRecord(number, flags, engine->decoderDesc()));
   StreamSession session(
-      engine, number,
+      engine, number, (flags & sw::kFlagI420) != 0,
       [this](const std::uint8_t* bytes, std::size_t size) { return host_.write(bytes, size); },
       [this] { host_.parentGone(); }, label);
   std::string closing = sw::kClosedByParent;

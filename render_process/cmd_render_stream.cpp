@@ -121,7 +121,7 @@ int renderStream(const Positionals& positionals, const Options& options) {
   }).detach();
 
   StreamSession session(
-      engine, std::nullopt,
+      engine, std::nullopt, false,
       [](const std::uint8_t* bytes, std::size_t size) { return writeAll(bytes, size); },
       [workDir] {
         stderrLine("[render-stream] standard output closed (the parent went away) — exiting");

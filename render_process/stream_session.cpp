@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "host/command.h"
+#include "protocol/i420.h"
 #include "protocol/session_wire.h"
 #include "protocol/stream_wire.h"
 
@@ -24,7 +25,7 @@ constexpr int kRespawnAfterFailures = 2;
 }  // namespace
 
 StreamSession::StreamSession(std::shared_ptr<Lumora2Engine> engine,
-                             std::optional<std::uint32_t> session, Sink sink,
+                             std::optional<std::uint32_t> session, bool i420, Sink sink,
                              std::function<void()> parentGone, std::string label)
     : engine_(std::move(engine)),
       session_(session),
@@ -32,7 +33,9 @@ StreamSession::StreamSession(std::shared_ptr<Lumora2Engine> engine,
       parentGone_(std::move(parentGone)),
       label_(std::move(label)),
       lead_(session ? 8 : 4),
-      record_(lead_ + Lumora2Engine::kFrameBytes),
+      record_(lead_ + (i420 ? wire::i420Bytes(Lumora2Engine::kWidth, Lumora2Engine::kHeight)
+                            : Lumora2Engine::kFrameBytes)),
+      rgb_(i420 ? Lumora2Engine::kFrameBytes : 0),
       out_("com.morvane.lumora2.render-stream.out") {}
 
 StreamSession::~StreamSession() = default;
@@ -48,11 +51,18 @@ void StreamSession::write(const std::uint8_t* bytes, std::size_t size) {
   std::_Exit(kExitOk);  // parentGone_ does not return; this is its backstop
 }
 
-// Every ready frame, lead + pixels in one write each. The engine writes the pixels straight into
-// the record, in the wire's order; the record is the one buffer every frame uses.
+// Every ready frame, lead + pixels in one write each. The engine writes R, G, B pixels straight
+// into the record, in the wire's order, or into rgb_ for the record's 4:2:0 planes; the record is
+// the one buffer every frame uses.
 void StreamSession::drain() {
-  const std::span<std::uint8_t> pixels(record_.data() + lead_, Lumora2Engine::kFrameBytes);
+  const std::span<std::uint8_t> pixels =
+      rgb_.empty() ? std::span(record_.data() + lead_, Lumora2Engine::kFrameBytes)
+                   : std::span(rgb_);
   while (auto frame = engine_->pullInto(pixels, PixelOrder::rgb)) {
+    if (!rgb_.empty()) {
+      wire::toI420(rgb_.data(), Lumora2Engine::kWidth, Lumora2Engine::kHeight, 0,
+                   wire::PackedLayout::rgb24, record_.data() + lead_);
+    }
     const auto position = static_cast<std::uint32_t>(frame->pos);
     if (session_) {
       wire::sessions::putFrameLead(record_.data(), *session_, position);

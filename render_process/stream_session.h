@@ -24,10 +24,11 @@ class StreamSession {
   using Sink = std::function<bool(const std::uint8_t* bytes, std::size_t size)>;
 
   // `session`: the number that leads each record (the sessions format), or nothing
-  // (render-stream's own). `parentGone` ends the process when the sink fails; `label` leads the
-  // session's log lines ("[render-stream]").
+  // (render-stream's own). `i420`: frames as 4:2:0 planes (protocol/i420.h) instead of R, G, B.
+  // `parentGone` ends the process when the sink fails; `label` leads the session's log lines
+  // ("[render-stream]").
   StreamSession(std::shared_ptr<Lumora2Engine> engine, std::optional<std::uint32_t> session,
-                Sink sink, std::function<void()> parentGone, std::string label);
+                bool i420, Sink sink, std::function<void()> parentGone, std::string label);
   ~StreamSession();
   StreamSession(const StreamSession&) = delete;
   StreamSession& operator=(const StreamSession&) = delete;
@@ -62,6 +63,7 @@ class StreamSession {
   const std::string label_;
   const std::size_t lead_;  // bytes before a record's pixels
   std::vector<std::uint8_t> record_;
+  std::vector<std::uint8_t> rgb_;  // with i420: the engine's picture before conversion
   std::mutex kickLock_;
   bool kickScheduled_ = false;  // guarded by kickLock_
   int failures_ = 0;            // consecutive failed segments

@@ -203,6 +203,7 @@ std::shared_ptr<lumora2::render::RenderPool> makeRenderers(
   command.engine = child.engine;
   command.niceness = child.niceness;
   command.threads = std::max(1, int(std::thread::hardware_concurrency()) / processes);
+  command.i420 = true;  // the encoder's own form: the server converts nothing
   auto pool = std::make_shared<render::SharedProcesses>(command, processes);
   std::string why;
   if (!pool->startAll(why)) throw ClientError(why);

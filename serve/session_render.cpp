@@ -4,6 +4,8 @@
 // child's exit status 3, a shared process that died) is replaced and its segment sent again,
 // once, while the idle clip plays; one that ends otherwise ends the session. The end is noticed
 // even while the timeline holds as many frames as it may and nothing is read.
+#include <algorithm>
+
 #include "client/picture.h"
 #include "client/render_channel.h"
 #include "live_session.h"
@@ -163,7 +165,11 @@ class SessionRenderer {
 
   void frame(const render::RenderChannel::Event& event) {
     Picture picture(child_->geometry().width, child_->geometry().height);
-    converter_->convert(event.rgb, picture);
+    if (child_->i420()) {
+      std::copy_n(event.rgb, picture.bytes.size(), picture.bytes.begin());
+    } else {
+      converter_->convert(event.rgb, picture);
+    }
     ++current_.received;
     {
       MutexLock hold(s_.lock_);

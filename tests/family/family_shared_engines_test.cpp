@@ -20,6 +20,7 @@
 #include "family/speech.h"
 #include "family_engines.h"
 #include "host/args.h"
+#include "protocol/i420.h"
 #include "protocol/session_wire.h"
 #include "protocol/stream_wire.h"
 #include "render_support.h"
@@ -44,10 +45,18 @@ std::vector<std::vector<float>> utterances() {
   return {synthesizeSpeech(2.2), second};
 }
 
-std::string digest(const std::uint8_t* rgb) {
+std::string digest(const std::uint8_t* pixels, std::size_t size = Lumora2Engine::kFrameBytes) {
   Sha256 sha;
-  sha.update(rgb, Lumora2Engine::kFrameBytes);
+  sha.update(pixels, size);
   return sha.hex();
+}
+
+// The digest of a frame's 4:2:0 form.
+std::string i420Digest(const std::uint8_t* rgb) {
+  std::vector<std::uint8_t> planes(wire::i420Bytes(Lumora2Engine::kWidth, Lumora2Engine::kHeight));
+  wire::toI420(rgb, Lumora2Engine::kWidth, Lumora2Engine::kHeight, 0, wire::PackedLayout::rgb24,
+               planes.data());
+  return digest(planes.data(), planes.size());
 }
 
 double residentMiB(const std::string& process = "self") {
@@ -88,6 +97,7 @@ Segments renderInProcess(Lumora2Engine& engine) {
 
 struct ChildRun {
   Segments segments;
+  Segments i420;           // the same frames' 4:2:0 forms
   double readyMs = 0;      // from the spawn to its READY line
   double readyRssMiB = 0;  // its resident set then
   double peakRssMiB = 0;   // its largest resident set
@@ -151,7 +161,7 @@ ChildRun renderInChild(const std::string& code, const fs::path& scratch) {
   }
   wire::appendControl(input, wire::kEndOfStream);
   wire::RecordReader records(Lumora2Engine::kWidth, Lumora2Engine::kHeight);
-  Segments segments(1);
+  Segments segments(1), i420(1);
   ChildRun run =
       runChild({LUMORA2_MODEL_BIN, "render-stream", (family.root / (code + ".avatar")).string(),
                 "--engine", (family.root / "vivra.model").string()},
@@ -159,25 +169,32 @@ ChildRun renderInChild(const std::string& code, const fs::path& scratch) {
                  records.consume(data, size, [&](const auto& item) {
                    if (item.kind == wire::RecordReader::Item::Kind::marker) {
                      segments.emplace_back();
+                     i420.emplace_back();
                    } else {
                      segments.back().emplace_back(item.position, digest(item.rgb));
+                     i420.back().emplace_back(item.position, i420Digest(item.rgb));
                    }
                  });
                });
   segments.pop_back();  // nothing follows the last marker
+  i420.pop_back();
   run.segments = std::move(segments);
+  run.i420 = std::move(i420);
   return run;
 }
 
 // Sessions of `codes` in one `render-sessions` process, their messages interleaved piece by
-// piece; each session's segments, by session.
+// piece; each session's segments, by session. A code ending in "+i420" asks for 4:2:0 frames.
 std::vector<Segments> renderInSessions(const std::vector<std::string>& codes,
                                        const fs::path& scratch, ChildRun& run) {
   namespace sw = wire::sessions;
   const GeneratedFamily& family = generatedFamily();
   std::string input;
   for (std::uint32_t s = 0; s < codes.size(); ++s) {
-    sw::appendOpen(input, s + 1, 0, (family.root / (codes[s] + ".avatar")).string());
+    const bool i420 = codes[s].ends_with("+i420");
+    const std::string code = codes[s].substr(0, codes[s].find('+'));
+    sw::appendOpen(input, s + 1, i420 ? sw::kFlagI420 : 0,
+                   (family.root / (code + ".avatar")).string());
   }
   for (const std::vector<float>& speech : utterances()) {
     for (std::size_t at = 0; at < speech.size(); at += kPiece) {
@@ -193,6 +210,7 @@ std::vector<Segments> renderInSessions(const std::vector<std::string>& codes,
   sw::RecordReader records(Lumora2Engine::kWidth, Lumora2Engine::kHeight);
   std::vector<Segments> sessions(codes.size() + 1, Segments(1));
   std::vector<std::string> closed(codes.size() + 1);
+  std::vector<std::uint32_t> flags(codes.size() + 1);
   const fs::path renderHost = fs::path(LUMORA2_MODEL_BIN).parent_path() / "lumora2-model-render";
   run = runChild(
       {renderHost.string(), "render-sessions", "--engine", (family.root / "vivra.model").string()},
@@ -202,7 +220,12 @@ std::vector<Segments> renderInSessions(const std::vector<std::string>& codes,
           if (item.kind == sw::RecordReader::Item::Kind::marker) {
             segments.emplace_back();
           } else if (item.kind == sw::RecordReader::Item::Kind::frame) {
-            segments.back().emplace_back(item.position, digest(item.pixels));
+            segments.back().emplace_back(
+                item.position, digest(item.pixels, sw::framePixelBytes(Lumora2Engine::kWidth,
+                                                                       Lumora2Engine::kHeight,
+                                                                       flags[item.session])));
+          } else if (item.kind == sw::RecordReader::Item::Kind::opened) {
+            flags.at(item.session) = item.flags;
           } else if (item.kind == sw::RecordReader::Item::Kind::closed) {
             closed.at(item.session) = item.text;
           }
@@ -250,10 +273,12 @@ TEST(SharedEngines, TwoIdentitiesInOneProcessRenderWhatTwoProcessesRender) {
   EXPECT_EQ(bramHere, bram.segments) << "bram: one process's engine against render-stream";
   EXPECT_NE(avaHere, bramHere);
 
-  // One render-sessions process: ava, bram, and ava again started from the first's priming.
+  // One render-sessions process: ava, bram, and ava again started from the first's priming, in
+  // 4:2:0.
   ChildRun shared;
-  const std::vector<Segments> sessions = renderInSessions({"ava", "bram", "ava"}, scratch, shared);
-  EXPECT_EQ(sessions, (std::vector<Segments>{ava.segments, bram.segments, ava.segments}));
+  const std::vector<Segments> sessions =
+      renderInSessions({"ava", "bram", "ava+i420"}, scratch, shared);
+  EXPECT_EQ(sessions, (std::vector<Segments>{ava.segments, bram.segments, ava.i420}));
 
   std::printf(
       "graphs + first engine (ava): %+.1f MiB resident, %.0f ms\n"
