@@ -1,9 +1,11 @@
-// lumora2-graph-bench --family DIR [--avatar CODE] [--runs N] [--chunks N] [--label TEXT]
+// lumora2-graph-bench --family DIR [--avatar CODE] [--runs N] [--chunks N] [--label TEXT] [--batch]
 //
 // Median prediction time of each graph of a generated family (DIR/staging/{engine,CODE}) on one
 // thread, frozen as the engine's compiled-model cache holds them, with and without LibTorch's
 // optimize_for_inference; then the whole chain per 1.6 s chunk (1 front end + 1 tokenizer + 8
-// student steps + 32 decoder calls) and its real-time factor.
+// student steps + 32 decoder calls) and its real-time factor. With --batch, each graph again
+// with its inputs stacked along their leading dimension, 1, 2, 4 and 8 deep (the chunks of that
+// many sessions in one run), and what that makes of a chunk: frames a second on the one core.
 #include <ATen/Parallel.h>
 #include <torch/script.h>
 
@@ -51,6 +53,42 @@ struct Graph {
   std::vector<torch::jit::IValue> inputs;
 };
 
+// Each graph's median time with its inputs stacked `depth` deep, and the chunk (1 + 1 + 8 + 32
+// predictions) those times make: frames a second on one core. A graph whose forward refuses a
+// batch says so and ends the table.
+void batchTable(const std::vector<Graph>& graphs, const std::string& label, int runs) {
+  std::printf("%-10s %-6s %12s %12s %12s %12s %16s %8s\n", label.c_str(), "batch", "front ms",
+              "tokenizer ms", "student ms", "decoder ms", "frames/s/core", "gain");
+  double single = 0;
+  for (const std::int64_t depth : {1, 2, 4, 8}) {
+    double ms[4] = {0, 0, 0, 0};
+    for (std::size_t g = 0; g < graphs.size() && g < 4; ++g) {
+      torch::jit::Module frozen = Chain::loadFrozen(graphs[g].package);
+      std::vector<torch::jit::IValue> inputs;
+      for (const torch::jit::IValue& in : graphs[g].inputs) {
+        const torch::Tensor t = in.toTensor();
+        std::vector<std::int64_t> times(std::size_t(t.dim()), 1);
+        times[0] = depth;
+        inputs.emplace_back(t.repeat(times).contiguous());
+      }
+      try {
+        ms[g] = medianMs(runs, [&] { frozen.forward(inputs); });
+      } catch (const std::exception& e) {
+        std::printf("%-10s %-6lld %s takes no batch of %lld: %.120s\n", label.c_str(),
+                    static_cast<long long>(depth), graphs[g].name.c_str(),
+                    static_cast<long long>(depth), e.what());
+        return;
+      }
+    }
+    const double chunkMs = ms[0] + ms[1] + 8 * ms[2] + 32 * ms[3];
+    const double fps = double(depth) * 32.0 * 1000.0 / chunkMs;
+    if (depth == 1) single = fps;
+    std::printf("%-10s %-6lld %12.3f %12.3f %12.3f %12.3f %16.1f %7.2fx\n", label.c_str(),
+                static_cast<long long>(depth), ms[0], ms[1], ms[2], ms[3], fps, fps / single);
+    std::fflush(stdout);
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -59,6 +97,7 @@ int main(int argc, char** argv) {
   int runs = 20, chunks = 5;
   for (int i = 1; i + 1 < argc; i += 2) {
     const std::string_view key = argv[i];
+    if (key == "--batch") --i;  // a flag without a value
     if (key == "--family") family = argv[i + 1];
     if (key == "--avatar") avatar = argv[i + 1];
     if (key == "--runs") runs = std::max(1, std::atoi(argv[i + 1]));
@@ -68,10 +107,11 @@ int main(int argc, char** argv) {
   if (family.empty()) {
     std::fprintf(stderr,
                  "usage: lumora2-graph-bench --family DIR [--avatar CODE] [--runs N] "
-                 "[--chunks N] [--label TEXT]\n");
+                 "[--chunks N] [--label TEXT] [--batch]\n");
     return 1;
   }
   if (label.empty()) label = family.filename().string();
+  const bool batch = std::find(argv + 1, argv + argc, std::string_view("--batch")) != argv + argc;
   at::set_num_threads(1);
   at::set_num_interop_threads(1);
   torch::NoGradGuard noGrad;
@@ -114,6 +154,7 @@ int main(int argc, char** argv) {
     std::printf("%-10s %-32s %12.3f %16.3f %6d\n", label.c_str(), g.name.c_str(), a, b, runs);
     std::fflush(stdout);
   }
+  if (batch) batchTable(graphs, label, runs);
 
   // The whole chain as the engine runs a chunk, timed per stage.
   Chain chain = Chain::load(engine, identity);
