@@ -9,6 +9,7 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "client/stream_child.h"
 
@@ -29,6 +30,9 @@ class RenderChannel {
   // Whether frames come as 4:2:0 planes (protocol/i420.h), not R, G, B: Event::rgb then points
   // at width * height * 3 / 2 bytes.
   virtual bool i420() const { return false; }
+  // The pixels of the frame next() returned last, handed over instead of copied, where the
+  // channel can; empty otherwise (copy from Event::rgb then).
+  virtual std::vector<std::uint8_t> takePixels() { return {}; }
   // As StreamChild::next: `ended` once the channel has ended and everything before was read.
   virtual Event next(std::chrono::steady_clock::time_point deadline) = 0;
   // Whether the channel ends within `wait`; ending() then says how.

@@ -110,6 +110,7 @@ class SharedSession final : public RenderChannel {
   void sendFlush() override;
   void sendReset() override;
   bool i420() const override { return i420_; }
+  std::vector<std::uint8_t> takePixels() override { return std::move(handedOut_); }
   Event next(std::chrono::steady_clock::time_point deadline) override;
   bool endsWithin(std::chrono::milliseconds wait) override;
   Ending ending() override;

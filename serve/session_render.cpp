@@ -164,10 +164,18 @@ class SessionRenderer {
   }
 
   void frame(const render::RenderChannel::Event& event) {
-    Picture picture(child_->geometry().width, child_->geometry().height);
+    Picture picture;
+    picture.width = child_->geometry().width;
+    picture.height = child_->geometry().height;
     if (child_->i420()) {
-      std::copy_n(event.rgb, picture.bytes.size(), picture.bytes.begin());
+      // The channel's buffer becomes the picture: no copy, and no pool of buffers on its side.
+      picture.bytes = child_->takePixels();
+      if (picture.bytes.size() != Picture::pictureBytes(picture.width, picture.height)) {
+        picture.bytes.assign(event.rgb,
+                             event.rgb + Picture::pictureBytes(picture.width, picture.height));
+      }
     } else {
+      picture = Picture(picture.width, picture.height);
       converter_->convert(event.rgb, picture);
     }
     ++current_.received;
