@@ -312,10 +312,6 @@ void SharedRenderProcess::readLoop() {
             pixels = std::move(inbox->spare.back());
             inbox->spare.pop_back();
           }
-          // Buffers are made and let go on this thread alone: glibc keeps what one thread frees
-          // of another's blocks in that thread's heap, and a burst of frames handed back by the
-          // session's thread grew the server by tens of MiB.
-          while (inbox->spare.size() > 2) inbox->spare.pop_back();
           const std::size_t bytes =
               sw::framePixelBytes(geometry_.width, geometry_.height, inbox->flags);
           pixels.assign(item.pixels, item.pixels + bytes);
@@ -445,7 +441,11 @@ RenderChannel::Event SharedSession::next(Clock::time_point deadline) {
   }
   auto [event, pixels] = std::move(inbox_->items.front());
   inbox_->items.pop_front();
-  if (!handedOut_.empty()) inbox_->spare.push_back(std::move(handedOut_));
+  // At most two kept for the reader: frames the session drops (a segment it abandoned) would
+  // otherwise pile up here until the next frame comes.
+  if (!handedOut_.empty() && inbox_->spare.size() < 2) {
+    inbox_->spare.push_back(std::move(handedOut_));
+  }
   handedOut_ = std::move(pixels);
   if (event.kind == Event::Kind::frame) event.rgb = handedOut_.data();
   return event;
