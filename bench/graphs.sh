@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Prediction time of the reference family's graphs on one thread, frozen as the engine's cache
 # holds them, for the reference and the heavy family, plus the whole chain's real-time factor per
-# 1.6 s chunk. Usage: bench/graphs.sh [build-dir] (default build/release). Timings are medians;
-# run on an otherwise idle machine.
+# 1.6 s chunk, and each graph with batches of 1, 2, 4 and 8 chunks' inputs. Usage:
+# bench/graphs.sh [build-dir] (default build/release). Timings are medians; run on an otherwise
+# idle machine.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build/release}
@@ -18,7 +19,7 @@ bench="$build/bench/tools/lumora2-graph-bench"
 "$family" --out "$out/heavy" --heavy --no-pack >/dev/null
 
 echo "== reference family"
-"$bench" --family "$out/reference" --label reference --runs 50 --chunks 10
+"$bench" --family "$out/reference" --label reference --runs 50 --chunks 10 --batch
 echo
 echo "== heavy family"
-"$bench" --family "$out/heavy" --label heavy --runs 5 --chunks 2
+"$bench" --family "$out/heavy" --label heavy --runs 5 --chunks 2 --batch

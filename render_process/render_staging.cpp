@@ -35,16 +35,18 @@ RenderManifests readRenderManifests(const std::filesystem::path& engine,
   return manifests;
 }
 
+void checkMembers(const std::filesystem::path& root, const std::map<std::string, FileRef>& files,
+                  std::string& problems) {
+  for (const auto& [key, ref] : files) {  // std::map: ascending key order
+    const MemberCheck result = checkDeclaredMember(root, key, ref);
+    if (!result.problem.empty()) problems += (problems.empty() ? "" : "; ") + result.problem;
+  }
+}
+
 void verifyStaged(const std::filesystem::path& dir, const RenderManifests& manifests) {
   std::string problems;
-  auto check = [&](const std::filesystem::path& root, const std::map<std::string, FileRef>& files) {
-    for (const auto& [key, ref] : files) {  // std::map: ascending key order
-      const MemberCheck result = checkDeclaredMember(root, key, ref);
-      if (!result.problem.empty()) problems += (problems.empty() ? "" : "; ") + result.problem;
-    }
-  };
-  check(dir / "engine", manifests.engine.files);
-  check(dir / "avatar", manifests.avatar.files);
+  checkMembers(dir / "engine", manifests.engine.files, problems);
+  checkMembers(dir / "avatar", manifests.avatar.files, problems);
   if (!problems.empty()) throw Err("checksum problems: " + problems);
 }
 

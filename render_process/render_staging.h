@@ -2,8 +2,10 @@
 #pragma once
 
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "container/manifest.h"
@@ -28,6 +30,10 @@ RenderManifests readRenderManifests(const std::filesystem::path& engine,
 // `dir` (engine first) and throws Err "checksum problems: <problem>; <problem>…" in one line when
 // any is missing or does not match, in the forms validate and unpack print.
 void verifyStaged(const std::filesystem::path& dir, const RenderManifests& manifests);
+// The same for one container unpacked at `root`: each problem appended to `problems`, "; "
+// between them.
+void checkMembers(const std::filesystem::path& root, const std::map<std::string, FileRef>& files,
+                  std::string& problems);
 
 // The two containers unpacked for rendering, and the engine's warm speech.
 struct StagedRender {

@@ -34,6 +34,7 @@
 #include <nlohmann/json.hpp>
 
 #include "catalog.h"
+#include "client/render_channel.h"
 #include "client/speech_text.h"
 #include "client/stream_child.h"
 #include "client/voice.h"
@@ -70,8 +71,10 @@ class TraceFile {
 
 struct SessionOptions {
   render::StreamChild::Command command;  // avatar and engine filled in per session
-  std::size_t maxQueuedItems = 8;        // speech items waiting or playing
-  std::size_t maxFramesAhead = 200;      // rendered frames held before the child is made to wait
+  // Where sessions are rendered (shared processes, or a child each); none: a child each.
+  std::shared_ptr<render::RenderPool> renderers;
+  std::size_t maxQueuedItems = 8;    // speech items waiting or playing
+  std::size_t maxFramesAhead = 200;  // rendered frames held before the child is made to wait
   std::size_t maxStreamSamples =
       16000 * 300;                       // an utterance (a stream, a text) lasts at most 5 min
   std::chrono::seconds viewerGrace{30};  // how long a session waits for a viewer to come back

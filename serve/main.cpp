@@ -6,16 +6,20 @@
 
 #include <cerrno>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <fstream>
+#include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "admission.h"
 #include "catalog.h"
 #include "client/client_error.h"
+#include "client/shared_render.h"
 #include "client/stream_child.h"
 #include "container/platform.h"
 #include "engine/log.h"
@@ -36,7 +40,7 @@ constexpr const char* kUsage =
     "                     [--host PATH] [--idle-timeout SECONDS] [--voice NAME]\n"
     "                     [--viewer-grace SECONDS] [--allow-host NAME]... [--allow-origin "
     "ORIGIN]...\n"
-    "                     [--clip-memory MIB]\n"
+    "                     [--clip-memory MIB] [--render-processes auto|N|per-session]\n"
     "\n"
     "Serves live talking sessions of the avatars in DIR (*.avatar) to a browser: open\n"
     "http://ADDRESS:PORT/ for the page, or use the HTTP API (docs/SERVE.md). Each session runs a\n"
@@ -52,7 +56,9 @@ constexpr const char* kUsage =
     "who leaves may come back within --viewer-grace seconds (default 30). Requests must name\n"
     "this server in their Host header (an address, localhost, or a --allow-host name); pages of\n"
     "other origins may call it only with --allow-origin. Decoded idle clips are kept for the\n"
-    "next session up to --clip-memory MiB (default 1024).\n";
+    "next session up to --clip-memory MiB (default 1024). Sessions are rendered by a few shared\n"
+    "render processes, one per usable core (--render-processes auto) or N, each session on the\n"
+    "least loaded; --render-processes per-session gives each session a child of its own.\n";
 
 struct Arguments {
   fs::path engine, avatars, host, tokenFile;
@@ -66,6 +72,7 @@ struct Arguments {
   bool measured = true;          // false: --max-sessions N was given
   long idleTimeout = 600;
   long drainSeconds = 30;
+  long renderProcesses = 0;  // 0: one per usable core; -1: a child per session
 };
 
 long wholeNumber(const std::string& option, const std::string& text, long low, long high) {
@@ -109,6 +116,11 @@ Arguments parseArguments(const std::vector<std::string>& args) {
       a.viewerGrace = wholeNumber(option, value(), 0, 3600);
     } else if (option == "--clip-memory") {
       a.clipMemoryMiB = wholeNumber(option, value(), 0, 1 << 20);
+    } else if (option == "--render-processes") {
+      const std::string& text = value();
+      a.renderProcesses = text == "auto"          ? 0
+                          : text == "per-session" ? -1
+                                                  : wholeNumber(option, text, 1, 64);
     } else if (option == "--allow-host") {
       a.allowHosts.push_back(value());
     } else if (option == "--allow-origin") {
@@ -176,6 +188,26 @@ void removeStaleScratch(const fs::path& tmp) {
 std::string serverUrl(const std::string& address, unsigned port) {
   const bool v6 = address.find(':') != std::string::npos;
   return "http://" + (v6 ? "[" + address + "]" : address) + ":" + std::to_string(port) + "/";
+}
+
+// Where sessions are rendered: shared render processes (started now, so that sessions find them
+// warm), or a render-stream child per session.
+std::shared_ptr<lumora2::render::RenderPool> makeRenderers(
+    const Arguments& arguments, const lumora2::render::StreamChild::Command& child, double cores) {
+  namespace render = lumora2::render;
+  if (arguments.renderProcesses < 0) return std::make_shared<render::OwnChildren>();
+  const int processes = arguments.renderProcesses > 0 ? int(arguments.renderProcesses)
+                                                      : std::max(1, int(cores + 0.5));
+  render::SharedRenderProcess::Command command;
+  command.renderHost = child.host.parent_path() / "lumora2-model-render";
+  command.engine = child.engine;
+  command.niceness = child.niceness;
+  command.threads = std::max(1, int(std::thread::hardware_concurrency()) / processes);
+  command.i420 = true;  // the encoder's own form: the server converts nothing
+  auto pool = std::make_shared<render::SharedProcesses>(command, processes);
+  std::string why;
+  if (!pool->startAll(why)) throw ClientError(why);
+  return pool;
 }
 
 }  // namespace
@@ -249,6 +281,7 @@ int main(int argc, char** argv) {
     admit.cap = arguments.maxSessions;
     serve::Admission admission(admit);
     serve::ServerMetrics metrics;
+    sessionOptions.renderers = makeRenderers(arguments, sessionOptions.command, admit.cores);
     serve::SessionRegistry sessions(sessionOptions, admission, metrics,
                                     std::chrono::seconds(arguments.idleTimeout),
                                     std::size_t(arguments.clipMemoryMiB) << 20);

@@ -218,7 +218,8 @@ void SessionRegistry::observe(const std::vector<std::shared_ptr<LiveSession>>& l
                               const std::vector<std::shared_ptr<LiveSession>>& ended) {
   ServerMetrics::Gauges gauges;
   std::uint64_t framesSent = 0, framesRendered = 0;
-  bool childMeasured = false;  // some child was looked at twice while it rendered
+  bool childMeasured = false;           // some child was looked at twice while it rendered
+  std::map<pid_t, double> childCpuNow;  // each render process's processor seconds at this look
   // A session that appeared, began sending or ended since the last look: this span's server time
   // holds one-off costs (its viewer's connection, the encoder's start), not a frame's.
   bool settled = ended.empty();
@@ -238,21 +239,23 @@ void SessionRegistry::observe(const std::vector<std::shared_ptr<LiveSession>>& l
     metrics_.respawns(c.respawns - was.respawns);
     metrics_.childDeaths(c.childDeaths - was.childDeaths);
     framesSent += sent;
-    // A child's processor time counts from its second look on: its warm-up is not rendering.
+    // A render process's processor time counts from its second look on (its warm-up is not
+    // rendering), once per look however many sessions it renders.
     const std::optional<ProcessUsage> child = processUsage(c.childPid);
-    if (child && c.childPid == was.childPid && seen.childCpu >= 0) {
-      childCpuSpan_ += std::max(0.0, child->cpuSeconds - seen.childCpu);
-      framesRendered += c.framesRendered - was.framesRendered;
+    const bool firstOfProcess = child && childCpuNow.emplace(c.childPid, child->cpuSeconds).second;
+    const auto before = childCpu_.find(c.childPid);
+    if (child && before != childCpu_.end()) {
+      if (firstOfProcess) childCpuSpan_ += std::max(0.0, child->cpuSeconds - before->second);
+      if (c.childPid == was.childPid) framesRendered += c.framesRendered - was.framesRendered;
       childMeasured = true;
     }
-    seen.childCpu = child ? child->cpuSeconds : -1;
     seen.counters = c;
     if (last) {
       metrics_.ended(c.cause.empty() ? "closed" : c.cause);
       seen_.erase(session.id());
       return;
     }
-    if (child) gauges.childrenBytes += child->residentBytes;
+    if (firstOfProcess) gauges.childrenBytes += child->residentBytes;
     if (c.renderFps > 0 && (slowest == 0 || c.renderFps < slowest)) slowest = c.renderFps;
     gauges.speechQueued += c.speechQueued;
     gauges.framesAhead += c.framesAhead;
@@ -260,6 +263,7 @@ void SessionRegistry::observe(const std::vector<std::shared_ptr<LiveSession>>& l
   };
   for (const auto& session : live) look(*session, false);
   for (const auto& session : ended) look(*session, true);
+  childCpu_ = std::move(childCpuNow);
 
   // Children render in bursts (a chunk of streamed speech at a time), so a span goes on over
   // looks with nothing rendered; ten such looks in a row end it: idle time is not a frame's.

@@ -89,9 +89,9 @@ class SessionRegistry {
   // processor time and frames gathered towards the next measurement.
   struct Seen {
     LiveSession::Counters counters;
-    double childCpu = -1;  // of counters.childPid; negative before the first look at it
   };
   std::map<std::string, Seen> seen_;
+  std::map<pid_t, double> childCpu_;  // each render process's processor seconds at the last look
   double serverCpu_ = -1;
   double childCpuSpan_ = 0, serverCpuSpan_ = 0;
   std::uint64_t childFramesSpan_ = 0, serverFramesSpan_ = 0;

@@ -1,9 +1,13 @@
-// The render thread of a LiveSession: one render-stream child, fed the segment the timeline asks
-// for, one at a time, its frames handed back to the timeline as they come. A child that asks to
-// be respawned (exit status 3) is replaced and its segment sent again, once; one that ends
-// otherwise ends the session. The child's death is noticed even while the timeline holds as many
-// frames as it may and nothing is read from the child.
+// The render thread of a LiveSession: one render channel (a render-stream child of its own, or a
+// session of a shared render process), fed the segment the timeline asks for, one at a time, its
+// frames handed back to the timeline as they come. A channel that ends asking to be replaced (a
+// child's exit status 3, a shared process that died) is replaced and its segment sent again,
+// once, while the idle clip plays; one that ends otherwise ends the session. The end is noticed
+// even while the timeline holds as many frames as it may and nothing is read.
+#include <algorithm>
+
 #include "client/picture.h"
+#include "client/render_channel.h"
 #include "live_session.h"
 
 namespace lumora2::serve {
@@ -20,7 +24,7 @@ class SessionRenderer {
       const bool holdBack = feed();
       if (holdBack) {
         // Nothing is read while the timeline holds enough; the child is only watched.
-        if (child_->exitsWithin(std::chrono::milliseconds(0)) && !childEnded()) return;
+        if (child_->endsWithin(std::chrono::milliseconds(0)) && !childEnded()) return;
         MutexLock hold(s_.lock_);
         s_.changed_.wait_for(s_.lock_, kReadSlice);
         continue;
@@ -52,7 +56,9 @@ class SessionRenderer {
     try {
       render::StreamChild::Command command = s_.options_.command;
       command.avatar = s_.avatar_.file;
-      child_ = render::StreamChild::start(command);
+      static render::OwnChildren ownChildren;
+      render::RenderPool& pool = s_.options_.renderers ? *s_.options_.renderers : ownChildren;
+      child_ = pool.open(command);
     } catch (const std::exception& e) {
       s_.end(std::string("the render process did not start: ") + e.what(), "render_failed");
       MutexLock hold(s_.lock_);
@@ -121,8 +127,8 @@ class SessionRenderer {
   }
 
   // What the child said; false when the session's rendering is over.
-  bool handle(const render::StreamChild::Event& event) {
-    using Kind = render::StreamChild::Event::Kind;
+  bool handle(const render::RenderChannel::Event& event) {
+    using Kind = render::RenderChannel::Event::Kind;
     switch (event.kind) {
       case Kind::late:
         if (!busy_) {
@@ -140,7 +146,7 @@ class SessionRenderer {
         }
         // A segment the engine failed ends with a marker and no frames; the child leaves right
         // after it when it wants to be respawned.
-        if (busy_ && current_.received == 0 && child_->exitsWithin(std::chrono::seconds(3))) {
+        if (busy_ && current_.received == 0 && child_->endsWithin(std::chrono::seconds(3))) {
           return true;  // the next read says `ended`
         }
         if (busy_) {
@@ -158,9 +164,21 @@ class SessionRenderer {
     return true;
   }
 
-  void frame(const render::StreamChild::Event& event) {
-    Picture picture(child_->geometry().width, child_->geometry().height);
-    converter_->convert(event.rgb, picture);
+  void frame(const render::RenderChannel::Event& event) {
+    Picture picture;
+    picture.width = child_->geometry().width;
+    picture.height = child_->geometry().height;
+    if (child_->i420()) {
+      // The channel's buffer becomes the picture: no copy, and no pool of buffers on its side.
+      picture.bytes = child_->takePixels();
+      if (picture.bytes.size() != Picture::pictureBytes(picture.width, picture.height)) {
+        picture.bytes.assign(event.rgb,
+                             event.rgb + Picture::pictureBytes(picture.width, picture.height));
+      }
+    } else {
+      picture = Picture(picture.width, picture.height);
+      converter_->convert(event.rgb, picture);
+    }
     ++current_.received;
     {
       MutexLock hold(s_.lock_);
@@ -175,20 +193,20 @@ class SessionRenderer {
     s_.changed_.notify_all();
   }
 
-  // The child is gone: a respawn it asked for, or the end of the session's rendering (false).
+  // The channel ended: a replacement (a respawn the child asked for, a shared process that died),
+  // or the end of the session's rendering (false).
   bool childEnded() {
-    const int status = child_->exitStatus();
+    const render::RenderChannel::Ending ending = child_->ending();
     child_.reset();
-    if (status != 3) {
-      s_.end("the render process ended with exit status " + std::to_string(status),
-             "render_failed");
+    if (!ending.replace) {
+      s_.end(ending.why, "render_failed");
       MutexLock hold(s_.lock_);
       s_.childState_ = "failed";
       ++s_.childDeaths_;
       s_.childPid_ = -1;
       return false;
     }
-    s_.events_.publish("child_respawned", {{"exit_status", status}});
+    s_.events_.publish("child_respawned", {{"reason", ending.why}});
     {
       MutexLock hold(s_.lock_);
       ++s_.respawns_;
@@ -209,7 +227,7 @@ class SessionRenderer {
   }
 
   LiveSession& s_;
-  std::unique_ptr<render::StreamChild> child_;
+  std::unique_ptr<render::RenderChannel> child_;
   std::optional<render::PictureConverter> converter_;
   Current current_;
   bool busy_ = false;            // the child has a segment (current_)

@@ -66,6 +66,7 @@ nlohmann::json LiveSession::status() const {
   j["utterances_spoken"] = timeline_.itemsSpoken();
   j["speaking"] = timeline_.speaking();
   j["respawns"] = respawns_;
+  j["frames_rendered"] = framesRendered_;
   j["render_fps"] = timeline_.renderRate();
   j["render_first_frame_ms"] = timeline_.renderLatency() * 1000.0;
   j["speech_to_first_rendered_ms"] =

@@ -304,6 +304,18 @@ TEST(Conversation, TwoHundredInterruptsLeakNothing) {
     server.postJson("/v1/sessions/" + id + "/say", {{"text", "Warming up."}});
     interrupt(server, id);
   }
+  // The server reads every avatar's idle clip at start, behind the rendering: the count begins
+  // once no clip file is open.
+  auto readingAClip = [&] {
+    for (const auto& fd : fs::directory_iterator("/proc/" + std::to_string(server.pid()) + "/fd")) {
+      std::error_code ec;
+      if (fs::read_symlink(fd.path(), ec).filename() == "idle.mp4") return true;
+    }
+    return false;
+  };
+  for (int i = 0; i < 600 && readingAClip(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
   std::this_thread::sleep_for(std::chrono::seconds(1));
   const Holdings before = holdings(server.pid());
   for (int i = 0; i < 200; ++i) {

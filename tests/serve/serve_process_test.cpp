@@ -182,7 +182,7 @@ TEST(Serve, WhenFullSaysSoAndWhenToComeBack) {
 // Two sessions on two avatars, each with a child of its own; killing one child ends its session
 // alone, with the reason where the page asks.
 TEST(Serve, AChildKilledEndsOnlyItsOwnSession) {
-  Server server({});
+  Server server({"--render-processes", "per-session"});
   const nlohmann::json a = server.readySession("ava");
   const nlohmann::json b = server.readySession("bram");
   ASSERT_NE(a["id"], b["id"]);
@@ -329,7 +329,8 @@ TEST(Serve, AChildAskingForARespawnGetsOne) {
                   "' --faulty-student --host '" LUMORA2_MODEL_BIN "' >/dev/null")
                 .status,
             0);
-  Server server({}, {}, {"LUMORA2_AUDIO_PREPROC=linear"}, faulty);
+  Server server({"--render-processes", "per-session"}, {}, {"LUMORA2_AUDIO_PREPROC=linear"},
+                faulty);
   const nlohmann::json session = server.readySession("ava");
   const std::string id = session.value("id", "");
   // Recordings the faulty student cannot take (NaN), each one utterance.
@@ -350,6 +351,33 @@ TEST(Serve, AChildAskingForARespawnGetsOne) {
   EXPECT_GE(status.value("respawns", 0), 1) << status.dump();
   EXPECT_EQ(status.value("state", ""), "live") << status.dump();
   EXPECT_NE(status.value("child_pid", -1), session.value("child_pid", -1));
+}
+
+// Three sessions speaking on one shared render process, which is killed: each moves to a new
+// process, its segment is sent again, and every frame of its speech comes.
+TEST(Serve, ASharedRenderProcessKilledMovesItsSessions) {
+  Server server({"--render-processes", "1"});
+  std::vector<nlohmann::json> sessions;
+  for (const char* avatar : {"ava", "bram", "ava"}) sessions.push_back(server.readySession(avatar));
+  const pid_t shared = sessions[0].value("child_pid", -1);
+  ASSERT_TRUE(alive(shared));
+  const std::string speech = speechWav(scratchDir("serve-shared-kill"), 6.0);
+  for (const auto& s : sessions) {
+    const std::string target = "/v1/sessions/" + s.value("id", "") + "/speech";
+    EXPECT_EQ(s.value("child_pid", -1), shared);
+    EXPECT_EQ(server.call(http::verb::post, target, speech).status, 202);
+  }
+  ::kill(shared, SIGKILL);
+  for (const auto& s : sessions) {
+    const nlohmann::json status = server.awaitStatus(s.value("id", ""), [](const auto& now) {
+      return now.value("respawns", 0) >= 1 && now.value("frames_rendered", 0) >= 80;
+    });
+    EXPECT_EQ(status.value("state", ""), "live") << status.dump();
+    EXPECT_EQ(status.value("child", ""), "ready") << status.dump();
+    EXPECT_GE(status.value("frames_rendered", 0), 80) << status.dump();
+    EXPECT_NE(status.value("child_pid", -1), shared);
+    EXPECT_TRUE(alive(status.value("child_pid", -1)));
+  }
 }
 
 // SIGTERM ends every child and the server, exit status 0, and nothing stays in TMPDIR.
