@@ -8,7 +8,6 @@
 
 #include <chrono>
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <thread>
@@ -185,21 +184,14 @@ TEST_F(FamilyEngine, AnEngineStartedFromAnothersPrimingRendersTheSameBytes) {
   settings.process.onset = {"prepend", "prepend", true};
   StderrCapture quiet;
   auto avatar = AvatarModel::load(generatedFamily().avatar("ava"), settings);
-  auto started = std::chrono::steady_clock::now();
   Engine primedHere =
       engineFor(*graphs_, generatedFamily().avatar("ava"), settings, synthesizeSpeech(2.0));
-  const auto primingMs =
-      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count();
   ASSERT_TRUE(primedHere && avatar);
-  started = std::chrono::steady_clock::now();
   Engine fromIt = Lumora2Engine::create(*graphs_, avatar, settings);
   fromIt->warmUpFrom(primedHere->primed());
-  const auto copyMs =
-      std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count();
   Engine unprimed = engineFor(*graphs_, generatedFamily().avatar("ava"), settings);
   quiet.finish();
   ASSERT_TRUE(fromIt->isReady() && unprimed);
-  std::printf("started with priming %.0f ms, from that priming %.0f ms\n", primingMs, copyMs);
 
   auto render = [](Lumora2Engine& engine) {
     std::vector<std::vector<std::uint8_t>> frames;

@@ -13,7 +13,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -36,13 +35,19 @@ std::vector<std::uint8_t> word(std::uint32_t value) {
           static_cast<std::uint8_t>(value >> 16), static_cast<std::uint8_t>(value >> 24)};
 }
 
-// An audio message of `count` samples of a 220 Hz tone.
-std::vector<std::uint8_t> audio(std::uint32_t count) {
+template <typename... Parts>
+std::vector<std::uint8_t> cat(const Parts&... parts) {
+  std::vector<std::uint8_t> out;
+  (out.insert(out.end(), parts.begin(), parts.end()), ...);
+  return out;
+}
+
+// An audio message of `count` samples of a 220 Hz tone (NaN when `nan`).
+std::vector<std::uint8_t> audio(std::uint32_t count, bool nan = false) {
   std::vector<std::uint8_t> out = word(count);
   for (std::uint32_t i = 0; i < count; ++i) {
-    const float v = 0.3f * static_cast<float>(std::sin(2.0 * M_PI * 220.0 * i / 16000.0));
-    std::uint8_t bytes[4];
-    std::memcpy(bytes, &v, 4);
+    const float v = nan ? std::nanf("") : 0.3f * float(std::sin(2.0 * M_PI * 220.0 * i / 16000.0));
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(&v);
     out.insert(out.end(), bytes, bytes + 4);
   }
   return out;
@@ -82,6 +87,7 @@ class Child {
     in_ = in[1];
     out_ = out[0];
     err_ = err[0];
+    for (char c = 0; ::read(out_, &c, 1) == 1 && c != '\n';) header += c;
   }
   ~Child() {
     if (in_ >= 0) close(in_);
@@ -93,12 +99,6 @@ class Child {
     }
   }
 
-  std::string headerLine() {
-    std::string line;
-    char c = 0;
-    while (::read(out_, &c, 1) == 1 && c != '\n') line += c;
-    return line;
-  }
   // Sends the bytes, `chunk` at a time (every byte boundary with 1).
   void send(const std::vector<std::uint8_t>& bytes, std::size_t chunk = 1 << 20) {
     for (std::size_t at = 0; at < bytes.size(); at += chunk) {
@@ -155,7 +155,15 @@ class Child {
   }
   const std::string& errorText() const { return stderr_; }
   pid_t pid() const { return pid_; }
-  int outputFd() const { return out_; }
+  // Sends `seconds` of audio and a flush from a thread of its own, and returns once the first
+  // frame record has begun.
+  std::thread rendering(int seconds) {
+    std::thread sender = sendInBackground(cat(audio(seconds * 16000), word(kMarker)));
+    std::uint8_t first[4];
+    EXPECT_EQ(::read(out_, first, 4), 4) << "no frame record began";
+    return sender;
+  }
+  std::string header;  // the READY line
 
  private:
   bool readExactly(std::uint8_t* into, std::size_t size) {
@@ -188,14 +196,11 @@ class RenderStream : public ::testing::Test {
 
 TEST_F(RenderStream, ServesUtterancesAsFramesOfRealAudioThenAMarker) {
   Child child(tmp);
-  EXPECT_EQ(child.headerLine(),
+  EXPECT_EQ(child.header,
             "READY {\"fps\":20,\"width\":416,\"height\":720,\"sample_rate\":16000,"
             "\"decoder\":\"dec_p2_v3/all\"}");
   for (int utterance = 0; utterance < 2; ++utterance) {
-    std::vector<std::uint8_t> message = audio(30000);
-    const std::vector<std::uint8_t> flush = word(kMarker);
-    message.insert(message.end(), flush.begin(), flush.end());
-    child.send(message);
+    child.send(cat(audio(30000), word(kMarker)));
     const std::vector<Record> frames = child.segment();
     // Exactly the frames whose centre lies in the 30,000 samples: positions 0 to 36.
     ASSERT_EQ(frames.size(), 37u) << "utterance " << utterance;
@@ -221,12 +226,8 @@ TEST_F(RenderStream, ServesUtterancesAsFramesOfRealAudioThenAMarker) {
 // reset first: the answer is the same two frames and a marker.
 TEST_F(RenderStream, MessagesSplitAtEveryByteBoundaryReadTheSame) {
   Child child(tmp);
-  child.headerLine();
-  std::vector<std::uint8_t> message = word(0xFFFFFFFD);
-  for (std::uint8_t b : word(12345)) message.push_back(b);
-  for (std::uint8_t b : word(0xFFFFFFFE)) message.push_back(b);
-  for (std::uint8_t b : audio(2000)) message.push_back(b);
-  for (std::uint8_t b : word(kMarker)) message.push_back(b);
+  const std::vector<std::uint8_t> message =
+      cat(word(0xFFFFFFFD), word(12345), word(0xFFFFFFFE), audio(2000), word(kMarker));
   for (const std::size_t chunk : {message.size(), std::size_t{1}}) {
     child.send(message, chunk);
     const std::vector<Record> frames = child.segment();
@@ -252,17 +253,9 @@ TEST_F(RenderStream, TwoFailedSegmentsInARowAskForARespawn) {
                                    "--host", LUMORA2_MODEL_BIN});
   ASSERT_EQ(made.status, 0) << made.output;
   Child child(tmp, faulty, "linear");
-  child.headerLine();
-  std::vector<std::uint8_t> nan = word(25600);
-  const float value = std::nanf("");
-  for (int i = 0; i < 25600; ++i) {
-    const auto* b = reinterpret_cast<const std::uint8_t*>(&value);
-    nan.insert(nan.end(), b, b + 4);
-  }
+  const std::vector<std::uint8_t> nan = audio(25600, true);
   auto segment = [&](const std::vector<std::uint8_t>& message) {
-    std::vector<std::uint8_t> all = message;
-    for (std::uint8_t b : word(kMarker)) all.push_back(b);
-    child.send(all);
+    child.send(cat(message, word(kMarker)));
     return child.segment();
   };
   EXPECT_TRUE(segment(nan).empty());             // failed: 1
@@ -287,12 +280,8 @@ TEST_F(RenderStream, TwoFailedSegmentsInARowAskForARespawn) {
 // next utterance starts again at position 0, and one marker follows it.
 TEST_F(RenderStream, AResetWritesTheReadyFramesWithoutAMarker) {
   Child child(tmp);
-  child.headerLine();
-  std::vector<std::uint8_t> bytes = audio(30000);
-  for (std::uint8_t b : word(0xFFFFFFFE)) bytes.push_back(b);
-  for (std::uint8_t b : audio(30000)) bytes.push_back(b);
-  for (std::uint8_t b : word(kMarker)) bytes.push_back(b);
-  std::thread sender = child.sendInBackground(std::move(bytes));
+  std::thread sender =
+      child.sendInBackground(cat(audio(30000), word(0xFFFFFFFE), audio(30000), word(kMarker)));
   const std::vector<Record> frames = child.segment();
   sender.join();
   ASSERT_GE(frames.size(), 37u);
@@ -310,12 +299,9 @@ TEST_F(RenderStream, AResetWritesTheReadyFramesWithoutAMarker) {
 // drops nothing; when the parent reads again, every frame arrives in order.
 TEST_F(RenderStream, AParentThatStopsReadingHoldsTheChildBackAndLosesNothing) {
   Child child(tmp);
-  child.headerLine();
   std::vector<std::uint8_t> bytes;  // 20 s in messages of half a second
-  for (int i = 0; i < 40; ++i) {
-    for (std::uint8_t b : audio(8000)) bytes.push_back(b);
-  }
-  for (std::uint8_t b : word(kMarker)) bytes.push_back(b);
+  for (int i = 0; i < 40; ++i) bytes = cat(bytes, audio(8000));
+  bytes = cat(bytes, word(kMarker));
   std::atomic<bool> sent{false};
   std::thread sender([&] {
     child.sendInBackground(std::move(bytes)).join();
@@ -335,12 +321,7 @@ TEST_F(RenderStream, AParentThatStopsReadingHoldsTheChildBackAndLosesNothing) {
 // status 0, and removes its working directory (the fixture checks).
 TEST_F(RenderStream, AParentThatGoesAwayEndsTheChildQuietly) {
   Child child(tmp);
-  child.headerLine();
-  std::vector<std::uint8_t> bytes = audio(4 * 16000);
-  for (std::uint8_t b : word(kMarker)) bytes.push_back(b);
-  std::thread sender = child.sendInBackground(std::move(bytes));
-  std::uint8_t first[4];
-  ASSERT_EQ(::read(child.outputFd(), first, 4), 4) << "no frame record began";
+  std::thread sender = child.rendering(4);
   child.closeOutput();
   sender.join();  // ends once the child has gone
   child.closeInput();
@@ -357,15 +338,7 @@ class RenderStreamSignal : public RenderStream,
 TEST_P(RenderStreamSignal, EndsWith128PlusTheSignalAndRemovesItsDirectory) {
   const auto [signal, rendering] = GetParam();
   Child child(tmp);
-  std::thread sender;
-  child.headerLine();
-  if (rendering) {
-    std::vector<std::uint8_t> bytes = audio(10 * 16000);
-    for (std::uint8_t b : word(kMarker)) bytes.push_back(b);
-    sender = child.sendInBackground(std::move(bytes));
-    std::uint8_t first[4];
-    ASSERT_EQ(::read(child.outputFd(), first, 4), 4) << "no frame record began";
-  }
+  std::thread sender = rendering ? child.rendering(10) : std::thread();
   kill(child.pid(), signal);
   EXPECT_EQ(child.finish(), 128 + signal) << child.errorText();
   if (sender.joinable()) sender.join();

@@ -42,6 +42,14 @@ std::optional<std::size_t> readStamp(const Picture& picture) {
 // The sound of frame p of an item: every sample says p.
 float soundOf(std::size_t p) { return float(p + 1) / 65536.0f; }
 
+std::vector<float> soundOfFrames(std::size_t frames) {
+  std::vector<float> sound(frames * kFrameSamples);
+  for (std::size_t f = 0; f < frames; ++f) {
+    std::fill_n(sound.begin() + std::ptrdiff_t(f * kFrameSamples), kFrameSamples, soundOf(f));
+  }
+  return sound;
+}
+
 struct Pace {
   double fps;         // the simulated render process's speed
   double firstChunk;  // seconds before its first frame
@@ -67,13 +75,8 @@ TEST_P(LiveTimelineOnAFastClock, SoundAndPicturesStayTogetherWithoutAStall) {
   std::size_t planned = 0;
   for (std::size_t i = 0; planned < totalFrames * 3 / 4; ++i) {
     const std::size_t frames = 40 + (i * 37) % 100;
-    Planned item{frames, {}};
-    if (i % 3 == 0) {
-      item.segments = {{0, frames / 2 - 5}, {frames / 2 + 10, frames}};
-    } else {
-      item.segments = {{2, frames}};
-    }
-    plan.push_back(item);
+    plan.push_back({frames, {{2, frames}}});
+    if (i % 3 == 0) plan.back().segments = {{0, frames / 2 - 5}, {frames / 2 + 10, frames}};
     planned += frames + 20 + (i * 13) % 80;
   }
 
@@ -121,11 +124,7 @@ TEST_P(LiveTimelineOnAFastClock, SoundAndPicturesStayTogetherWithoutAStall) {
     if (nextPlanned < plan.size() && timeline.queuedItems() == 0 &&
         silence >= 20 + (nextPlanned * 13) % 80) {
       const Planned& p = plan[nextPlanned++];
-      std::vector<float> samples(p.frames * kFrameSamples);
-      for (std::size_t f = 0; f < p.frames; ++f) {
-        std::fill_n(samples.begin() + std::ptrdiff_t(f * kFrameSamples), kFrameSamples, soundOf(f));
-      }
-      timeline.addRecording(std::move(samples), p.segments);
+      timeline.addRecording(soundOfFrames(p.frames), p.segments);
     }
     render(now);
     while (!timeline.next(frame, now)) {
@@ -167,9 +166,7 @@ TEST_P(LiveTimelineOnAFastClock, SoundAndPicturesStayTogetherWithoutAStall) {
   EXPECT_EQ(stalls, 0u) << "the output stalled";
   EXPECT_GE(itemIndex, plan.size() / 2) << "speech was held back";
   // Most speech frames show the rendered picture itself (the rest are the seams' blends).
-  EXPECT_GT(double(stamped), 0.8 * double(segmentFrames));
-  std::printf("%s: %zu frames, %zu items heard, %zu of %zu utterance frames unblended\n", pace.name,
-              totalFrames, itemIndex, stamped, segmentFrames);
+  EXPECT_GT(double(stamped), 0.8 * double(segmentFrames)) << stamped << " of " << segmentFrames;
 }
 
 INSTANTIATE_TEST_SUITE_P(Renderers, LiveTimelineOnAFastClock,
@@ -207,10 +204,7 @@ TEST_P(StreamedSpeech, StartsAsSoonAsItCanWithoutAStall) {
   Clock::time_point now{};
   const Clock::time_point begun = now;
   const std::uint64_t id = timeline.beginStream(now);
-  std::vector<float> sound(kFrames * kFrameSamples);
-  for (std::size_t f = 0; f < kFrames; ++f) {
-    std::fill_n(sound.begin() + std::ptrdiff_t(f * kFrameSamples), kFrameSamples, soundOf(f));
-  }
+  const std::vector<float> sound = soundOfFrames(kFrames);
   std::size_t arrived = 0, sent = 0, made = 0;
   bool flushed = false;
   std::vector<Clock::time_point> renderable;  // when each frame could be rendered

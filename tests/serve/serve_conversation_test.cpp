@@ -34,13 +34,7 @@ class EventReader {
     if (!lastEventId.empty()) request += "Last-Event-ID: " + lastEventId + "\r\n";
     net::write(stream_, net::buffer(request + "\r\n"));
     // Subscribed once the answer's head is there: nothing published after that is missed.
-    while (head_.empty()) {
-      char chunk[4096];
-      beast::error_code ec;
-      const std::size_t n = stream_.read_some(net::buffer(chunk), ec);
-      if (ec) break;
-      text_.append(chunk, n);
-      for (std::size_t at; (at = text_.find("\r\n")) != std::string::npos;) text_.erase(at, 1);
+    while (head_.empty() && fill()) {
       if (const std::size_t end = text_.find("\n\n"); end != std::string::npos) {
         head_ = text_.substr(0, end);
         text_.erase(0, end + 2);
@@ -52,23 +46,15 @@ class EventReader {
     stream_.expires_after(limit);
     for (;;) {
       const std::size_t end = text_.find("\n\n");
-      if (end != std::string::npos) {
-        const std::string block = text_.substr(0, end);
-        text_.erase(0, end + 2);
-        const std::size_t data = block.find("data: ");
-        if (data != std::string::npos && block.rfind("HTTP/", 0) != 0) {
-          return nlohmann::json::parse(block.substr(data + 6, block.find('\n', data) - data - 6));
-        }
-        if (block.rfind("HTTP/", 0) == 0) head_ = block;
+      if (end == std::string::npos) {
+        if (!fill()) return nullptr;
         continue;
       }
-      char chunk[4096];
-      beast::error_code ec;
-      const std::size_t n = stream_.read_some(net::buffer(chunk), ec);
-      if (ec) return nullptr;
-      text_.append(chunk, n);
-      // The header's blank line is "\r\n\r\n": normalised so that it ends a block too.
-      for (std::size_t at; (at = text_.find("\r\n")) != std::string::npos;) text_.erase(at, 1);
+      const std::string block = text_.substr(0, end);
+      text_.erase(0, end + 2);
+      if (const std::size_t data = block.find("data: "); data != std::string::npos) {
+        return nlohmann::json::parse(block.substr(data + 6, block.find('\n', data) - data - 6));
+      }
     }
   }
   // The next event named `name` (those before it are kept in `seen`).
@@ -83,6 +69,17 @@ class EventReader {
   std::vector<nlohmann::json> seen;
 
  private:
+  // What came next, "\r\n" read as "\n" so that the header's blank line ends a block too.
+  bool fill() {
+    char chunk[4096];
+    beast::error_code ec;
+    const std::size_t n = stream_.read_some(net::buffer(chunk), ec);
+    if (ec) return false;
+    text_.append(chunk, n);
+    for (std::size_t at; (at = text_.find("\r\n")) != std::string::npos;) text_.erase(at, 1);
+    return true;
+  }
+
   net::io_context io_;
   beast::tcp_stream stream_;
   std::string text_, head_;
@@ -268,20 +265,12 @@ struct Holdings {
 Holdings holdings(pid_t pid) {
   Holdings h;
   const std::string proc = "/proc/" + std::to_string(pid);
-  for (const auto& e : fs::directory_iterator(proc + "/task")) h.threads += e.exists() ? 1 : 0;
-  for (const auto& e : fs::directory_iterator(proc + "/fd")) h.descriptors += e.exists() ? 1 : 0;
-  for (const auto& e : fs::directory_iterator("/proc")) {
-    std::ifstream stat(e.path() / "stat");
-    std::string line;
-    if (!std::getline(stat, line)) continue;
-    const std::size_t close = line.rfind(')');
-    if (close == std::string::npos) continue;
-    std::istringstream fields(line.substr(close + 2));
-    std::string state;
-    long parent = 0;
-    fields >> state >> parent;
-    if (parent == pid) ++h.children;
+  for (const auto& task : fs::directory_iterator(proc + "/task")) {
+    ++h.threads;
+    std::ifstream children(task.path() / "children");
+    for (long child; children >> child;) ++h.children;
   }
+  for (const auto& e : fs::directory_iterator(proc + "/fd")) h.descriptors += e.exists() ? 1 : 0;
   std::ifstream status(proc + "/status");
   for (std::string key; status >> key;) {
     if (key == "VmRSS:") status >> h.residentKiB;
