@@ -8,6 +8,11 @@
 //   soak      one session for M minutes (default 10), speaking every 10 s: resident memory of the
 //             server and the child (target < 5 % growth after the first minute), stalls,
 //             descriptors
+//   start     POST /v1/sessions -> the first frame decoded at the viewer (requestVideoFrameCallback),
+//             through the page's own client module (create, offer, WHEP, connect), for an avatar
+//             with no session for 3 s ("cold") and one right after its last session ended
+//             ("warm"), N of each (default 5), alternating, with each step's share (target:
+//             every median <= 500 ms)
 //   sync      sound against pictures where the viewer is (tests/serve/browser/av_sync.mjs: how
 //             much later a moment's picture is shown than its sound is heard), for a recording of
 //             tone bursts and for a paragraph said, N sessions (default 2) with the viewer's
@@ -15,7 +20,7 @@
 //             within one frame, 50 ms, of their median; the median within +45/-125 ms). The
 //             server is on processor 0, the browser on processor 1. LUMORA2_BENCH_SERVE names
 //             another lumora2-serve to measure (an older one, say) with this build's children.
-// node bench/serve_live.mjs BUILD_DIR [latency|capacity|soak|sync] [N or minutes]
+// node bench/serve_live.mjs BUILD_DIR [latency|capacity|start|soak|sync] [N or minutes]
 import { spawn, spawnSync } from 'node:child_process';
 import { mkdtempSync, readFileSync, readdirSync, rmSync } from 'node:fs';
 import { createRequire } from 'node:module';
@@ -181,6 +186,44 @@ try {
       for (const v of viewers) { await fetch(base + v.url, { method: 'DELETE' }); await v.page.close(); }
       await sleep(2000);
     }
+  } else if (mode === 'start') {
+    const rounds = Number(countArg || 5);
+    const page = await browser.newPage();
+    await page.goto(base + '/');
+    // In the page: a session of ava from scratch, timed step by step on the page's clock; ended
+    // (DELETE) once its first frame is shown.
+    const once = () => page.evaluate(async () => {
+      const { Session } = await import('/client.js');
+      const video = document.createElement('video');
+      video.muted = true;
+      document.body.append(video);
+      const t0 = performance.now();
+      const shown = new Promise((resolve) => video.requestVideoFrameCallback((now, meta) => resolve(meta.presentationTime)));
+      const session = await Session.create({ avatar: 'ava' });
+      const created = performance.now();
+      await session.play(video);
+      const connected = performance.now();
+      const first = await shown;
+      const status = await session.status();
+      await session.close();
+      video.remove();
+      return { post: created - t0, connect: connected - created, frame: first - t0,
+        after_connect: first - connected, server_after_connect: status.first_frame_after_connect_ms };
+    });
+    const cold = [], warm = [];
+    await once();  // the browser's own first peer connection is not a session's
+    for (let k = 0; k < rounds; ++k) {
+      await sleep(3000);
+      cold.push(await once());
+      warm.push(await once());
+    }
+    const median = (xs) => [...xs].sort((a, b) => a - b)[Math.floor(xs.length / 2)];
+    const figures = (runs) => Object.fromEntries(Object.keys(runs[0]).map((k) => [k + '_ms', Math.round(median(runs.map((r) => r[k])))]));
+    result.start = {
+      cold: { ...figures(cold), frame_all_ms: cold.map((r) => Math.round(r.frame)) },
+      warm: { ...figures(warm), frame_all_ms: warm.map((r) => Math.round(r.frame)) },
+      target_ms: 500, load: readFileSync('/proc/loadavg', 'utf8').split(' ').slice(0, 3).join(' '),
+    };
   } else if (mode === 'soak') {
     const minutes = Number(countArg || 10);
     const v = await viewer('ava');
