@@ -32,6 +32,7 @@ class SessionRenderer {
 
  private:
   static constexpr auto kReadSlice = std::chrono::milliseconds(5);
+  static constexpr std::size_t kFeedAhead = 2 * wire::kChunkSamples;
 
   // The segment the child is rendering.
   struct Current {
@@ -100,17 +101,24 @@ class SessionRenderer {
       busy_ = true;
     }
     if (!work || current_.flushed) return holdBack;
-    if (!work->samples.empty()) {
-      child_->sendAudio(work->samples.data(), work->samples.size());
+    // The child gets at most kFeedAhead samples beyond the frames it has delivered (topped up a
+    // chunk at a time): enough that it never waits for sound, and little enough that the reset of
+    // an interrupt finds less than a second of rendering ahead of it, however long the segment.
+    const std::size_t allowed = current_.received * kFrameSamples + kFeedAhead;
+    const std::size_t room = allowed > current_.sent ? allowed - current_.sent : 0;
+    const std::size_t count = std::min(room, work->samples.size());
+    if (count < work->samples.size() && count < wire::kChunkSamples) return holdBack;
+    if (count > 0) {
+      child_->sendAudio(work->samples.data(), count);
       if (current_.sent == 0) {
         MutexLock hold(s_.lock_);
         if (s_.sayTimes_ && s_.sayTimes_->item == current_.item && !s_.sayTimes_->toChild) {
           s_.sayTimes_->toChild = Clock::now();
         }
       }
-      current_.sent += work->samples.size();
+      current_.sent += count;
     }
-    if (work->complete) {
+    if (work->complete && count == work->samples.size()) {
       child_->sendFlush();
       current_.flushed = true;
       MutexLock hold(s_.lock_);
