@@ -32,7 +32,6 @@ class SessionRenderer {
 
  private:
   static constexpr auto kReadSlice = std::chrono::milliseconds(5);
-  static constexpr std::size_t kFeedAhead = 2 * wire::kChunkSamples;
 
   // The segment the child is rendering.
   struct Current {
@@ -101,13 +100,12 @@ class SessionRenderer {
       busy_ = true;
     }
     if (!work || current_.flushed) return holdBack;
-    // The child gets at most kFeedAhead samples beyond the frames it has delivered (topped up a
-    // chunk at a time): enough that it never waits for sound, and little enough that the reset of
-    // an interrupt finds less than a second of rendering ahead of it, however long the segment.
-    const std::size_t allowed = current_.received * kFrameSamples + kFeedAhead;
+    // The child gets the sound its next frame needs and one chunk more, topped up as its frames
+    // come: it never waits for sound, and the reset of an interrupt finds at most two chunks to
+    // render ahead of it, however long the segment.
+    const std::size_t allowed = wire::samplesBeforeFrame(current_.received) + wire::kChunkSamples;
     const std::size_t room = allowed > current_.sent ? allowed - current_.sent : 0;
     const std::size_t count = std::min(room, work->samples.size());
-    if (count < work->samples.size() && count < wire::kChunkSamples) return holdBack;
     if (count > 0) {
       child_->sendAudio(work->samples.data(), count);
       if (current_.sent == 0) {
