@@ -17,11 +17,11 @@
 //             the browser's output, the lower face as shown): a second into a text, an interrupt
 //             -> its sound silent (target <= 150 ms) and the mouth at rest (<= 400 ms), N times
 //             (default 5); a short text said with "interrupt" a second into a long text, and into
-//             a recording -> its first sound, against the same text on a quiet session (no
-//             slower); 20 tone recordings: their utterance_started/finished positions against the
-//             sound received (within one frame, 50 ms); words streamed every 50 ms over the
-//             WebSocket -> the first sound after the first sentence is complete (<= 400 ms + the
-//             engine's first chunk)
+//             a recording -> its first sample at the viewer, against the same text on a quiet
+//             session (no slower); 20 tone recordings: their utterance_started/finished positions
+//             against the sound received (within one frame, 50 ms), which also places the texts'
+//             first samples; words streamed every 50 ms over the WebSocket -> the first sample
+//             after the first sentence is complete (<= 400 ms + the engine's first chunk)
 //   sync      sound against pictures where the viewer is (tests/serve/browser/av_sync.mjs: how
 //             much later a moment's picture is shown than its sound is heard), for a recording of
 //             tone bursts and for a paragraph said, N sessions (default 2) with the viewer's
