@@ -8,6 +8,20 @@
 //   soak      one session for M minutes (default 10), speaking every 10 s: resident memory of the
 //             server and the child (target < 5 % growth after the first minute), stalls,
 //             descriptors
+//   start     POST /v1/sessions -> the first frame decoded at the viewer (requestVideoFrameCallback),
+//             through the page's own client module (create, offer, WHEP, connect), for an avatar
+//             with no session for 3 s ("cold") and one right after its last session ended
+//             ("warm"), N of each (default 5), alternating, with each step's share (the WHEP call
+//             within connecting) (target: every median <= 500 ms)
+//   talk      a conversation, where the viewer is (on the page's clock, the sound as handed to
+//             the browser's output, the lower face as shown): a second into a text, an interrupt
+//             -> its sound silent (target <= 150 ms) and the mouth at rest (<= 400 ms), N times
+//             (default 5); a short text said with "interrupt" a second into a long text, and into
+//             a recording -> its first sample at the viewer, against the same text on a quiet
+//             session (no slower); 20 tone recordings: their utterance_started/finished positions
+//             against the sound received (within one frame, 50 ms), which also places the texts'
+//             first samples; words streamed every 50 ms over the WebSocket -> the first sample
+//             after the first sentence is complete (<= 400 ms + the engine's first chunk)
 //   sync      sound against pictures where the viewer is (tests/serve/browser/av_sync.mjs: how
 //             much later a moment's picture is shown than its sound is heard), for a recording of
 //             tone bursts and for a paragraph said, N sessions (default 2) with the viewer's
@@ -15,13 +29,13 @@
 //             within one frame, 50 ms, of their median; the median within +45/-125 ms). The
 //             server is on processor 0, the browser on processor 1. LUMORA2_BENCH_SERVE names
 //             another lumora2-serve to measure (an older one, say) with this build's children.
-// node bench/serve_live.mjs BUILD_DIR [latency|capacity|soak|sync] [N or minutes]
+// node bench/serve_live.mjs BUILD_DIR [latency|capacity|start|talk|soak|sync] [N or minutes]
 import { spawn, spawnSync } from 'node:child_process';
 import { mkdtempSync, readFileSync, readdirSync, rmSync } from 'node:fs';
 import { createRequire } from 'node:module';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
-import { collect, installProbes, offsets, onsetWindows, parseTrace, settle } from '../tests/serve/browser/av_sync.mjs';
+import { collect, installProbes, offsets, onsetWindows, parseTrace, settle, soundSpans } from '../tests/serve/browser/av_sync.mjs';
 
 const { chromium } = createRequire(import.meta.url)('playwright-core');
 const [build = 'build/release', mode = 'latency', countArg] = process.argv.slice(2);
@@ -181,6 +195,183 @@ try {
       for (const v of viewers) { await fetch(base + v.url, { method: 'DELETE' }); await v.page.close(); }
       await sleep(2000);
     }
+  } else if (mode === 'start') {
+    const rounds = Number(countArg || 5);
+    const page = await browser.newPage();
+    await page.goto(base + '/');
+    // In the page: a session of ava from scratch, timed step by step on the page's clock; ended
+    // (DELETE) once its first frame is shown.
+    const once = () => page.evaluate(async () => {
+      const { Session } = await import('/client.js');
+      const video = document.createElement('video');
+      video.muted = true;
+      document.body.append(video);
+      const t0 = performance.now();
+      const shown = new Promise((resolve) => video.requestVideoFrameCallback((now, meta) => resolve(meta.presentationTime)));
+      const session = await Session.create({ avatar: 'ava' });
+      const created = performance.now();
+      await session.play(video);
+      const connected = performance.now();
+      const first = await shown;
+      const status = await session.status();
+      await session.close();
+      video.remove();
+      // The WHEP call's own share of connecting (the server's pipeline and its candidates).
+      const whep = performance.getEntriesByType('resource').filter((e) => e.name.endsWith('/whep')).at(-1);
+      return { post: created - t0, connect: connected - created, whep: whep ? whep.duration : NaN, frame: first - t0,
+        after_connect: first - connected, server_after_connect: status.first_frame_after_connect_ms };
+    });
+    const cold = [], warm = [];
+    await once();  // the browser's own first peer connection is not a session's
+    for (let k = 0; k < rounds; ++k) {
+      await sleep(3000);
+      cold.push(await once());
+      warm.push(await once());
+    }
+    const median = (xs) => [...xs].sort((a, b) => a - b)[Math.floor(xs.length / 2)];
+    const figures = (runs) => Object.fromEntries(Object.keys(runs[0]).map((k) => [k + '_ms', Math.round(median(runs.map((r) => r[k])))]));
+    result.start = {
+      cold: { ...figures(cold), frame_all_ms: cold.map((r) => Math.round(r.frame)) },
+      warm: { ...figures(warm), frame_all_ms: warm.map((r) => Math.round(r.frame)) },
+      target_ms: 500, load: readFileSync('/proc/loadavg', 'utf8').split(' ').slice(0, 3).join(' '),
+    };
+  } else if (mode === 'talk') {
+    const rounds = Number(countArg || 5);
+    const v = await viewer('ava');
+    await v.page.evaluate(installProbes, 'lumora2');
+    await sleep(3000);
+    const page = v.page;
+    const now = () => page.evaluate(() => performance.now());
+    const post = (name, { json, wav: bytes } = {}) => page.evaluate(async ([what, body, b64]) => {
+      const init = { method: 'POST', headers: { 'Content-Type': b64 ? 'audio/wav' : 'application/json' } };
+      if (body) init.body = JSON.stringify(body);
+      if (b64) init.body = Uint8Array.from(atob(b64), (c) => c.charCodeAt(0));
+      const at = performance.now();
+      const r = await fetch(window.lumora2.session.urls[what], init);
+      return { at, status: r.status, body: await r.json() };
+    }, [name, json, bytes && bytes.toString('base64')]);
+    const event = async (name, utterance, ms = 20000) => {
+      for (const end = Date.now() + ms; Date.now() < end; await sleep(20)) {
+        const e = await page.evaluate(([n, u]) => window.lumora2.events.find((x) => x.event === n && x.utterance === u), [name, utterance]);
+        if (e) return e;
+      }
+      throw new Error(`no ${name} for utterance ${utterance}`);
+    };
+    const tone = (seconds) => {
+      const pcm = new Int16Array(Math.round(seconds * 16000));
+      for (let i = 0; i < pcm.length; ++i) pcm[i] = Math.round(9000 * Math.sin(2 * Math.PI * 220 * i / 16000));
+      const h = wav(0.01).subarray(0, 44);
+      h.writeUInt32LE(36 + pcm.byteLength, 4); h.writeUInt32LE(pcm.byteLength, 40);
+      return Buffer.concat([h, Buffer.from(pcm.buffer)]);
+    };
+    const SHORT = 'The weather is mild today. We will walk along the river after lunch.';
+    const LONG = Array(14).fill('The path is long but flat, and the view is good. We should be back before dark.').join(' ');
+    const LEVEL = 0.02;
+    // The idle clip's lower face, to tell the mouth at rest.
+    const idleFrom = await now();
+    await sleep(2000);
+    const idle = (await collect(page, idleFrom)).frames.map((f) => f.luma);
+    const [restLow, restHigh] = [Math.min(...idle) - 0.5, Math.max(...idle) + 0.5];
+    // 20 tone recordings, 0.5 to 1.45 s: their positions against the sound received. One constant
+    // (the median) takes the stream's time to the page's clock, less what the browser made up or
+    // dropped of the sound by then (that moves the sound); it also places the texts' starts below.
+    const tones = [];
+    for (let k = 0; k < 20; ++k) {
+      const seconds = 0.5 + 0.05 * ((k * 7) % 20);
+      const t = await post('speech', { wav: tone(seconds) });
+      const s = await event('utterance_started', t.body.utterance), f = await event('utterance_finished', t.body.utterance);
+      tones.push({ at: t.at, seconds, points: [s.media_time * 1000, f.media_time * 1000] });
+      await sleep(700);
+    }
+    const cuts = [], quiet = [], afterSay = [], afterRecording = [];
+    for (let k = 0; k < rounds; ++k) {
+      // Quiet: a short text on a session at rest.
+      await sleep(2500);
+      const q = await post('say', { json: { text: SHORT } });
+      quiet.push({ at: q.at, started: (await event('utterance_started', q.body.utterance)).media_time * 1000,
+        frame: (await v.status()).say_to_first_frame_ms });
+      await event('utterance_finished', q.body.utterance);
+      // A long text interrupted a second into its sound.
+      await sleep(2500);
+      const long = await post('say', { json: { text: LONG } });
+      await event('utterance_started', long.body.utterance);
+      await sleep(1000);
+      const t0 = await now();
+      const cut = await post('interrupt');
+      await sleep(1500);
+      const seen = await collect(page, t0 - 2000);
+      const heard = soundSpans(seen.blocks, LEVEL).filter((x) => x[0] < t0 + 1000);
+      const after = seen.frames.filter((f) => f.t >= t0);
+      let rest = after.length;
+      while (rest > 0 && after[rest - 1].luma >= restLow && after[rest - 1].luma <= restHigh) --rest;
+      cuts.push({ silent: heard.at(-1)[1] - t0, rest: rest < after.length ? after[rest].t - t0 : NaN,
+        heard_s: cut.body.samples_played / 16000, output_ms: seen.outputLatency });
+      // A short text with "interrupt", a second into a long text and into a recording.
+      for (const [into, list] of [['say', afterSay], ['speech', afterRecording]]) {
+        await sleep(2500);
+        const first = into === 'say' ? await post('say', { json: { text: LONG } }) : await post('speech', { wav: tone(8) });
+        await event('utterance_started', first.body.utterance);
+        await sleep(1000);
+        const a = await post('say', { json: { text: SHORT, interrupt: true } });
+        list.push({ at: a.at, started: (await event('utterance_started', a.body.utterance)).media_time * 1000,
+          frame: (await v.status()).say_to_first_frame_ms });
+        await event('utterance_finished', a.body.utterance);
+      }
+    }
+    // Streamed text: a word every 50 ms over the WebSocket; the first sentence is complete when
+    // the word after its full stop is sent.
+    const streamed = [];
+    for (let k = 0; k < 3; ++k) {
+      await sleep(2500);
+      const known = await page.evaluate(() => window.lumora2.events.length);
+      const complete = await page.evaluate(async (words) => {
+        const ws = new WebSocket(`ws://${location.host}${window.lumora2.session.urls.audio}`);
+        await new Promise((r) => { ws.onopen = r; });
+        let complete = null;
+        for (const [i, word] of words.entries()) {
+          ws.send(JSON.stringify({ text: word + ' ' }));
+          if (complete === null && i > 0 && /[.!?]$/.test(words[i - 1])) complete = performance.now();
+          await new Promise((r) => setTimeout(r, 50));
+        }
+        ws.send(JSON.stringify({ end: true }));
+        await new Promise((r) => { ws.onmessage = (m) => { if (!JSON.parse(m.data).event) r(); }; });
+        ws.close();
+        return complete;
+      }, (SHORT + ' The path is long but flat.').split(' '));
+      const n = await page.evaluate((k) => window.lumora2.events.slice(k).find((e) => e.event === 'utterance_queued').utterance, known);
+      streamed.push({ at: complete, started: (await event('utterance_started', n)).media_time * 1000 });
+      await event('utterance_finished', n);
+    }
+    const seen = await collect(page, 0);
+    const delayed = (t) => (seen.stats.reduce((b, y) => (y.t <= t ? y : b), seen.stats[0]).delayed - seen.stats[0].delayed) / 48;
+    const spans = soundSpans(seen.blocks, 0.05, 30);
+    const pairs = tones.flatMap((t) => {
+      const span = spans.find((x) => x[0] > t.at && x[1] - x[0] > t.seconds * 1000 - 200);
+      return t.points.map((p, i) => [p, span ? span[i] - delayed(span[i]) : NaN]);
+    });
+    const median = (xs) => [...xs].filter(Number.isFinite).sort((a, b) => a - b)[Math.floor(xs.filter(Number.isFinite).length / 2)];
+    const shift = median(pairs.map(([p, h]) => h - p));
+    const misses = pairs.map(([p, h]) => Math.round(h - p - shift));
+    // Post (or the first sentence complete) -> the utterance's first sample handed to the output.
+    const atViewer = (x) => x.started + shift + delayed(x.started + shift) - x.at;
+    const s = await v.status();
+    const m = (xs, f) => Math.round(median(xs.map(f)));
+    const chunk = Math.round(s.say_child_first_frame_ms);
+    result.talk = {
+      interrupt_to_silent_ms: cuts.map((c) => Math.round(c.silent)), silent_median_ms: m(cuts, (c) => c.silent), silent_target_ms: 150,
+      interrupt_to_rest_ms: cuts.map((c) => Math.round(c.rest)), rest_median_ms: m(cuts, (c) => c.rest), rest_target_ms: 400,
+      output_latency_ms: m(cuts, (c) => c.output_ms),
+      // Post -> its first sample at the viewer (and -> its first frame sent, the server's figure).
+      quiet_say_ms: m(quiet, atViewer), quiet_say_sent_ms: m(quiet, (x) => x.frame),
+      into_say_ms: m(afterSay, atViewer), into_say_sent_ms: m(afterSay, (x) => x.frame),
+      into_recording_ms: m(afterRecording, atViewer), into_recording_sent_ms: m(afterRecording, (x) => x.frame),
+      all: { quiet: quiet.map((x) => Math.round(atViewer(x))), into_say: afterSay.map((x) => Math.round(atViewer(x))),
+        into_recording: afterRecording.map((x) => Math.round(atViewer(x))) },
+      positions_off_ms: misses, positions_worst_ms: Math.max(...misses.map(Math.abs)), positions_target_ms: 50,
+      streamed_first_sample_ms: streamed.map((x) => Math.round(atViewer(x))), streamed_median_ms: m(streamed, atViewer),
+      streamed_target_ms: 400 + chunk, engine_first_chunk_ms: chunk,
+      stalls: s.stalls, load: readFileSync('/proc/loadavg', 'utf8').split(' ').slice(0, 3).join(' '),
+    };
   } else if (mode === 'soak') {
     const minutes = Number(countArg || 10);
     const v = await viewer('ava');

@@ -107,17 +107,23 @@ class SessionRenderer {
       busy_ = true;
     }
     if (!work || current_.flushed) return holdBack;
-    if (!work->samples.empty()) {
-      child_->sendAudio(work->samples.data(), work->samples.size());
+    // The child gets the sound its next frame needs and one chunk more, topped up as its frames
+    // come: it never waits for sound, and the reset of an interrupt finds at most two chunks to
+    // render ahead of it, however long the segment.
+    const std::size_t allowed = wire::samplesBeforeFrame(current_.received) + wire::kChunkSamples;
+    const std::size_t room = allowed > current_.sent ? allowed - current_.sent : 0;
+    const std::size_t count = std::min(room, work->samples.size());
+    if (count > 0) {
+      child_->sendAudio(work->samples.data(), count);
       if (current_.sent == 0) {
         MutexLock hold(s_.lock_);
         if (s_.sayTimes_ && s_.sayTimes_->item == current_.item && !s_.sayTimes_->toChild) {
           s_.sayTimes_->toChild = Clock::now();
         }
       }
-      current_.sent += work->samples.size();
+      current_.sent += count;
     }
-    if (work->complete) {
+    if (work->complete && count == work->samples.size()) {
       child_->sendFlush();
       current_.flushed = true;
       MutexLock hold(s_.lock_);

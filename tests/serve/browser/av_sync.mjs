@@ -69,6 +69,9 @@ export function installProbes(where) {
         // dropped (to shallow it), in samples at 48 kHz: each moves the sound, not the pictures.
         reshaped: s.audio.concealedSamples + s.audio.insertedSamplesForDeceleration +
           s.audio.removedSamplesForAcceleration,
+        // The same, as how much later (in samples) it has made what follows sound.
+        delayed: s.audio.concealedSamples + s.audio.insertedSamplesForDeceleration -
+          s.audio.removedSamplesForAcceleration,
         playout: s.video.estimatedPlayoutTimestamp - s.audio.estimatedPlayoutTimestamp,
       });
     }
@@ -214,4 +217,51 @@ export function offsets({ sent, frames, blocks, outputLatency, stats }, windows)
     const playout = near ? near.playout : NaN;
     return { at: from, picture, sound, offset: picture - sound, match: best.match, playout, stamped: picture - sound + playout };
   });
+}
+
+// In the page: each shown frame's lower face (the region installProbes averages) against the
+// frame before it, as the seam tests measure a step: the mean absolute luma difference per pixel.
+// window.mouth gets {t (expected display time), rtp, step, luma}; a step is NaN where the frame
+// before it was not shown.
+export function installMouthSteps(where) {
+  const { video } = window[where];
+  const canvas = document.createElement('canvas');
+  canvas.width = 208;
+  canvas.height = 90;
+  const g = canvas.getContext('2d', { willReadFrequently: true });
+  let last = null, lastRtp = null;
+  window.mouth = [];
+  const onFrame = (now, meta) => {
+    g.drawImage(video, 104, 360, 208, 90, 0, 0, 208, 90);
+    const px = g.getImageData(0, 0, 208, 90).data;
+    const luma = new Float32Array(px.length / 4);
+    let sum = 0, step = 0;
+    for (let i = 0; i < luma.length; ++i) {
+      luma[i] = 0.299 * px[4 * i] + 0.587 * px[4 * i + 1] + 0.114 * px[4 * i + 2];
+      sum += luma[i];
+      if (last) step += Math.abs(luma[i] - last[i]);
+    }
+    // Frames are 4500 RTP ticks (50 ms at 90 kHz) apart: a larger gap is a frame not shown.
+    const next = last && ((meta.rtpTimestamp - lastRtp) >>> 0) === 4500;
+    window.mouth.push({ t: meta.expectedDisplayTime, rtp: meta.rtpTimestamp, step: next ? step / luma.length : NaN, luma: sum / luma.length });
+    last = luma;
+    lastRtp = meta.rtpTimestamp;
+    video.requestVideoFrameCallback(onFrame);
+  };
+  video.requestVideoFrameCallback(onFrame);
+}
+
+// The spans of the received sound (collect()'s blocks) above `level` (RMS), as [from, to] on
+// the page's clock, pieces less than `gap` ms apart joined.
+export function soundSpans(blocks, level, gap = 100) {
+  const spans = [];
+  for (const [t, ...energies] of blocks) {
+    energies.forEach((e, i) => {
+      if (!(e > level * level)) return;
+      const at = t + 2 * i, last = spans.at(-1);
+      if (last && at - last[1] <= gap) last[1] = at + 2;
+      else spans.push([at, at + 2]);
+    });
+  }
+  return spans;
 }
