@@ -128,6 +128,7 @@ struct IceUrl {
   std::string url, host;
   unsigned port;
   std::string transport;
+  friend void PrintTo(const IceUrl& u, std::ostream* out) { *out << u.url; }
 };
 
 class IceUrls : public ::testing::TestWithParam<IceUrl> {};
