@@ -128,6 +128,8 @@ LiveSession::Answer LiveSession::connect(const std::string& offer) {
   events.ended = [this, generation](const std::string& why) { viewerLeft(generation, why); };
   WebRtcSender::Options media;
   media.soundDelay = options_.soundDelay;
+  // A viewer not connected by the time its place would be given to another has no path.
+  media.connectTimeout = options_.viewerSetup;
   const IceConfig& ice = *options_.ice;
   // The server's own agent is a client of the TURN servers too, with credentials of its own.
   const auto servers = ice.entries(id_, std::chrono::system_clock::now());

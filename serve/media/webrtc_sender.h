@@ -64,7 +64,7 @@ class WebRtcSender {
     // No candidate at all after this long: none will come (the port range is used up).
     std::chrono::milliseconds firstCandidate{1000};
     // An answered viewer not connected after this long has no network path to the server.
-    std::chrono::milliseconds connectTimeout{10000};
+    std::chrono::milliseconds connectTimeout{20000};
     // The ICE servers of the server's own agent ("stun://host:port";
     // "turn(s)://user:password@host:port[?transport=tcp]", URL-encoded) and the ports its sockets
     // may take (0: any).

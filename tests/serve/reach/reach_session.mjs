@@ -143,7 +143,7 @@ async function noPath(browser) {
   const left = await until(async () => {
     const s = (await call(`${server}/v1/sessions/${run.id}`)).body;
     return s.viewer === 'left' ? s : null;
-  }, 15000, 250);
+  }, 25000, 250);
   const reason = await until(() => run.page.evaluate(() => window.reach.left), 3000);
   check(left && reason, 'no-path: the session says its viewer left, with the reason', `${left && left.viewer}: ${reason}`);
   await end(run);
@@ -151,6 +151,8 @@ async function noPath(browser) {
 
 // Offers made in pages, posted by hand (WHEP as any player does it).
 async function ports(browser) {
+  // Viewers of the cases before give their ports back as their pipelines stop.
+  await until(async () => serverSockets().length === 0, 10000);
   const page = await browser.newPage();
   await page.goto(server + '/');
   const offer = () => page.evaluate(async () => {
