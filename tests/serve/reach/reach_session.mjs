@@ -73,6 +73,9 @@ const median = (xs) => [...xs].sort((a, b) => a - b)[Math.floor(xs.length / 2)];
 
 // One session played in a fresh page: {id, page, firstFrame ms, pair} or {id, page, error}.
 async function playOnce(browser, { servers = true, policy = 'all', wait = 20000 } = {}) {
+  // An ended session's sockets close when the registry destroys it, a moment later: with a range
+  // of two ports the next viewer waits for them.
+  await until(async () => serverSockets().length === 0, 10000);
   const page = await browser.newPage();
   await page.goto(server + '/');
   const id = await page.evaluate(async ({ servers, policy }) => {
@@ -151,7 +154,6 @@ async function noPath(browser) {
 
 // Offers made in pages, posted by hand (WHEP as any player does it).
 async function ports(browser) {
-  // Viewers of the cases before give their ports back as their pipelines stop.
   await until(async () => serverSockets().length === 0, 10000);
   const page = await browser.newPage();
   await page.goto(server + '/');
