@@ -351,6 +351,7 @@ TEST(HostileStart, StartsCleanWhateverIsLyingAround) {
            {"--ice-server", "turn:relay", "--turn-secret-file", (tmp / "short").string()},
            {"--ice-server", "stun:relay?transport=tcp"},
            {"--udp-ports", "40010-40000"},
+           {"--udp-ports", "80-90"},
            {"--public-address", "relay.example"}}) {
     std::vector<std::string> args{LUMORA2_SERVE_BIN, "--engine", (avatars / "vivra.model").string(),
                                   "--avatars", avatars.string()};
