@@ -54,7 +54,7 @@ struct Sentence {
 // followed by kTail.
 std::vector<Sentence> splitSentences(std::string_view text);
 
-// For text that is still being written (an agent's words as they come): its sentences that no
+// For text that is still being written (a language model's words as they come): its sentences that no
 // later word can change, each followed by kSentencePause or its blank lines' pause, and the rest,
 // to be continued (its trailing space kept).
 struct WrittenSoFar {

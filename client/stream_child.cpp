@@ -15,6 +15,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <optional>
+#include <span>
 #include <string>
 #include <utility>
 
@@ -115,8 +117,26 @@ struct Pipe {
 
 }  // namespace
 
-std::unique_ptr<StreamChild> StreamChild::start(const Command& command) {
-  Pipe in, out, err;
+namespace {
+
+// The child's environment: the parent's, with TMPDIR pointing at the child's own scratch folder
+// and, for one of several siblings, its share of the cores.
+std::vector<std::string> childEnvironment(const StreamChild::Command& command,
+                                          const std::filesystem::path& tmp) {
+  std::vector<std::string> env = {"TMPDIR=" + tmp.string()};
+  for (char** e = environ; *e != nullptr; ++e) {
+    if (std::strncmp(*e, "TMPDIR=", 7) != 0) env.emplace_back(*e);
+  }
+  if (command.siblings > 1 && std::getenv("OMP_NUM_THREADS") == nullptr) {
+    const int cores = std::max(1, int(std::thread::hardware_concurrency()));
+    env.push_back("OMP_NUM_THREADS=" + std::to_string(std::max(1, cores / command.siblings)));
+  }
+  return env;
+}
+
+// Runs `args` with `env`, its standard input, output and error on the pipes' child ends.
+pid_t spawnChild(std::vector<std::string> args, std::vector<std::string> env, const Pipe& in,
+                 const Pipe& out, const Pipe& err) {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, in.fd[0], 0);
@@ -126,32 +146,32 @@ std::unique_ptr<StreamChild> StreamChild::start(const Command& command) {
   // children's pipes would otherwise stay open for as long as the child lives (a connection the
   // server closed would still take requests nobody reads).
   posix_spawn_file_actions_addclosefrom_np(&actions, 3);
-  std::vector<std::string> args = {command.host.string(), "render-stream", command.avatar.string(),
-                                   "--engine", command.engine.string()};
-  std::vector<char*> argv;
-  for (std::string& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
+  auto pointers = [](std::vector<std::string>& strings) {
+    std::vector<char*> p;
+    for (std::string& s : strings) p.push_back(s.data());
+    p.push_back(nullptr);
+    return p;
+  };
+  std::vector<char*> argv = pointers(args);
+  std::vector<char*> envp = pointers(env);
+  pid_t pid = -1;
+  const int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
+  posix_spawn_file_actions_destroy(&actions);
+  if (rc != 0) throw ClientError("cannot start " + args[0] + ": " + std::strerror(rc));
+  return pid;
+}
+
+}  // namespace
+
+std::unique_ptr<StreamChild> StreamChild::start(const Command& command) {
+  Pipe in, out, err;
   // The child's working directory goes into a temporary directory of its own, removed with this
   // object: nothing stays behind whichever way the child ends (exit status 3 leaves its directory
   // by design, a killed child cannot remove it).
   auto tmp = std::make_unique<ScratchDir>("lumora2-render-child-");
-  std::vector<std::string> env = {"TMPDIR=" + tmp->path().string()};
-  for (char** e = environ; *e != nullptr; ++e) {
-    if (std::strncmp(*e, "TMPDIR=", 7) != 0) env.emplace_back(*e);
-  }
-  if (command.siblings > 1 && std::getenv("OMP_NUM_THREADS") == nullptr) {
-    const int cores = std::max(1, int(std::thread::hardware_concurrency()));
-    env.push_back("OMP_NUM_THREADS=" + std::to_string(std::max(1, cores / command.siblings)));
-  }
-  std::vector<char*> envp;
-  for (std::string& e : env) envp.push_back(e.data());
-  envp.push_back(nullptr);
-  pid_t pid = -1;
-  const int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
-  posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0) {
-    throw ClientError("cannot start " + command.host.string() + ": " + std::strerror(rc));
-  }
+  const pid_t pid = spawnChild({command.host.string(), "render-stream", command.avatar.string(),
+                                "--engine", command.engine.string()},
+                               childEnvironment(command, tmp->path()), in, out, err);
   // Before the child has loaded its graphs and started its threads, which inherit the value.
   // A failure leaves the child at its parent's priority, which only costs the parent time.
   errno = 0;
@@ -175,8 +195,17 @@ std::unique_ptr<StreamChild> StreamChild::start(const Command& command) {
   // Larger pipes let a whole frame record pass in one piece.
   ::fcntl(child->output_, F_SETPIPE_SZ, 1 << 20);
   ::fcntl(child->input_, F_SETPIPE_SZ, 1 << 20);
-  const int errRead = err.release(0);
-  child->stderrReader_ = std::thread([c = child.get(), errRead] {
+  child->readStderr(err.release(0));
+  child->readHeader();
+  child->writer_ = std::thread([c = child.get()] { c->writeLoop(); });
+  if (known && startNiceness > command.niceness) {
+    giveBackPriority(pid, std::min(19, own + command.niceness));
+  }
+  return child;
+}
+
+void StreamChild::readStderr(int errRead) {
+  stderrReader_ = std::thread([this, errRead] {
     std::string pending;
     char buf[4096];
     for (;;) {
@@ -185,49 +214,45 @@ std::unique_ptr<StreamChild> StreamChild::start(const Command& command) {
       if (n <= 0) break;
       pending.append(buf, std::size_t(n));
       for (std::size_t nl; (nl = pending.find('\n')) != std::string::npos;) {
-        std::lock_guard<std::mutex> hold(c->tailLock_);
-        c->tail_.push_back(pending.substr(0, nl));
-        if (c->tail_.size() > kTailLines) c->tail_.pop_front();
+        std::lock_guard<std::mutex> hold(tailLock_);
+        tail_.push_back(pending.substr(0, nl));
+        if (tail_.size() > kTailLines) tail_.pop_front();
         pending.erase(0, nl + 1);
       }
     }
-    std::lock_guard<std::mutex> hold(c->tailLock_);
-    if (!pending.empty()) c->tail_.push_back(pending);
-    if (c->tail_.size() > kTailLines) c->tail_.pop_front();
+    std::lock_guard<std::mutex> hold(tailLock_);
+    if (!pending.empty()) tail_.push_back(pending);
+    if (tail_.size() > kTailLines) tail_.pop_front();
     ::close(errRead);
   });
+}
 
+void StreamChild::readHeader() {
   std::string line;
   char c = 0;
   ReadResult got = ReadResult::ended;
   const auto deadline = Clock::now() + kWarmUpLimit;
   while (line.size() < wire::kMaxHeaderBytes &&
-         (got = readAll(child->output_, &c, 1, deadline)) == ReadResult::complete && c != '\n') {
+         (got = readAll(output_, &c, 1, deadline)) == ReadResult::complete && c != '\n') {
     line += c;
   }
   if (got == ReadResult::late) {
-    child->end();
+    end();
     throw ClientError("render-stream stopped answering: not ready within " +
                       std::to_string(kWarmUpLimit.count()) +
-                      " s (it was ended); its last lines:\n" + child->stderrTail());
+                      " s (it was ended); its last lines:\n" + stderrTail());
   }
   if (c != '\n') {
-    const int status = child->exitStatus();
+    const int status = exitStatus();
     throw ClientError("render-stream ended before it was ready (exit status " +
-                      std::to_string(status) + "); its last lines:\n" + child->stderrTail());
+                      std::to_string(status) + "); its last lines:\n" + stderrTail());
   }
   try {
-    child->geometry_ = wire::parseHeader(line);
+    geometry_ = wire::parseHeader(line);
   } catch (const wire::WireError& e) {
     throw ClientError(e.what());
   }
-  child->records_ =
-      std::make_unique<wire::RecordReader>(child->geometry_.width, child->geometry_.height);
-  child->writer_ = std::thread([c = child.get()] { c->writeLoop(); });
-  if (known && startNiceness > command.niceness) {
-    giveBackPriority(pid, std::min(19, own + command.niceness));
-  }
-  return child;
+  records_ = std::make_unique<wire::RecordReader>(geometry_.width, geometry_.height);
 }
 
 StreamChild::~StreamChild() {
@@ -394,7 +419,17 @@ std::string StreamChild::stderrTail() const {
 }
 
 StreamChild::Event StreamChild::next(Clock::time_point deadline) {
-  while (ready_.empty()) {
+  // Each read goes straight into the reader's record, and completes at most one item; a frame's
+  // pixels stay there until the next call.
+  std::optional<Event> event;
+  auto take = [&](const wire::RecordReader::Item& item) {
+    if (item.kind == wire::RecordReader::Item::Kind::marker) {
+      event = Event{Event::Kind::marker};
+    } else {
+      event = Event{Event::Kind::frame, item.position, item.rgb};
+    }
+  };
+  while (!event) {
     if (outputEnded_ || output_ < 0) return Event{Event::Kind::ended};
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
     if (left <= 0) return Event{Event::Kind::late};
@@ -402,36 +437,16 @@ StreamChild::Event StreamChild::next(Clock::time_point deadline) {
     const int polled = ::poll(&readable, 1, int(std::min<long long>(left, INT_MAX)));
     if (polled < 0 && errno == EINTR) continue;
     if (polled == 0) continue;
-    const ssize_t n = polled < 0 ? -1 : ::read(output_, chunk_.data(), chunk_.size());
+    const std::span<std::uint8_t> into = records_->space();
+    const ssize_t n = polled < 0 ? -1 : ::read(output_, into.data(), into.size());
     if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
     if (n <= 0) {
       outputEnded_ = true;
       continue;
     }
-    records_->consume(chunk_.data(), std::size_t(n), [&](const wire::RecordReader::Item& item) {
-      Event event;
-      std::vector<std::uint8_t> pixels;
-      if (item.kind == wire::RecordReader::Item::Kind::marker) {
-        event.kind = Event::Kind::marker;
-      } else {
-        event.kind = Event::Kind::frame;
-        event.position = item.position;
-        if (!spare_.empty()) {
-          pixels = std::move(spare_.back());
-          spare_.pop_back();
-        }
-        const std::size_t bytes = std::size_t(geometry_.width) * std::size_t(geometry_.height) * 3;
-        pixels.assign(item.rgb, item.rgb + bytes);
-      }
-      ready_.emplace_back(event, std::move(pixels));
-    });
+    records_->commit(std::size_t(n), take);
   }
-  auto [event, pixels] = std::move(ready_.front());
-  ready_.pop_front();
-  if (!handedOut_.empty() && spare_.size() < 2) spare_.push_back(std::move(handedOut_));
-  handedOut_ = std::move(pixels);
-  if (event.kind == Event::Kind::frame) event.rgb = handedOut_.data();
-  return event;
+  return *event;
 }
 
 bool StreamChild::renderSegment(const float* samples, std::size_t count, const FrameFn& onFrame) {

@@ -125,6 +125,11 @@ class StreamChild {
 
  private:
   StreamChild() = default;
+  // Keeps the child's last lines on standard error (read from `errRead`, closed at its end).
+  void readStderr(int errRead);
+  // Waits for the child's header line; ends the child and throws ClientError when it does not
+  // come or is not acceptable.
+  void readHeader();
   // Stops the writer once its queue is written, then reaps.
   void waitForExit();
   // Waits for the child to exit (SIGTERM after `grace`, SIGKILL 5 s later), records its status
@@ -145,12 +150,6 @@ class StreamChild {
   int status_ = -1;  // decoded exit status once waited for
   StreamGeometry geometry_;
   std::unique_ptr<wire::RecordReader> records_;
-  // Complete items not yet handed out by next(), a frame's pixels with it; a read may complete
-  // more than one.
-  std::deque<std::pair<Event, std::vector<std::uint8_t>>> ready_;
-  std::vector<std::vector<std::uint8_t>> spare_;  // pixel buffers to reuse
-  std::vector<std::uint8_t> handedOut_;           // the pixels of the frame next() returned last
-  std::vector<std::uint8_t> chunk_ = std::vector<std::uint8_t>(1 << 20);
   bool outputEnded_ = false;
 
   // The writer thread owns the child's standard input; inputLock_ guards the queue, the flags and

@@ -1,5 +1,5 @@
 // One full chunk to frames: speech features → audio tokens → one student step per token (the
-// latent context moves on by one slot each) → the per-identity decoder, four phases per token.
+// latent context moves on by one slot each) → the avatar's decoder, four phases per token.
 #include <algorithm>
 #include <atomic>
 #include <chrono>

@@ -164,9 +164,9 @@ EngineSettings EngineSettings::fromEnvironment() {
   if (!s.cacheRoot) {
     const std::optional<std::string> xdg = variable("XDG_CACHE_HOME");
     if (xdg && !xdg->empty() && xdg->front() == '/') {
-      s.cacheRoot = Path(*xdg) / "morvane-lumora2";
+      s.cacheRoot = Path(*xdg) / "lumora2-model";
     } else if (std::optional<Path> home = homeDir()) {
-      s.cacheRoot = *home / ".cache" / "morvane-lumora2";
+      s.cacheRoot = *home / ".cache" / "lumora2-model";
     }
   }
   // OMP_NUM_THREADS, when set to a positive number, is the user's (or a parent's share of the

@@ -15,7 +15,7 @@ Lumora2Engine::Lumora2Engine(std::shared_ptr<const EngineGraphs> graphs,
     : graphs_(std::move(graphs)),
       avatar_(std::move(avatar)),
       settings_(std::move(settings)),
-      procQ_(std::make_unique<SerialQueue>("com.morvane.lumora2.engine.proc")) {}
+      procQ_(std::make_unique<SerialQueue>("lumora2.engine.proc")) {}
 
 Lumora2Engine::~Lumora2Engine() {
   // The queue goes first (it is declared last), so no task runs while the rest is torn down.

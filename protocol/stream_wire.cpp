@@ -102,35 +102,33 @@ StreamMessage StreamMessageReader::next() {
   return {};
 }
 
-RecordReader::RecordReader(int width, int height)
-    : pixelBytes_(frameRecordBytes(width, height) - 4), record_(frameRecordBytes(width, height)) {}
+RecordReader::RecordReader(int width, int height) : record_(frameRecordBytes(width, height)) {}
+
+std::span<std::uint8_t> RecordReader::space() {
+  // The position word first; a marker is a word alone.
+  const std::size_t end = held_ < 4 ? 4 : record_.size();
+  return {record_.data() + held_, end - held_};
+}
+
+void RecordReader::commit(std::size_t size, const ItemFn& onItem) {
+  held_ += size;
+  if (held_ == 4 && getLittleEndian(record_.data()) == kMarker) {
+    held_ = 0;
+    onItem(Item{Item::Kind::marker, kMarker, nullptr});
+  } else if (held_ == record_.size()) {
+    held_ = 0;
+    onItem(Item{Item::Kind::frame, getLittleEndian(record_.data()), record_.data() + 4});
+  }
+}
 
 void RecordReader::consume(const std::uint8_t* data, std::size_t size, const ItemFn& onItem) {
   while (size > 0) {
-    // The position word first; a marker is a word alone.
-    if (held_ < 4) {
-      const std::size_t take = std::min(size, 4 - held_);
-      std::memcpy(record_.data() + held_, data, take);
-      held_ += take;
-      data += take;
-      size -= take;
-      if (held_ < 4) return;
-      const std::uint32_t word = getLittleEndian(record_.data());
-      if (word == kMarker) {
-        held_ = 0;
-        onItem(Item{Item::Kind::marker, word, nullptr});
-        continue;
-      }
-    }
-    const std::size_t take = std::min(size, record_.size() - held_);
-    std::memcpy(record_.data() + held_, data, take);
-    held_ += take;
+    const std::span<std::uint8_t> into = space();
+    const std::size_t take = std::min(size, into.size());
+    std::memcpy(into.data(), data, take);
     data += take;
     size -= take;
-    if (held_ == record_.size()) {
-      held_ = 0;
-      onItem(Item{Item::Kind::frame, getLittleEndian(record_.data()), record_.data() + 4});
-    }
+    commit(take, onItem);
   }
 }
 

@@ -54,6 +54,93 @@ struct Mp4Writer::State {
     }
   }
 
+  void openEncoders() {
+    const AVCodec* h264 = avcodec_find_encoder_by_name("libx264");
+    if (h264 == nullptr) h264 = avcodec_find_encoder(AV_CODEC_ID_H264);
+    const AVCodec* aac = avcodec_find_encoder(AV_CODEC_ID_AAC);
+    if (h264 == nullptr || aac == nullptr) {
+      throw ClientError("this FFmpeg has no H.264 or no AAC encoder");
+    }
+    const bool globalHeader = (format->oformat->flags & AVFMT_GLOBALHEADER) != 0;
+
+    video = avcodec_alloc_context3(h264);
+    if (video == nullptr) throw ClientError("out of memory");
+    video->width = width;
+    video->height = height;
+    video->pix_fmt = AV_PIX_FMT_YUV420P;
+    video->time_base = AVRational{1, fps};
+    video->framerate = AVRational{fps, 1};
+    // The pictures are BT.601 limited range (see Picture); say so, so that players do not guess.
+    video->colorspace = AVCOL_SPC_SMPTE170M;
+    video->color_primaries = AVCOL_PRI_SMPTE170M;
+    video->color_trc = AVCOL_TRC_SMPTE170M;
+    video->color_range = AVCOL_RANGE_MPEG;
+    if (globalHeader) video->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    // Near-transparent quality at a speed that keeps up with rendering. No keyframe pulses: a
+    // keyframe re-codes the whole picture at once, and where the P-frames before it had kept
+    // static parts as they were, the whole picture steps (0.37 per byte against a median of 0.01
+    // between idle frames). Periodic intra refresh renews the picture a column at a time
+    // instead, over kRefreshSeconds, and every renewal's first frame is a sync sample (a seek
+    // point that is whole again kRefreshSeconds later).
+    video->gop_size = fps * kRefreshSeconds;
+    av_opt_set(video->priv_data, "preset", "veryfast", 0);
+    av_opt_set(video->priv_data, "crf", "18", 0);
+    av_opt_set(video->priv_data, "x264-params", kX264Params, 0);
+    check(avcodec_open2(video, h264, nullptr), "cannot open the H.264 encoder");
+
+    sound = avcodec_alloc_context3(aac);
+    if (sound == nullptr) throw ClientError("out of memory");
+    sound->sample_rate = sampleRate;
+    sound->sample_fmt = AV_SAMPLE_FMT_FLTP;
+    av_channel_layout_default(&sound->ch_layout, 1);
+    sound->bit_rate = 64000;
+    sound->time_base = AVRational{1, sampleRate};
+    if (globalHeader) sound->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    check(avcodec_open2(sound, aac, nullptr), "cannot open the AAC encoder");
+  }
+
+  void addStreams() {
+    videoStream = avformat_new_stream(format, nullptr);
+    soundStream = avformat_new_stream(format, nullptr);
+    if (videoStream == nullptr || soundStream == nullptr) throw ClientError("out of memory");
+    check(avcodec_parameters_from_context(videoStream->codecpar, video), "H.264 parameters");
+    check(avcodec_parameters_from_context(soundStream->codecpar, sound), "AAC parameters");
+    videoStream->time_base = video->time_base;
+    videoStream->avg_frame_rate = video->framerate;
+    soundStream->time_base = sound->time_base;
+  }
+
+  void allocateFrames() {
+    picture = av_frame_alloc();
+    samples = av_frame_alloc();
+    packet = av_packet_alloc();
+    if (picture == nullptr || samples == nullptr || packet == nullptr) {
+      throw ClientError("out of memory");
+    }
+    picture->format = AV_PIX_FMT_YUV420P;
+    picture->width = width;
+    picture->height = height;
+    check(av_frame_get_buffer(picture, 0), "out of memory");
+    samples->format = AV_SAMPLE_FMT_FLTP;
+    samples->nb_samples = sound->frame_size;
+    check(av_channel_layout_copy(&samples->ch_layout, &sound->ch_layout), "out of memory");
+    samples->sample_rate = sampleRate;
+    check(av_frame_get_buffer(samples, 0), "out of memory");
+  }
+
+  void writeHeader() {
+    check(avio_open(&format->pb, path.c_str(), AVIO_FLAG_WRITE), "cannot create " + path);
+    AVDictionary* options = nullptr;
+    av_dict_set(&options, "movflags", "+faststart", 0);
+    // Edit lists are in the movie's time scale: at the sample rate, the audio track ends on its
+    // last sample (at the default of 1/1000 s it would be rounded up).
+    av_dict_set_int(&options, "movie_timescale", sampleRate, 0);
+    const int rc = avformat_write_header(format, &options);
+    av_dict_free(&options);
+    check(rc, "cannot write " + path);
+    headerWritten = true;
+  }
+
   // Moves every packet the encoder has ready into the file.
   void drain(AVCodecContext* codec, AVStream* stream) {
     for (;;) {
@@ -105,83 +192,10 @@ Mp4Writer::Mp4Writer(const std::filesystem::path& path, int width, int height, i
   s.audio = &audio;
   check(avformat_alloc_output_context2(&s.format, nullptr, "mp4", s.path.c_str()),
         "cannot make an MP4 for " + s.path);
-
-  const AVCodec* h264 = avcodec_find_encoder_by_name("libx264");
-  if (h264 == nullptr) h264 = avcodec_find_encoder(AV_CODEC_ID_H264);
-  const AVCodec* aac = avcodec_find_encoder(AV_CODEC_ID_AAC);
-  if (h264 == nullptr || aac == nullptr) {
-    throw ClientError("this FFmpeg has no H.264 or no AAC encoder");
-  }
-  const bool globalHeader = (s.format->oformat->flags & AVFMT_GLOBALHEADER) != 0;
-
-  s.video = avcodec_alloc_context3(h264);
-  s.video->width = width;
-  s.video->height = height;
-  s.video->pix_fmt = AV_PIX_FMT_YUV420P;
-  s.video->time_base = AVRational{1, fps};
-  s.video->framerate = AVRational{fps, 1};
-  // The pictures are BT.601 limited range (see Picture); say so, so that players do not guess.
-  s.video->colorspace = AVCOL_SPC_SMPTE170M;
-  s.video->color_primaries = AVCOL_PRI_SMPTE170M;
-  s.video->color_trc = AVCOL_TRC_SMPTE170M;
-  s.video->color_range = AVCOL_RANGE_MPEG;
-  if (globalHeader) s.video->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-  // Near-transparent quality at a speed that keeps up with rendering. No keyframe pulses: a
-  // keyframe re-codes the whole picture at once, and where the P-frames before it had kept
-  // static parts as they were, the whole picture steps (0.37 per byte against a median of 0.01
-  // between idle frames). Periodic intra refresh renews the picture a column at a time instead,
-  // over kRefreshSeconds, and every renewal's first frame is a sync sample (a seek point that is
-  // whole again kRefreshSeconds later).
-  s.video->gop_size = fps * kRefreshSeconds;
-  av_opt_set(s.video->priv_data, "preset", "veryfast", 0);
-  av_opt_set(s.video->priv_data, "crf", "18", 0);
-  av_opt_set(s.video->priv_data, "x264-params", kX264Params, 0);
-  check(avcodec_open2(s.video, h264, nullptr), "cannot open the H.264 encoder");
-
-  s.sound = avcodec_alloc_context3(aac);
-  s.sound->sample_rate = sampleRate;
-  s.sound->sample_fmt = AV_SAMPLE_FMT_FLTP;
-  av_channel_layout_default(&s.sound->ch_layout, 1);
-  s.sound->bit_rate = 64000;
-  s.sound->time_base = AVRational{1, sampleRate};
-  if (globalHeader) s.sound->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-  check(avcodec_open2(s.sound, aac, nullptr), "cannot open the AAC encoder");
-
-  s.videoStream = avformat_new_stream(s.format, nullptr);
-  s.soundStream = avformat_new_stream(s.format, nullptr);
-  if (s.videoStream == nullptr || s.soundStream == nullptr) throw ClientError("out of memory");
-  check(avcodec_parameters_from_context(s.videoStream->codecpar, s.video), "H.264 parameters");
-  check(avcodec_parameters_from_context(s.soundStream->codecpar, s.sound), "AAC parameters");
-  s.videoStream->time_base = s.video->time_base;
-  s.videoStream->avg_frame_rate = s.video->framerate;
-  s.soundStream->time_base = s.sound->time_base;
-
-  s.picture = av_frame_alloc();
-  s.samples = av_frame_alloc();
-  s.packet = av_packet_alloc();
-  if (s.picture == nullptr || s.samples == nullptr || s.packet == nullptr) {
-    throw ClientError("out of memory");
-  }
-  s.picture->format = AV_PIX_FMT_YUV420P;
-  s.picture->width = width;
-  s.picture->height = height;
-  check(av_frame_get_buffer(s.picture, 0), "out of memory");
-  s.samples->format = AV_SAMPLE_FMT_FLTP;
-  s.samples->nb_samples = s.sound->frame_size;
-  check(av_channel_layout_copy(&s.samples->ch_layout, &s.sound->ch_layout), "out of memory");
-  s.samples->sample_rate = sampleRate;
-  check(av_frame_get_buffer(s.samples, 0), "out of memory");
-
-  check(avio_open(&s.format->pb, s.path.c_str(), AVIO_FLAG_WRITE), "cannot create " + s.path);
-  AVDictionary* options = nullptr;
-  av_dict_set(&options, "movflags", "+faststart", 0);
-  // Edit lists are in the movie's time scale: at the sample rate, the audio track ends on its last
-  // sample (at the default of 1/1000 s it would be rounded up).
-  av_dict_set_int(&options, "movie_timescale", sampleRate, 0);
-  const int rc = avformat_write_header(s.format, &options);
-  av_dict_free(&options);
-  check(rc, "cannot write " + s.path);
-  s.headerWritten = true;
+  s.openEncoders();
+  s.addStreams();
+  s.allocateFrames();
+  s.writeHeader();
 }
 
 Mp4Writer::~Mp4Writer() = default;

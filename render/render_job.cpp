@@ -218,7 +218,9 @@ std::filesystem::path partialNameFor(const std::filesystem::path& output) {
   return output.parent_path() / name;
 }
 
-RenderReport renderToMp4(const RenderOptions& options) {
+namespace {
+
+void checkOptions(const RenderOptions& options) {
   requireFile(options.avatar, "avatar");
   requireFile(options.engine, "engine");
   if (::access(options.host.c_str(), X_OK) != 0) {
@@ -226,75 +228,81 @@ RenderReport renderToMp4(const RenderOptions& options) {
                       " is not an executable (choose one with --host)");
   }
   if (!(options.gapSeconds > 0)) throw ClientError("--gap must be a positive number of seconds");
+}
 
-  const EngineLogFile engineLog(options.logFile);
-  // The child's engine warms up for a few seconds: it starts as soon as the audio holds a sample
-  // loud enough to belong to an utterance, and warms up while the rest of the audio is decoded
-  // and analysed and the idle clip is read. Audio with no such sample has no utterance, and then
-  // no child is started at all.
-  SilenceRule rule;
-  rule.gapSeconds = options.gapSeconds;
-  const StreamChild::Command command{options.host, options.avatar, options.engine};
-  std::future<std::unique_ptr<StreamChild>> starting;
-  auto startChild = [&] {
-    if (!starting.valid()) {
-      starting = std::async(std::launch::async, [command] { return StreamChild::start(command); });
-    }
-  };
-  auto startOnSound = [&](const float* samples, std::size_t count) {
-    if (starting.valid()) return;
+// The child's engine warms up for a few seconds: it starts as soon as the audio holds a sample
+// loud enough to belong to an utterance, and warms up while the rest of the audio is decoded and
+// analysed and the idle clip is read. Audio with no such sample has no utterance, and then no
+// child is started at all.
+class EarlyChild {
+ public:
+  EarlyChild(StreamChild::Command command, float loudEnough)
+      : command_(std::move(command)), loudEnough_(loudEnough) {}
+
+  void start() {
+    if (starting_.valid()) return;
+    starting_ = std::async(std::launch::async,
+                           [command = command_] { return StreamChild::start(command); });
+  }
+
+  void startOnSound(const float* samples, std::size_t count) {
+    if (starting_.valid()) return;
     for (std::size_t i = 0; i < count; ++i) {
-      if (std::fabs(samples[i]) >= rule.absoluteFloor) return startChild();
+      if (std::fabs(samples[i]) >= loudEnough_) return start();
     }
+  }
+
+  std::unique_ptr<StreamChild> take() {
+    start();
+    return starting_.get();
+  }
+
+  const StreamChild::Command& command() const { return command_; }
+
+ private:
+  const StreamChild::Command command_;
+  const float loudEnough_;
+  std::future<std::unique_ptr<StreamChild>> starting_;
+};
+
+// The whole input as 16 kHz samples: the decoded audio file, or the text spoken sentence by
+// sentence (the child warming up while the rest is spoken).
+std::vector<float> readSpeech(const RenderOptions& options, EarlyChild& child) {
+  auto onSamples = [&child](const float* samples, std::size_t count) {
+    child.startOnSound(samples, count);
   };
+  if (!options.text) return decodeAudio(options.audio, onSamples);
   std::vector<float> audio;
-  if (options.text) {
-    // Sentence by sentence: the child warms up while the rest of the text is spoken.
-    const Voice voice = avatarVoice(options);
-    voice.checkScripts(*options.text);
-    const std::vector<Sentence> sentences = splitSentences(*options.text);
-    voice.speak(sentences, [&](const float* samples, std::size_t count) {
-      audio.insert(audio.end(), samples, samples + count);
-      startOnSound(samples, count);
-      return true;
-    });
-    std::fprintf(stderr, "voice %s: %zu sentence%s, %.2f s of speech\n", voice.name().c_str(),
-                 sentences.size(), sentences.size() == 1 ? "" : "s",
-                 double(audio.size()) / kEngineRate);
-  } else {
-    audio = decodeAudio(options.audio, startOnSound);
-  }
-  const std::vector<Utterance> utterances = splitUtterances(audio, rule);
+  const Voice voice = avatarVoice(options);
+  voice.checkScripts(*options.text);
+  const std::vector<Sentence> sentences = splitSentences(*options.text);
+  voice.speak(sentences, [&](const float* samples, std::size_t count) {
+    audio.insert(audio.end(), samples, samples + count);
+    onSamples(samples, count);
+    return true;
+  });
+  std::fprintf(stderr, "voice %s: %zu sentence%s, %.2f s of speech\n", voice.name().c_str(),
+               sentences.size(), sentences.size() == 1 ? "" : "s",
+               double(audio.size()) / kEngineRate);
+  return audio;
+}
 
-  RenderReport report;
-  report.samples = audio.size();
-  report.frames = (audio.size() + kSamplesPerFrame - 1) / kSamplesPerFrame;
-  report.utterances = utterances.size();
+void checkGeometry(const StreamGeometry& geometry, const IdleSource& idle,
+                   const std::filesystem::path& avatar) {
+  if (geometry.width == idle.width() && geometry.height == idle.height()) return;
+  throw ClientError("render-stream renders " + std::to_string(geometry.width) + " x " +
+                    std::to_string(geometry.height) + " frames, the idle clip of " +
+                    avatar.string() + " is " + std::to_string(idle.width()) + " x " +
+                    std::to_string(idle.height()));
+}
 
-  Progress progress(double(audio.size()) / kEngineRate);
-  IdleSource idle(options.avatar);
-  std::optional<StreamSession> session;
-  if (!utterances.empty()) {
-    startChild();
-    session.emplace(command, starting.get(), progress);
-    const StreamGeometry& geometry = session->geometry();
-    if (geometry.width != idle.width() || geometry.height != idle.height()) {
-      throw ClientError("render-stream renders " + std::to_string(geometry.width) + " x " +
-                        std::to_string(geometry.height) + " frames, the idle clip of " +
-                        options.avatar.string() + " is " + std::to_string(idle.width()) + " x " +
-                        std::to_string(idle.height()));
-    }
-  }
-
-  PartialFile partial{partialNameFor(options.output)};
-  Mp4Writer writer(partial.path, idle.width(), idle.height(), kEngineRate / int(kSamplesPerFrame),
-                   audio, kEngineRate);
-  Composer composer([&writer](const Picture& picture, Composer::Kind) { writer.addFrame(picture); },
-                    idle);
-  PictureConverter converter(idle.width(), idle.height(), PictureConverter::Layout::rgb24);
-  Picture picture(idle.width(), idle.height());
-  progress.begin(session.has_value());
-
+// Lays each utterance's rendered frames on the composer's timeline, idle frames between them.
+// An utterance the child cannot render (after its respawn) is covered by the idle clip.
+void composeUtterances(const std::vector<Utterance>& utterances, const std::vector<float>& audio,
+                       StreamSession* session, Composer& composer, Progress& progress,
+                       RenderReport& report, int width, int height) {
+  PictureConverter converter(width, height, PictureConverter::Layout::rgb24);
+  Picture picture(width, height);
   for (std::size_t k = 0; k < utterances.size(); ++k) {
     const Utterance& u = utterances[k];
     composer.idleUntil(u.firstFrame);
@@ -321,6 +329,40 @@ RenderReport renderToMp4(const RenderOptions& options) {
     composer.endUtterance();
     progress.utterance(k, utterances.size(), u, composer.position(), rendered);
   }
+}
+
+}  // namespace
+
+RenderReport renderToMp4(const RenderOptions& options) {
+  checkOptions(options);
+  const EngineLogFile engineLog(options.logFile);
+  SilenceRule rule;
+  rule.gapSeconds = options.gapSeconds;
+  EarlyChild child({options.host, options.avatar, options.engine}, rule.absoluteFloor);
+  const std::vector<float> audio = readSpeech(options, child);
+  const std::vector<Utterance> utterances = splitUtterances(audio, rule);
+
+  RenderReport report;
+  report.samples = audio.size();
+  report.frames = (audio.size() + kSamplesPerFrame - 1) / kSamplesPerFrame;
+  report.utterances = utterances.size();
+
+  Progress progress(double(audio.size()) / kEngineRate);
+  IdleSource idle(options.avatar);
+  std::optional<StreamSession> session;
+  if (!utterances.empty()) {
+    session.emplace(child.command(), child.take(), progress);
+    checkGeometry(session->geometry(), idle, options.avatar);
+  }
+
+  PartialFile partial{partialNameFor(options.output)};
+  Mp4Writer writer(partial.path, idle.width(), idle.height(), kEngineRate / int(kSamplesPerFrame),
+                   audio, kEngineRate);
+  Composer composer([&writer](const Picture& picture, Composer::Kind) { writer.addFrame(picture); },
+                    idle);
+  progress.begin(session.has_value());
+  composeUtterances(utterances, audio, session ? &*session : nullptr, composer, progress, report,
+                    idle.width(), idle.height());
   composer.idleUntil(report.frames);
   composer.finish();
   progress.frames(composer.written(), report.frames);

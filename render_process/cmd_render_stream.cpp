@@ -235,7 +235,7 @@ class RenderStream {
   std::mutex kickLock_;
   bool kickScheduled_ = false;  // guarded by kickLock_
   int failures_ = 0;            // consecutive failed segments, for the whole process
-  SerialQueue out_{"com.morvane.lumora2.render-stream.out"};  // last: stops first
+  SerialQueue out_{"lumora2.render-stream.out"};  // last: stops first
 };
 
 }  // namespace
@@ -265,7 +265,7 @@ int renderStream(const Positionals& positionals, const Options& options) {
     removeTreeQuietly(workDir);
     throw;
   }
-  stderrLine("[render-stream] warming up identity=" + avatarPath.filename().string() + " …");
+  stderrLine("[render-stream] warming up avatar=" + avatarPath.filename().string() + " …");
   const auto started = Clock::now();
   std::shared_ptr<Lumora2Engine> engine = warmEngine(staged, std::move(settings));
   if (!engine) {

@@ -13,7 +13,7 @@ packages=(
   libtorch-dev                        # neural graphs
   libavformat-dev libavcodec-dev libswscale-dev libavutil-dev libswresample-dev ffmpeg
   libsndfile1-dev
-  libopencv-core-dev libopencv-imgproc-dev
+  libopencv-core-dev libopencv-imgproc-dev  # the kernels benchmark's measured alternative
   hyperfine                           # benchmarks time whole commands
   libespeak-ng-dev espeak-ng-data     # the embedded voice: text to speech in memory
   libboost1.81-dev                    # lumora2-serve: HTTP and WebSocket (Beast)

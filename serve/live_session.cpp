@@ -80,6 +80,8 @@ double LiveSession::idleSeconds() const {
   MutexLock hold(lock_);
   // Speech playing to a viewer, or being made, keeps a session busy, whoever called last.
   if ((viewer_ == Viewer::connected && timeline_.queuedItems() > 0) || !textJobs_.empty()) return 0;
+  // Nor is a session idle while its render process warms up: its time starts once it can speak.
+  if (childState_ == "warming") return 0;
   return std::chrono::duration<double>(Clock::now() - lastActivity_).count();
 }
 

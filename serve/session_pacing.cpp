@@ -107,7 +107,7 @@ void LiveSession::paceViewer(const std::shared_ptr<WebRtcSender>& sender) {
     const auto pts =
         std::chrono::duration_cast<std::chrono::nanoseconds>(paused + sent * kFramePeriod);
     if (options_.trace) traceFrame(sent, pts, frame);
-    sender->push(pts, frame.picture.bytes.data(), frame.samples.data(), frame.samples.size());
+    sender->push(pts, std::move(frame.picture.bytes), std::move(frame.samples));
     ++sent;
     publishPlayback(frame, clock, pts);
   }

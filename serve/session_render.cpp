@@ -67,6 +67,7 @@ class SessionRenderer {
     MutexLock hold(s_.lock_);
     s_.childState_ = "ready";
     s_.childPid_ = child_->pid();
+    s_.lastActivity_ = std::max(s_.lastActivity_, Clock::now());
     return true;
   }
 

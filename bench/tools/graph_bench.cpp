@@ -51,37 +51,21 @@ struct Graph {
   std::vector<torch::jit::IValue> inputs;
 };
 
-}  // namespace
-
-int main(int argc, char** argv) {
+struct BenchOptions {
   fs::path family;
-  std::string avatar = "ava", label;
-  int runs = 20, chunks = 5;
-  for (int i = 1; i + 1 < argc; i += 2) {
-    const std::string_view key = argv[i];
-    if (key == "--family") family = argv[i + 1];
-    if (key == "--avatar") avatar = argv[i + 1];
-    if (key == "--runs") runs = std::max(1, std::atoi(argv[i + 1]));
-    if (key == "--chunks") chunks = std::max(1, std::atoi(argv[i + 1]));
-    if (key == "--label") label = argv[i + 1];
-  }
-  if (family.empty()) {
-    std::fprintf(stderr,
-                 "usage: lumora2-graph-bench --family DIR [--avatar CODE] [--runs N] "
-                 "[--chunks N] [--label TEXT]\n");
-    return 1;
-  }
-  if (label.empty()) label = family.filename().string();
-  at::set_num_threads(1);
-  at::set_num_interop_threads(1);
-  torch::NoGradGuard noGrad;
+  std::string avatar = "ava";
+  std::string label;
+  int runs = 20;
+  int chunks = 5;
+};
 
-  const fs::path engine = family / "staging" / "engine";
-  const fs::path identity = family / "staging" / avatar;
-  auto package = [](const fs::path& dir, std::string_view name) {
-    return dir / (std::string(name) + ".mlpackage");
-  };
-  const torch::Tensor iv = speechWindow();
+fs::path package(const fs::path& dir, std::string_view name) {
+  return dir / (std::string(name) + ".mlpackage");
+}
+
+// Each graph alone, frozen and optimised for inference, on inputs of its real shapes.
+void compareGraphs(const BenchOptions& o, const fs::path& engine, const fs::path& avatarDir,
+                   const torch::Tensor& iv) {
   const torch::Tensor feats = Chain::loadFrozen(package(engine, lumora2::family::kFrontEndPackage))
                                   .forward({iv})
                                   .toTensor();
@@ -100,23 +84,27 @@ int main(int argc, char** argv) {
       {"student_v4_forward_frame",
        package(engine, lumora2::family::kStudentPackage),
        {context, tokens.select(1, 6).contiguous()}},
-      {"dec_p2_v3_all (" + avatar + ")", package(identity, lumora2::family::kDecoderPackage), {x}},
+      {"dec_p2_v3_all (" + o.avatar + ")",
+       package(avatarDir, lumora2::family::kDecoderPackage),
+       {x}},
   };
-
   std::printf("%-10s %-32s %12s %16s %6s\n", "family", "graph", "frozen ms", "optimized ms",
               "runs");
   for (const Graph& g : graphs) {
     torch::jit::Module frozen = Chain::loadFrozen(g.package);
     torch::jit::Module copy = frozen.clone();
     torch::jit::Module optimized = torch::jit::optimize_for_inference(copy);
-    const double a = medianMs(runs, [&] { frozen.forward(g.inputs); });
-    const double b = medianMs(runs, [&] { optimized.forward(g.inputs); });
-    std::printf("%-10s %-32s %12.3f %16.3f %6d\n", label.c_str(), g.name.c_str(), a, b, runs);
+    const double a = medianMs(o.runs, [&] { frozen.forward(g.inputs); });
+    const double b = medianMs(o.runs, [&] { optimized.forward(g.inputs); });
+    std::printf("%-10s %-32s %12.3f %16.3f %6d\n", o.label.c_str(), g.name.c_str(), a, b, o.runs);
     std::fflush(stdout);
   }
+}
 
-  // The whole chain as the engine runs a chunk, timed per stage.
-  Chain chain = Chain::load(engine, identity);
+// The whole chain as the engine runs a chunk, timed per stage.
+void timeChain(const BenchOptions& o, const fs::path& engine, const fs::path& avatarDir,
+               const torch::Tensor& iv) {
+  Chain chain = Chain::load(engine, avatarDir);
   torch::Tensor ctx = Chain::seedContext(std::vector<float>(lumora2::family::kLatentSize, 0.0f));
   torch::Tensor previous;
   double stageMs[4] = {0, 0, 0, 0};
@@ -141,13 +129,43 @@ int main(int argc, char** argv) {
   };
   runChunk();
   std::fill(std::begin(stageMs), std::end(stageMs), 0.0);
-  const double chunkMs = medianMs(chunks, runChunk);
-  const double n = chunks + 1;  // medianMs runs once more to warm up
+  const double chunkMs = medianMs(o.chunks, runChunk);
+  const double n = o.chunks + 1;  // medianMs runs once more to warm up
   std::printf("%-10s %-32s %12.3f %16s %6d   real-time factor %.1fx (1.6 s of audio)\n",
-              label.c_str(), "chunk: 1+1+8+32 predictions", chunkMs, "-", chunks, 1600.0 / chunkMs);
+              o.label.c_str(), "chunk: 1+1+8+32 predictions", chunkMs, "-", o.chunks,
+              1600.0 / chunkMs);
   std::printf(
       "%-10s %-32s front end %.1f, tokenizer %.1f, 8 student steps %.1f, 32 pictures %.1f\n",
-      label.c_str(), "  mean ms per chunk stage:", stageMs[0] / n, stageMs[1] / n, stageMs[2] / n,
+      o.label.c_str(), "  mean ms per chunk stage:", stageMs[0] / n, stageMs[1] / n, stageMs[2] / n,
       stageMs[3] / n);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  BenchOptions o;
+  for (int i = 1; i + 1 < argc; i += 2) {
+    const std::string_view key = argv[i];
+    if (key == "--family") o.family = argv[i + 1];
+    if (key == "--avatar") o.avatar = argv[i + 1];
+    if (key == "--runs") o.runs = std::max(1, std::atoi(argv[i + 1]));
+    if (key == "--chunks") o.chunks = std::max(1, std::atoi(argv[i + 1]));
+    if (key == "--label") o.label = argv[i + 1];
+  }
+  if (o.family.empty()) {
+    std::fprintf(stderr,
+                 "usage: lumora2-graph-bench --family DIR [--avatar CODE] [--runs N] "
+                 "[--chunks N] [--label TEXT]\n");
+    return 1;
+  }
+  if (o.label.empty()) o.label = o.family.filename().string();
+  at::set_num_threads(1);
+  at::set_num_interop_threads(1);
+  torch::NoGradGuard noGrad;
+  const fs::path engine = o.family / "staging" / "engine";
+  const fs::path avatarDir = o.family / "staging" / o.avatar;
+  const torch::Tensor iv = speechWindow();
+  compareGraphs(o, engine, avatarDir, iv);
+  timeChain(o, engine, avatarDir, iv);
   return 0;
 }

@@ -560,8 +560,21 @@ std::size_t WebRtcSender::addCandidates(const std::string& fragment) {
   return added;
 }
 
-void WebRtcSender::push(std::chrono::nanoseconds pts, const std::uint8_t* i420,
-                        const float* samples, std::size_t count) {
+namespace {
+
+// A GStreamer buffer over `data`'s storage, which it owns from here on.
+template <typename T>
+GstBuffer* wrapped(std::vector<T>&& data) {
+  auto* owned = new std::vector<T>(std::move(data));
+  const gsize bytes = owned->size() * sizeof(T);
+  return gst_buffer_new_wrapped_full(GstMemoryFlags(0), owned->data(), bytes, 0, bytes, owned,
+                                     [](gpointer p) { delete static_cast<std::vector<T>*>(p); });
+}
+
+}  // namespace
+
+void WebRtcSender::push(std::chrono::nanoseconds pts, std::vector<std::uint8_t>&& i420,
+                        std::vector<float>&& samples) {
   GstClockTime base;
   {
     MutexLock hold(impl_->lock);
@@ -575,14 +588,14 @@ void WebRtcSender::push(std::chrono::nanoseconds pts, const std::uint8_t* i420,
   const GstClockTime at = base + GstClockTime(pts.count());
   const GstClockTime frame = GST_SECOND / GstClockTime(impl_->options.fps);
   const gsize pictureBytes = gsize(impl_->options.width) * gsize(impl_->options.height) * 3 / 2;
-  GstBuffer* picture = gst_buffer_new_allocate(nullptr, pictureBytes, nullptr);
-  gst_buffer_fill(picture, 0, i420, pictureBytes);
+  if (i420.size() != pictureBytes) return;  // not a picture of this stream
+  GstBuffer* picture = wrapped(std::move(i420));
   GST_BUFFER_PTS(picture) = at;
   GST_BUFFER_DURATION(picture) = frame;
   gst_app_src_push_buffer(GST_APP_SRC(impl_->video), picture);
-  if (count > 0) {
-    GstBuffer* sound = gst_buffer_new_allocate(nullptr, count * sizeof(float), nullptr);
-    gst_buffer_fill(sound, 0, samples, count * sizeof(float));
+  if (!samples.empty()) {
+    const std::size_t count = samples.size();
+    GstBuffer* sound = wrapped(std::move(samples));
     GST_BUFFER_PTS(sound) = pts >= impl_->soundDelayFrom ? at + impl_->soundDelay : at;
     GST_BUFFER_DURATION(sound) =
         gst_util_uint64_scale(count, GST_SECOND, guint64(impl_->options.sampleRate));

@@ -97,9 +97,10 @@ class WebRtcSender {
 
   // One picture (I420: width * height * 3 / 2 bytes, Y then U then V) and the samples (16 kHz
   // mono floats) that play with it, at `pts` on the stream's clock (time since `connected`).
-  // Never blocks for long; before `connected` they are dropped and counted.
-  void push(std::chrono::nanoseconds pts, const std::uint8_t* i420, const float* samples,
-            std::size_t count);
+  // Both are handed to GStreamer as they are, not copied. Never blocks for long; before
+  // `connected` they are dropped and counted.
+  void push(std::chrono::nanoseconds pts, std::vector<std::uint8_t>&& i420,
+            std::vector<float>&& samples);
   SenderStats stats() const;
   // The viewer's late candidates (trickle ICE): an SDP fragment's a=candidate lines, under the
   // m= line (or a=mid) they belong to. Returns how many were taken; throws MediaError for a

@@ -1,8 +1,11 @@
 // The IMX writer: exact bytes for known staging trees, what staging leaves out, member order, the
-// limits it refuses, and containers that the reader takes back whole.
+// limits it refuses, and containers that the reader takes back whole; the legacy zip form through
+// the real /usr/bin/zip and /usr/bin/unzip; member digests, of a file that shrinks while it is
+// hashed and of a model package's directory.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 
@@ -20,6 +23,7 @@ using test::le16;
 using test::le64;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::StartsWith;
 using ::testing::ThrowsMessage;
 
 class ArchiveWriterTest : public test::ScratchTest {
@@ -109,6 +113,68 @@ TEST_F(ArchiveWriterTest, RoundTripsLargeMembersAndAnInMemoryManifestThroughTheR
   Lumora2Container::unpack(out_, scratch_ / "back");
   EXPECT_EQ(test::readBytes(scratch_ / "back/big.bin"), big);
   EXPECT_EQ(test::readBytes(scratch_ / "back/empty.bin"), "");
+}
+
+TEST_F(ArchiveWriterTest, ReadsTheManifestAndUnpacksALegacyZipArtifact) {
+  scratch_.write("stage/manifest.json", "{\"format\": \"vivra-engine/1\"}");
+  scratch_.write("stage/pkg.mlpackage/model.pt", "weights");
+  const fs::path artifact = scratch_ / "old.model";  // as an older packer wrote it
+  Archive::zip(scratch_ / "stage", Archive::stage(scratch_ / "stage"), artifact);
+  EXPECT_TRUE(Lumora2Container::isLegacyZip(artifact));
+  EXPECT_EQ(Archive::readManifest(artifact), "{\"format\": \"vivra-engine/1\"}");
+  Archive::unzip(artifact, scratch_ / "out");
+  EXPECT_EQ(test::listTree(scratch_ / "out"), test::listTree(scratch_ / "stage"));
+  EXPECT_THAT([&] { Archive::readImxManifest(artifact); },
+              ThrowsMessage<ArtifactError>(
+                  StartsWith("IMX: " + artifact.string() + ": legacy ZIP container")));
+}
+
+// zip's own directory walk follows links; packed content must still be exactly the declared
+// members, in both forms, whatever the staging tree links to or however its names are spelt.
+TEST_F(ArchiveWriterTest, BothFormsPackTheSameMembersAndNeverFollowLinks) {
+  scratch_.write("outside/secret.bin", "not a member");
+  scratch_.write("stage/-dash[1]*.bin", "literal name");
+  scratch_.write("stage/pkg.mlpackage/model.pt", "weights");
+  fs::create_symlink(scratch_ / "outside/secret.bin", scratch_ / "stage/file-link");
+  fs::create_symlink(scratch_ / "outside", scratch_ / "stage/dir-link");
+  Archive::zip(scratch_ / "stage", Archive::stage(scratch_ / "stage"), scratch_ / "z.model");
+  Archive::writeImxContainer(scratch_ / "stage", scratch_ / "i.model");
+  Archive::unzip(scratch_ / "z.model", scratch_ / "from-zip");
+  Archive::unzip(scratch_ / "i.model", scratch_ / "from-imx");
+  const std::vector<std::string> expected{"-dash[1]*.bin (12 bytes)", "pkg.mlpackage/",
+                                          "pkg.mlpackage/model.pt (7 bytes)"};
+  EXPECT_EQ(test::listTree(scratch_ / "from-zip"), expected);
+  EXPECT_EQ(test::listTree(scratch_ / "from-imx"), expected);
+}
+
+// Another process truncating a member mid-digest (a re-pack into the same path, say) must end in an
+// error naming the file; a reader that maps the file is killed by SIGBUS instead.
+TEST_F(ArchiveWriterTest, AFileTruncatedWhileHashedIsAnErrorNotASignal) {
+  const fs::path file = scratch_.write("shrinking", std::string(16u << 20, 'x'));
+  bool truncated = false;
+  auto truncateOnce = [&](std::uint64_t, std::uint64_t) {
+    if (!truncated) {
+      truncated = true;
+      ASSERT_EQ(::truncate(file.c_str(), 4096), 0);
+    }
+  };
+  EXPECT_THAT([&] { Archive::digest(file, truncateOnce); },
+              ThrowsMessage<ArtifactError>(
+                  HasSubstr(file.string() + " changed while it was being hashed")));
+}
+
+TEST_F(ArchiveWriterTest, DirectoryHashesSortedNamesThenBytesWithoutSeparators) {
+  fs::create_directories(scratch_ / "pkg/empty");
+  EXPECT_EQ(Archive::digest(scratch_ / "pkg").sha256,  // nothing at all
+            "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+  // SHA-256("a/x" "1" "b" "2"): names relative to the package, in member-name order; links and
+  // directories add nothing.
+  scratch_.write("pkg/b", "2");
+  scratch_.write("pkg/a/x", "1");
+  fs::create_symlink("b", scratch_ / "pkg/link");
+  Archive::Digest d = Archive::digest(scratch_ / "pkg");
+  EXPECT_EQ(d.sha256, "711fb573544f692e39b88976a743a35cecf4fb573099093180ac40490889b4c3");
+  EXPECT_EQ(d.bytes, 2u);
 }
 
 }  // namespace

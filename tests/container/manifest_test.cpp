@@ -1,5 +1,5 @@
-// Manifest records: the key rule, the exact bytes on disk, decoding refusals, accepted tags and the
-// unified header stamp.
+// Manifest records: the exact bytes on disk and back, decoding refusals and the unified header
+// stamp.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

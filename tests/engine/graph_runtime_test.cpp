@@ -1,5 +1,6 @@
-// Graph packages describe themselves, compile, load and predict with named inputs and outputs;
-// the liveness probe judges what a graph computes on a synthetic input.
+// Graph packages compile, load and predict with named inputs and outputs; a result unlike its
+// description fails the prediction; one graph serves many threads at once. The liveness probe is
+// the decoder tests' concern.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -11,7 +12,6 @@
 #include <vector>
 
 #include "engine/lumora2_engine.h"
-#include "liveness.h"
 #include "support/harness.h"
 #include "support/package_maker.h"
 

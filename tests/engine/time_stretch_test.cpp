@@ -1,5 +1,5 @@
 // Time compression of the analysis window: WsolaTempo against a plain transcription of its
-// steps, bit for bit and with both search kernels; resampleTo's interpolation.
+// steps, bit for bit and with both search kernels.
 #include "time_stretch.h"
 
 #include <gtest/gtest.h>
@@ -102,8 +102,6 @@ std::vector<float> speech(std::int64_t n) {
   return x;
 }
 
-std::vector<float> silence(std::int64_t n) { return std::vector<float>(n, 0.0f); }
-
 // ±1.0: +1.0 is beyond the largest 32-bit value and must clamp.
 std::vector<float> square(std::int64_t n) {
   std::vector<float> x(n);
@@ -163,12 +161,10 @@ TEST_P(WsolaTempoTest, MatchesThePlainStepsBitForBit) {
 
 INSTANTIATE_TEST_SUITE_P(Signals, WsolaTempoTest,
                          ::testing::Values(StretchCase{"speech", speech, 44000, 35200},
-                                           StretchCase{"silence", silence, 44000, 35200},
                                            StretchCase{"square", square, 44000, 35200},
                                            StretchCase{"clicks", clicks, 44000, 35200},
                                            StretchCase{"nonFinite", nonFinite, 44000, 35200},
                                            StretchCase{"empty", speech, 0, 35200},
-                                           StretchCase{"oneSample", square, 1, 35200},
                                            StretchCase{"shortPadded", speech, 5000, 35200},
                                            StretchCase{"longCut", speech, 50000, 35200},
                                            StretchCase{"oddLength", speech, 3001, 2401}),

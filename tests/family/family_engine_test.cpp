@@ -1,6 +1,8 @@
 // The render engine on the reference family: warm-up through the real graph runtime, the chunk
-// geometry of a segment, tail flushes, back-pressure, resets and the synthetic benchmark, all
-// through real threads and the family's real packages.
+// geometry of a segment, back-pressure, destruction with work queued, missing avatar members,
+// priming copied from another engine and lip sync across the chunk grid, all through real
+// threads and the family's real packages. Tail flushes are render-stream's cases
+// (family_render_stream_test).
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -24,7 +26,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using ::testing::Contains;
-using ::testing::HasSubstr;
 using Engine = std::shared_ptr<Lumora2Engine>;
 using lumora2::testing::logTexts;
 using lumora2::testing::StderrCapture;
@@ -96,30 +97,6 @@ TEST_F(FamilyEngine, ChunksYieldTheirFramesInOrder) {
   engine->feed(tone(kChunk));
   settle(engine);
   EXPECT_EQ(positions(drain(*engine)), range(22, 54));
-}
-
-// A flush pads to the next chunk boundary plus one chunk; the frames kept are exactly those whose
-// centre lies in real audio, and the next feed starts a new segment at position 0.
-TEST_F(FamilyEngine, FlushKeepsFramesOfRealAudioAndRestartsPositions) {
-  Engine engine = warmed();
-  StderrCapture capture;
-  engine->feed(tone(30000));
-  engine->flushTail();
-  settle(engine);
-  std::vector<PulledFrame> utterance;
-  while (engine->hasPendingTail() || engine->queuedFrames() > 0) {
-    for (auto& item : drain(*engine)) utterance.push_back(std::move(item));
-    settle(engine);
-  }
-  EXPECT_EQ(positions(utterance), range(0, 37));  // centres 400 … 29,200 < 30,000 ≤ 30,000
-  engine->flushTail();                            // nothing new: harmless
-  std::vector<std::string> log = logTexts(capture.finish());
-  EXPECT_THAT(log, Contains("[vivra] flushTail: real=30000 pad=46800 → tail 0 at audio-frame 37 "
-                            "(ci=0)"));
-  EXPECT_THAT(log, Contains("[vivra] flushTail: nothing pending (ci=3)"));
-  engine->feed(tone(kChunk));
-  settle(engine);
-  EXPECT_EQ(positions(drain(*engine)), range(0, 22));
 }
 
 // Processing pauses while 64 or more frames wait and resumes as the puller drains them.

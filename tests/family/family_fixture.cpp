@@ -4,11 +4,12 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/file.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <fstream>
 #include <iterator>
-
 #include <mutex>
 #include <stdexcept>
 #include <vector>
@@ -106,6 +107,19 @@ fs::path scratchDir(const std::string& stem) {
 std::string readFile(const fs::path& path) {
   std::ifstream in(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+Shell shell(const std::string& command, const fs::path& errFile) {
+  const std::string line =
+      command + (errFile.empty() ? std::string(" 2>/dev/null") : " 2>'" + errFile.string() + "'");
+  Shell r;
+  FILE* pipe = ::popen(line.c_str(), "r");
+  if (pipe == nullptr) return r;
+  char buf[1 << 16];
+  for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, pipe)) > 0;) r.out.append(buf, n);
+  const int raw = ::pclose(pipe);
+  r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
+  return r;
 }
 
 const GeneratedFamily& generatedFamily() {

@@ -27,4 +27,13 @@ std::filesystem::path scratchDir(const std::string& stem);
 // The whole file; empty when it cannot be read.
 std::string readFile(const std::filesystem::path& path);
 
+struct Shell {
+  int status = -1;
+  std::string out;  // standard output
+};
+
+// Runs a shell command line; standard output is captured, standard error goes to `errFile` when
+// given.
+Shell shell(const std::string& command, const std::filesystem::path& errFile = {});
+
 }  // namespace lumora2::family::test

@@ -1,4 +1,4 @@
-// The shared argument grammar, the number readers and the warm-up length, as tables.
+// The shared argument grammar and the number readers, as tables.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -26,28 +26,22 @@ TEST_P(ParseArgsTest, SplitsPositionalsAndOptions) {
   EXPECT_EQ(parsed.options, GetParam().options);
 }
 
+// The grammar's edges as the commands see them (a greedy option, "--abi" before another option)
+// are the golden cases' concern; these are the rules each word meets.
 INSTANTIATE_TEST_SUITE_P(
     Grammar, ParseArgsTest,
     ::testing::Values(
-        GrammarCase{{}, {}, {}}, GrammarCase{{"b", "a", "c"}, {"b", "a", "c"}, {}},
+        GrammarCase{{"b", "a", "c"}, {"b", "a", "c"}, {}},
         GrammarCase{{"dir", "-o", "x.model"}, {"dir"}, {{"o", "x.model"}}},
         GrammarCase{{"-o", "--abi"}, {}, {{"o", "--abi"}}},  // -o takes any next word
         // A trailing bare -o cancels an earlier one and nothing else.
         GrammarCase{{"in.model", "--abi", "3", "-o", "x", "-o"}, {"in.model"}, {{"abi", "3"}}},
-        GrammarCase{{"-o", "a", "-o", "b"}, {}, {{"o", "b"}}},
         GrammarCase{{"--abi", "1", "--abi", "2"}, {}, {{"abi", "2"}}},
-        // An option greedily takes a word meant as a positional.
-        GrammarCase{{"a.model", "--no-verify", "out"}, {"a.model"}, {{"no-verify", "out"}}},
-        // Before another option, before -o and at the end, an option holds "true".
-        GrammarCase{{"--abi", "--code", "C"}, {}, {{"abi", "true"}, {"code", "C"}}},
+        // Before "-o" and at the end, an option holds "true"; a single "-" starts a value.
         GrammarCase{{"--verify", "-o", "x"}, {}, {{"verify", "true"}, {"o", "x"}}},
         GrammarCase{{"x", "--no-verify"}, {"x"}, {{"no-verify", "true"}}},
         GrammarCase{{"--abi", "-3", "--name", "-"}, {}, {{"abi", "-3"}, {"name", "-"}}},
-        GrammarCase{{"--", "v"}, {}, {{"", "v"}}},  // "--" alone is the empty key
-        GrammarCase{{"x", "--"}, {"x"}, {{"", "true"}}},
-        GrammarCase{{"-v", "-", "-oo", "-O"}, {"-v", "-", "-oo", "-O"}, {}},
-        GrammarCase{{"", "--k", ""}, {""}, {{"k", ""}}},
-        GrammarCase{{"---x", "1"}, {}, {{"-x", "1"}}}));
+        GrammarCase{{"-v", "-", "-oo", "-O"}, {"-v", "-", "-oo", "-O"}, {}}));
 
 struct NumberCase {
   std::string text;
@@ -57,7 +51,6 @@ struct NumberCase {
 
 constexpr std::nullopt_t no = std::nullopt;
 constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
-constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
 
 class ParseNumberTest : public ::testing::TestWithParam<NumberCase> {};
 
@@ -66,21 +59,16 @@ TEST_P(ParseNumberTest, WholeTextMustBeTheNumber) {
   EXPECT_EQ(parseInteger(GetParam().text), GetParam().integer) << "'" << GetParam().text << "'";
 }
 
+// Sign, exponent, the int64 limit and one past it, and text that is not wholly a number.
 INSTANTIATE_TEST_SUITE_P(
     Numbers, ParseNumberTest,
     ::testing::Values(NumberCase{"2.5", 2.5, no}, NumberCase{"-3", -3.0, -3},
-                      NumberCase{"+4", 4.0, 4}, NumberCase{"007", 7.0, 7}, NumberCase{"0", 0.0, 0},
-                      NumberCase{".5", 0.5, no}, NumberCase{"5.", 5.0, no},
-                      NumberCase{"1e3", 1000.0, no}, NumberCase{"-2E-1", -0.2, no},
+                      NumberCase{"1e3", 1000.0, no},
                       NumberCase{"9223372036854775807", static_cast<double>(kMax), kMax},
-                      NumberCase{"-9223372036854775808", static_cast<double>(kMin), kMin},
                       NumberCase{"9223372036854775808", 9223372036854775808.0, no},
-                      NumberCase{"", no, no}, NumberCase{" 2", no, no}, NumberCase{"2 ", no, no},
-                      NumberCase{"2x", no, no}, NumberCase{".", no, no}, NumberCase{"-", no, no},
-                      NumberCase{"+", no, no}, NumberCase{"1e", no, no}, NumberCase{"0x10", no, no},
-                      NumberCase{"inf", no, no}, NumberCase{"nan", no, no},
-                      NumberCase{"1,5", no, no}, NumberCase{"--1", no, no},
-                      NumberCase{"true", no, no}));
+                      NumberCase{"", no, no}, NumberCase{" 2", no, no}, NumberCase{"2x", no, no},
+                      NumberCase{"-", no, no}, NumberCase{"0x10", no, no},
+                      NumberCase{"nan", no, no}));
 
 }  // namespace
 }  // namespace lumora2

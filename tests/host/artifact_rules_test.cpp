@@ -1,49 +1,14 @@
-// The packing rules as tables: what each kind needs, the label rule, the provenance verdict.
+// The provenance verdict as a table: which digests bind an avatar to its student. What each kind
+// of staging directory needs is pinned by the golden cases (pack-missing).
 #include <gtest/gtest.h>
 
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "host/artifact_rules.h"
 
 namespace lumora2 {
 namespace {
-
-using Names = std::vector<std::string>;
-
-const Names kFullEngine{"audiotokenizer_cpuAndNE.mlpackage/io.json",
-                        "audiotokenizer_cpuAndNE.mlpackage/model.pt",
-                        "student_v4_forward_frame_cpuAndNE.mlpackage/model.pt",
-                        "w2v_frontend_cpuAndNE.mlpackage/Data/weights.bin", "warm.wav"};
-
-struct NeedsCase {
-  ArtifactKind kind;
-  Names members;
-  Names missing;
-};
-
-class MissingRequirementsTest : public ::testing::TestWithParam<NeedsCase> {};
-
-TEST_P(MissingRequirementsTest, NamesEverythingMissingInFixedOrder) {
-  EXPECT_EQ(missingRequirements(GetParam().members, GetParam().kind), GetParam().missing);
-}
-
-// The full messages for empty and mis-shaped staging directories are pinned by the golden cases.
-INSTANTIATE_TEST_SUITE_P(
-    Kinds, MissingRequirementsTest,
-    ::testing::Values(
-        // A package given as a plain file, and warm.wav only below a directory, do not count.
-        NeedsCase{ArtifactKind::engine,
-                  {"audiotokenizer_cpuAndNE.mlpackage", "extras/warm.wav",
-                   "student_v4_forward_frame_cpuAndNE.mlpackage/model.pt",
-                   "w2v_frontend_cpuAndNE.mlpackage/model.pt"},
-                  {"audiotokenizer_cpuAndNE.mlpackage/", "warm.wav"}},
-        NeedsCase{ArtifactKind::avatar, {"canon.f32", "dec_p2_v3_all.mlpackage/model.pt"}, {}},
-        // idle.mp4 is optional, canon.f32 is not; an engine is no avatar.
-        NeedsCase{
-            ArtifactKind::avatar, {"dec_p2_v3_all.mlpackage/model.pt", "idle.mp4"}, {"canon.f32"}},
-        NeedsCase{ArtifactKind::avatar, kFullEngine, {"dec_p2_v3_all.mlpackage/", "canon.f32"}}));
 
 using Sha = std::optional<std::string>;
 
@@ -65,17 +30,14 @@ TEST_P(ProvenanceVerdictTest, JudgesTheBinding) {
 const std::string kSha(64, 'a');
 constexpr std::nullopt_t no = std::nullopt;
 
-// Only 64 lower-case hexadecimal digits bind; a non-empty legacy field is legacy-bound.
+// Only 64 lower-case hexadecimal digits bind; a non-empty legacy field is legacy-bound. The
+// legacy fields alone and an empty one are in the golden cases (provenance).
 INSTANTIATE_TEST_SUITE_P(
     Rule, ProvenanceVerdictTest,
-    ::testing::Values(VerdictCase{kSha, no, no, ProvenanceVerdict::bound},
-                      VerdictCase{kSha, "abc", kSha, ProvenanceVerdict::bound},
+    ::testing::Values(VerdictCase{kSha, "abc", kSha, ProvenanceVerdict::bound},
                       VerdictCase{std::string(64, 'A'), no, no, ProvenanceVerdict::unstamped},
                       VerdictCase{std::string(63, 'a'), no, no, ProvenanceVerdict::unstamped},
-                      VerdictCase{no, "abc123", no, ProvenanceVerdict::legacyBound},
-                      VerdictCase{std::string(63, 'a'), no, kSha, ProvenanceVerdict::legacyBound},
-                      VerdictCase{no, "", "", ProvenanceVerdict::unstamped},
-                      VerdictCase{no, no, no, ProvenanceVerdict::unstamped}));
+                      VerdictCase{std::string(63, 'a'), no, kSha, ProvenanceVerdict::legacyBound}));
 
 }  // namespace
 }  // namespace lumora2

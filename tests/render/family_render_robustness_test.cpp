@@ -1,6 +1,7 @@
-// lumora2-render and render-stream when things go wrong: outputs that must not be replaced,
-// containers swapped or damaged, a full disk, a child that stops answering. Each ends with one
-// `error:` line and exit status 1, the inputs untouched and nothing left behind.
+// lumora2-render and render-stream when things go wrong: inputs that cannot be rendered, outputs
+// that must not be replaced, containers swapped or damaged, a full disk, a child that stops
+// answering, a TERM signal. Each ends with one `error:` line and exit status 1 (the signal with
+// the signal's own status), the inputs untouched and nothing left behind.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -45,12 +46,6 @@ std::vector<float> speech(double seconds, double pause = 0, int repeats = 1) {
     audio.resize(audio.size() + std::size_t(pause * kRate), 0.0f);
   }
   return audio;
-}
-
-std::set<std::string> names(const fs::path& dir) {
-  std::set<std::string> found;
-  for (const auto& e : fs::directory_iterator(dir)) found.insert(e.path().filename());
-  return found;
 }
 
 std::vector<std::string> errorLines(const std::string& err) {
@@ -112,7 +107,7 @@ class RenderRobustness : public ::testing::Test {
 
   // Snapshots the inputs for expectCleanFailure().
   void remember() {
-    before_ = names(dir_);
+    before_ = namesIn(dir_);
     for (const char* f : {"ava.avatar", "vivra.model", "in.wav"}) {
       contents_.push_back(readFile(dir_ / f));
     }
@@ -127,12 +122,12 @@ class RenderRobustness : public ::testing::Test {
     ASSERT_EQ(errors.size(), 1u) << err;
     EXPECT_THAT(errors[0], HasSubstr(message));
     EXPECT_THAT(err, ::testing::EndsWith(errors[0] + "\n"));
-    EXPECT_EQ(names(dir_), before_);
+    EXPECT_EQ(namesIn(dir_), before_);
     std::size_t i = 0;
     for (const char* f : {"ava.avatar", "vivra.model", "in.wav"}) {
       EXPECT_EQ(readFile(dir_ / f), contents_[i++]) << f << " changed";
     }
-    EXPECT_THAT(names(tmp_), IsEmpty()) << "left in TMPDIR";
+    EXPECT_THAT(namesIn(tmp_), IsEmpty()) << "left in TMPDIR";
   }
 
   int run(const std::vector<std::string>& arguments, const std::function<void()>& prepare = {}) {
@@ -140,6 +135,14 @@ class RenderRobustness : public ::testing::Test {
     int raw = 0;
     ::waitpid(startRender(arguments, tmp_, logs_, prepare), &raw, 0);
     return statusOf(raw);
+  }
+
+  // Whether the output's partial file stands beside the inputs.
+  bool partial() const {
+    for (const std::string& n : namesIn(dir_)) {
+      if (n.find(".partial-") != std::string::npos) return true;
+    }
+    return false;
   }
 
   fs::path dir_, tmp_, logs_;
@@ -185,11 +188,64 @@ std::function<void(std::vector<std::string>&, const fs::path&)> outputAs(std::st
   return [out](std::vector<std::string>& a, const fs::path& d) { a[6] = (d / out).string(); };
 }
 
+// The audio replaced by `audio` (relative to the directory unless absolute).
+std::function<void(std::vector<std::string>&, const fs::path&)> audioAs(std::string audio) {
+  return [audio](std::vector<std::string>& a, const fs::path& d) { a[4] = (d / audio).string(); };
+}
+
+// The audio replaced by `words` (--text …); "{dir}" stands for the directory.
+std::function<void(std::vector<std::string>&, const fs::path&)> instead(
+    std::vector<std::string> words) {
+  return [words](std::vector<std::string>& a, const fs::path& d) {
+    a.erase(a.begin() + 3, a.begin() + 5);
+    for (std::string w : words) {
+      if (const auto at = w.find("{dir}"); at != std::string::npos) w.replace(at, 5, d.string());
+      a.push_back(w);
+    }
+  };
+}
+
+// Words added to the arguments.
+std::function<void(std::vector<std::string>&, const fs::path&)> adding(
+    std::vector<std::string> words) {
+  return [words](std::vector<std::string>& a, const fs::path&) {
+    a.insert(a.end(), words.begin(), words.end());
+  };
+}
+
 void makeSub(const fs::path& d) { fs::create_directory(d / "sub"); }
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, RenderRefusal,
     ::testing::Values(
+        Refusal{"AudioWithoutASoundTrack",
+                {},
+                [](std::vector<std::string>& a, const fs::path&) {
+                  a[4] = (generatedFamily().avatar("ava") / "idle.mp4").string();
+                },
+                "has no audio stream"},
+        Refusal{"AudioUnreadable",
+                [](const fs::path& d) { std::ofstream(d / "notes.txt") << "not audio at all\n"; },
+                audioAs("notes.txt"), "cannot read audio"},
+        Refusal{"AudioEmpty", [](const fs::path& d) { writeWav(d / "empty.wav", {}); },
+                audioAs("empty.wav"), "holds no audio samples"},
+        Refusal{
+            "TextTooLong",
+            [](const fs::path& d) { std::ofstream(d / "long.txt") << std::string(100001, 'a'); },
+            instead({"--text-file", "{dir}/long.txt"}),
+            "long.txt: the text has 100001 characters; at most 100000"},
+        Refusal{"TextInAScriptTheVoiceCannotSpeak",
+                {},
+                instead({"--text", "Hello. Привет."}),
+                "the voice en-us+f3 cannot speak Cyrillic script"},
+        Refusal{"TextFileMissing",
+                {},
+                instead({"--text-file", "{dir}/absent.txt"}),
+                "is not a readable file"},
+        Refusal{
+            "UnknownVoice", {}, instead({"--text", "Hi.", "--voice", "nosuch"}), "no voice called"},
+        Refusal{"AudioAndText", {}, adding({"--text", "Hi."}), "exclude each other"},
+        Refusal{"VoiceWithAudio", {}, adding({"--voice", "ru"}), "goes with --text or --text-file"},
         Refusal{"OutputIsTheAudio", {}, outputAs("in.wav"), "is the audio file"},
         Refusal{"OutputIsTheAudioSpeltOtherwise", makeSub, outputAs("sub/../in.wav"),
                 "is the audio file"},
@@ -230,8 +286,8 @@ INSTANTIATE_TEST_SUITE_P(
                 "vivra.model is an engine file, not an avatar file"}),
     [](const auto& p) { return std::string(p.param.name); });
 
-// A member with one byte flipped: render-stream digests every member before warming up and
-// refuses; lumora2-render quotes its line. The child's own line is its only `error:` line.
+// A member with one byte flipped: render-stream digests every member before warming up, refuses
+// with one line and removes its working directory; lumora2-render quotes that line.
 TEST_F(RenderRobustness, DamagedMemberIsRefusedByTheChild) {
   const fs::path avatar = dir_ / "ava.avatar";
   std::uint64_t at = 0;
@@ -255,20 +311,8 @@ TEST_F(RenderRobustness, DamagedMemberIsRefusedByTheChild) {
             "error: render-stream ended before it was ready (exit status 1); its last lines:");
   EXPECT_THAT(errors[1],
               ::testing::StartsWith("error: checksum problems: canon: sha mismatch (canon.f32)"));
-  EXPECT_EQ(names(dir_), before_);
-  EXPECT_THAT(names(tmp_), IsEmpty());
-
-  // render-stream itself: one line, status 1, its working directory removed.
-  const Shell child =
-      shell("TMPDIR='" + tmp_.string() + "' '" LUMORA2_MODEL_BIN "' render-stream '" +
-                avatar.string() + "' --engine '" + (dir_ / "vivra.model").string() + "' </dev/null",
-            logs_ / "child-stderr");
-  EXPECT_EQ(child.status, 1);
-  EXPECT_THAT(
-      readFile(logs_ / "child-stderr"),
-      ::testing::MatchesRegex("error: checksum problems: canon: sha mismatch \\(canon.f32\\) "
-                              "declared=[0-9a-f]{16} actual=[0-9a-f]{16}\n"));
-  EXPECT_THAT(names(tmp_), IsEmpty());
+  EXPECT_EQ(namesIn(dir_), before_);
+  EXPECT_THAT(namesIn(tmp_), IsEmpty()) << "the child left its working directory";
 }
 
 // A full disk while frames arrive: RLIMIT_FSIZE on lumora2-render alone (the host script lifts it
@@ -297,12 +341,6 @@ TEST_F(RenderRobustness, StalledChildIsEndedWithinTheSegmentLimit) {
   writeWav(dir_ / "in.wav", speech(1.0, 2.5, 10));
   remember();
   const pid_t render = startRender(args(dir_ / "out.mp4", dir_ / "in.wav"), tmp_, logs_);
-  auto partial = [&] {
-    for (const std::string& n : names(dir_)) {
-      if (n.find(".partial-") != std::string::npos) return true;
-    }
-    return false;
-  };
   int raw = 0;
   for (int i = 0; i < 2400 && !partial(); ++i) {
     ASSERT_EQ(::waitpid(render, &raw, WNOHANG), 0) << "ended early: " << readFile(logs_ / "stderr");
@@ -336,6 +374,22 @@ TEST_F(RenderRobustness, StalledChildIsEndedWithinTheSegmentLimit) {
   }
   EXPECT_LT(waited, 25.0);
   expectCleanFailure(statusOf(raw), "render-stream stopped answering");
+}
+
+// Interrupted while it writes: the partial file goes with the process, and nothing is left in the
+// output's directory or in TMPDIR.
+TEST_F(RenderRobustness, TermRemovesThePartialFile) {
+  writeWav(dir_ / "in.wav", speech(1.0, 2.5, 10));
+  remember();
+  const pid_t render = startRender(args(dir_ / "out.mp4", dir_ / "in.wav"), tmp_, logs_);
+  for (int i = 0; i < 2400 && !partial(); ++i) ::usleep(50'000);
+  ASSERT_TRUE(partial()) << readFile(logs_ / "stderr");
+  ::kill(render, SIGTERM);
+  int raw = 0;
+  ::waitpid(render, &raw, 0);
+  EXPECT_EQ(statusOf(raw), 128 + SIGTERM);
+  EXPECT_EQ(namesIn(dir_), before_);
+  EXPECT_THAT(namesIn(tmp_), IsEmpty()) << "left in TMPDIR";
 }
 
 }  // namespace

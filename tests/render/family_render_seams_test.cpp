@@ -1,7 +1,8 @@
 // What a viewer sees where idle and speech meet, and how soon a render starts: the composer's
 // seams on real rendered frames (whole picture and the eyes), the seam report against an idle
-// clip made one luma level brighter, keyframes that do not pulse, no child for silence, and the
-// shortened warm-up leaving every rendered byte as it was.
+// clip made one luma level brighter, keyframes that do not pulse, no child for silence, the
+// shortened warm-up leaving every rendered byte as it was, where the log lines go and the thread
+// settings the child gets.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -206,9 +207,7 @@ TEST(Keyframes, DoNotPulseAndStaySeekable) {
       sync[std::stol(line.substr(0, comma))] = line.find('K', comma) != std::string::npos;
     }
   }
-  const std::string video = shell("ffmpeg -v error -i '" + (dir / "idle.mp4").string() +
-                                  "' -f rawvideo -pix_fmt yuv420p -")
-                                .out;
+  const std::string video = decodeVideo(dir / "idle.mp4", "yuv420p");
   std::vector<bool> key;
   for (const auto& [pts, isSync] : sync) key.push_back(isSync);
   const std::size_t bytes = Picture::pictureBytes(416, 720);
@@ -285,7 +284,7 @@ TEST(WarmUp, ShortenedRendersTheSameBytes) {
     EXPECT_TRUE(child->renderSegment(audio.data(), audio.size(),
                                      [&](std::uint32_t position, const std::uint8_t* rgb) {
                                        hash.update(&position, sizeof position);
-                                       hash.update(rgb, 416 * 720 * 3);
+                                       hash.update(rgb, kFrameBytes);
                                        ++frames;
                                      }));
     EXPECT_GT(frames, 40u);
@@ -293,12 +292,6 @@ TEST(WarmUp, ShortenedRendersTheSameBytes) {
   };
   EXPECT_EQ(digest(false), digest(true));
 }
-
-}  // namespace
-}  // namespace lumora2::family::test
-
-namespace lumora2::family::test {
-namespace {
 
 // Standard error carries lumora2-render's own lines only; the idle clip reader's log lines go to
 // the file --log names, under lumora2-render's name.
@@ -322,12 +315,6 @@ TEST(RenderLog, StderrIsOurOwnAndTheEngineLogGoesToItsFile) {
   EXPECT_TRUE(std::regex_search(
       readFile(dir / "log"), std::regex(R"(lumora2-render\[[0-9]+\] \[lumora2-idle\] wrap 1:)")));
 }
-
-}  // namespace
-}  // namespace lumora2::family::test
-
-namespace lumora2::family::test {
-namespace {
 
 // The render process's OpenMP settings as its environment shows them: threads wait passively
 // unless the user chose, and a parent of several children gives each its share of the cores

@@ -1,7 +1,8 @@
 // lumora2-render speaking text on the packed reference family: --text and --text-file through the
 // real executable and its real render-stream child, the MP4 read back with FFmpeg's tools. The
 // video's sound is the embedded voice's speech, the mouth moves during the words and rests in the
-// pauses between sentences, and texts that cannot be spoken are refused with one error line.
+// pauses between sentences. Texts that cannot be spoken are among the refusals of
+// family_render_robustness_test.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -9,7 +10,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <numeric>
 #include <string>
@@ -18,10 +18,7 @@
 #include "client/audio_input.h"
 #include "client/speech_text.h"
 #include "client/voice.h"
-#include "family/identity.h"
-#include "family/portrait.h"
 #include "family_fixture.h"
-#include "render/render_job.h"
 #include "render_test_support.h"
 
 namespace lumora2::family::test {
@@ -30,7 +27,6 @@ namespace {
 namespace fs = std::filesystem;
 using ::testing::HasSubstr;
 
-constexpr std::size_t kFrameBytes = 416 * 720 * 3;
 constexpr std::size_t kFrameSamples = 800;
 constexpr const char* kText =
     "Hello there. I am a talking avatar of the family. Every frame is rendered from my voice.";
@@ -78,77 +74,48 @@ class RenderText : public ::testing::Test {
   static void SetUpTestSuite() {
     ASSERT_TRUE(generatedFamily().packed);
     ::setenv("LUMORA2_MLMODELC_CACHE", (generatedFamily().root / "render-cache").c_str(), 1);
-    dir_ = new fs::path(scratchDir("render-text"));
-    run_ = new Shell(
-        shell(commandLine(renderWords({"--text", kText}, *dir_ / "text.mp4")), *dir_ / "stderr"));
-    const std::string mp4 = (*dir_ / "text.mp4").string();
-    video_ =
-        new std::string(shell("ffmpeg -v error -i '" + mp4 + "' -f rawvideo -pix_fmt rgb24 -").out);
-    const std::string pcm =
-        shell("ffmpeg -v error -i '" + mp4 + "' -f f32le -ac 1 -ar 16000 -").out;
-    sound_ = new std::vector<float>(pcm.size() / 4);
-    std::memcpy(sound_->data(), pcm.data(), sound_->size() * 4);
-    speech_ = new std::vector<float>();
+    dir_ = scratchDir("render-text");
+    run_ = shell(commandLine(renderWords({"--text", kText}, dir_ / "text.mp4")), dir_ / "stderr");
+    video_ = decodeVideo(dir_ / "text.mp4");
+    sound_ = render::decodeAudio(dir_ / "text.mp4");
     render::Voice("en-us+f3")
         .speak(render::splitSentences(kText), [](const float* s, std::size_t n) {
-          speech_->insert(speech_->end(), s, s + n);
+          speech_.insert(speech_.end(), s, s + n);
           return true;
         });
   }
-  static void TearDownTestSuite() {
-    delete dir_;
-    delete run_;
-    delete video_;
-    delete sound_;
-    delete speech_;
-  }
 
   static const std::uint8_t* frame(std::size_t f) {
-    return reinterpret_cast<const std::uint8_t*>(video_->data()) + f * kFrameBytes;
+    return reinterpret_cast<const std::uint8_t*>(video_.data()) + f * kFrameBytes;
   }
-  static std::size_t frames() { return video_->size() / kFrameBytes; }
+  static std::size_t frames() { return video_.size() / kFrameBytes; }
 
-  static fs::path* dir_;
-  static Shell* run_;
-  static std::string* video_;
-  static std::vector<float>* sound_;
-  static std::vector<float>* speech_;
+  static inline fs::path dir_;
+  static inline Shell run_;
+  static inline std::string video_;
+  static inline std::vector<float> sound_, speech_;
 };
-fs::path* RenderText::dir_ = nullptr;
-Shell* RenderText::run_ = nullptr;
-std::string* RenderText::video_ = nullptr;
-std::vector<float>* RenderText::sound_ = nullptr;
-std::vector<float>* RenderText::speech_ = nullptr;
 
 TEST_F(RenderText, TheSoundIsTheVoicesSpeech) {
-  ASSERT_EQ(run_->status, 0) << readFile(*dir_ / "stderr");
-  EXPECT_THAT(readFile(*dir_ / "stderr"), HasSubstr("voice en-us+f3: 3 sentences"));
-  const std::size_t expected = (speech_->size() + kFrameSamples - 1) / kFrameSamples;
+  ASSERT_EQ(run_.status, 0) << readFile(dir_ / "stderr");
+  EXPECT_THAT(readFile(dir_ / "stderr"), HasSubstr("voice en-us+f3: 3 sentences"));
+  const std::size_t expected = (speech_.size() + kFrameSamples - 1) / kFrameSamples;
   EXPECT_EQ(frames(), expected);
-  EXPECT_THAT(run_->out, HasSubstr(": " + std::to_string(expected) + " frames"));
+  EXPECT_THAT(run_.out, HasSubstr(": " + std::to_string(expected) + " frames"));
   // Through AAC: every sample there, the loudness following the speech frame by frame.
-  EXPECT_NEAR(double(sound_->size()), double(speech_->size()), 1024.0);
-  EXPECT_GT(correlation(frameLevels(*sound_), frameLevels(*speech_)), 0.95);
+  EXPECT_NEAR(double(sound_.size()), double(speech_.size()), 1024.0);
+  EXPECT_GT(correlation(frameLevels(sound_), frameLevels(speech_)), 0.95);
 }
 
 // The lower face differs from the mouth at rest while words are spoken far more than in the
 // pauses between sentences (frames at least 150 ms from any sound: the engine's mouth opens a
 // little ahead of a word and closes a little after it).
 TEST_F(RenderText, TheMouthMovesDuringWordsAndRestsBetweenSentences) {
-  ASSERT_EQ(run_->status, 0) << readFile(*dir_ / "stderr");
-  const std::vector<double> levels = frameLevels(*speech_);
+  ASSERT_EQ(run_.status, 0) << readFile(dir_ / "stderr");
+  const std::vector<double> levels = frameLevels(speech_);
   ASSERT_EQ(levels.size(), frames());
-  // How dark the mouth box is (mean of R, G, B); darker is more open.
-  const Rect box = faceRegions(identityByCode("ava")).mouth;
   std::vector<double> grey;
-  for (std::size_t f = 0; f < frames(); ++f) {
-    double sum = 0;
-    for (int y = box.y0; y < box.y1; ++y) {
-      const std::uint8_t* row = frame(f) + (std::size_t(y) * 416 + std::size_t(box.x0)) * 3;
-      for (int i = 0; i < 3 * box.width(); ++i) sum += row[i];
-    }
-    grey.push_back(sum / (3.0 * box.width() * box.height()));
-  }
+  for (std::size_t f = 0; f < frames(); ++f) grey.push_back(mouthGrey(frame(f)));
   const double shut = *std::max_element(grey.begin(), grey.end());
   std::size_t first = 0, last = 0;  // the first and last frames with sound
   for (std::size_t f = 0; f < levels.size(); ++f) {
@@ -182,52 +149,6 @@ TEST(RenderTextFile, ABlankLineIsAPauseWhereTheAvatarRests) {
   EXPECT_THAT(r.out, HasSubstr(", 2 utterances,"));
   EXPECT_THAT(readFile(dir / "stderr"), HasSubstr("voice en-us+m3: 2 sentences"));
 }
-
-// Texts that cannot be spoken: one error line, exit status 1, no output file.
-struct TextRefusal {
-  const char* name;
-  std::vector<std::string> args;  // "{dir}" is the case's directory
-  const char* message;
-};
-
-class RenderTextRefusal : public ::testing::TestWithParam<TextRefusal> {};
-
-TEST_P(RenderTextRefusal, SaysWhyInOneLine) {
-  const fs::path dir = scratchDir("render-text-refusal");
-  std::ofstream(dir / "long.txt") << std::string(render::kMaxTextChars + 1, 'a');
-  std::vector<std::string> args = GetParam().args;
-  for (std::string& a : args) {
-    if (const auto at = a.find("{dir}"); at != std::string::npos) a.replace(at, 5, dir.string());
-  }
-  const Shell r = shell(commandLine(renderWords(args, dir / "out.mp4")), dir / "stderr");
-  EXPECT_EQ(r.status, 1);
-  const std::string err = readFile(dir / "stderr");
-  EXPECT_THAT(err, ::testing::StartsWith("error: "));
-  EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
-  EXPECT_THAT(err, HasSubstr(GetParam().message));
-  EXPECT_FALSE(fs::exists(dir / "out.mp4"));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Texts, RenderTextRefusal,
-    ::testing::Values(
-        TextRefusal{"Empty", {"--text", ""}, "the text is empty"},
-        TextRefusal{"Spaces", {"--text", "   "}, "the text holds only spaces"},
-        TextRefusal{"ControlCharacter", {"--text", "one\atwo"}, "(U+0007, character 4)"},
-        TextRefusal{"TooLong",
-                    {"--text-file", "{dir}/long.txt"},
-                    "long.txt: the text has 100001 characters; at most 100000"},
-        TextRefusal{"UnspeakableScript",
-                    {"--text", "Hello. Привет."},
-                    "the voice en-us+f3 cannot speak Cyrillic script"},
-        TextRefusal{"UnknownVoice", {"--text", "Hi.", "--voice", "nosuch"}, "no voice called"},
-        TextRefusal{"MissingFile", {"--text-file", "{dir}/absent.txt"}, "is not a readable file"},
-        TextRefusal{
-            "AudioAndText", {"--text", "Hi.", "--audio", "{dir}/long.txt"}, "exclude each other"},
-        TextRefusal{"VoiceWithAudio",
-                    {"--audio", "{dir}/long.txt", "--voice", "ru"},
-                    "goes with --text or --text-file"}),
-    [](const auto& p) { return std::string(p.param.name); });
 
 }  // namespace
 }  // namespace lumora2::family::test

@@ -1,30 +1,16 @@
 #include "render_test_support.h"
 
-#include <sys/wait.h>
-
 #include <cmath>
 #include <cstdint>
-#include <cstdio>
 #include <fstream>
 
+#include "family/identity.h"
+#include "family/portrait.h"
 #include "family_fixture.h"
 
 namespace lumora2::family::test {
 
 namespace fs = std::filesystem;
-
-Shell shell(const std::string& command, const fs::path& errFile) {
-  const std::string line =
-      command + (errFile.empty() ? std::string(" 2>/dev/null") : " 2>'" + errFile.string() + "'");
-  Shell r;
-  FILE* pipe = ::popen(line.c_str(), "r");
-  if (pipe == nullptr) return r;
-  char buf[1 << 16];
-  for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, pipe)) > 0;) r.out.append(buf, n);
-  const int raw = ::pclose(pipe);
-  r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
-  return r;
-}
 
 void writeWav(const fs::path& path, const std::vector<float>& samples, bool asFloat) {
   auto u32 = [](std::ofstream& o, std::uint32_t v) { o.write(reinterpret_cast<char*>(&v), 4); };
@@ -51,6 +37,36 @@ void writeWav(const fs::path& path, const std::vector<float>& samples, bool asFl
       u16(o, std::uint16_t(std::int16_t(std::lround(s * 32767))));
     }
   }
+}
+
+std::vector<float> tone(std::size_t count) {
+  std::vector<float> out(count);
+  for (std::size_t i = 0; i < count; ++i) {
+    out[i] = float(0.5 * std::sin(2 * M_PI * 220.0 * double(i) / kRate));
+  }
+  return out;
+}
+
+std::string decodeVideo(const fs::path& mp4, const std::string& format) {
+  return shell(commandLine({"ffmpeg", "-v", "error", "-i", mp4.string(), "-f", "rawvideo",
+                            "-pix_fmt", format, "-"}))
+      .out;
+}
+
+double mouthGrey(const std::uint8_t* rgb) {
+  const Rect box = faceRegions(identityByCode("ava")).mouth;
+  double sum = 0;
+  for (int y = box.y0; y < box.y1; ++y) {
+    const std::uint8_t* row = rgb + (std::size_t(y) * 416 + std::size_t(box.x0)) * 3;
+    for (int i = 0; i < 3 * box.width(); ++i) sum += row[i];
+  }
+  return sum / (3.0 * box.width() * box.height());
+}
+
+std::set<std::string> namesIn(const fs::path& dir) {
+  std::set<std::string> found;
+  for (const auto& e : fs::directory_iterator(dir)) found.insert(e.path().filename());
+  return found;
 }
 
 fs::path renderBin() { return LUMORA2_RENDER_BIN; }

@@ -1,22 +1,19 @@
-// What the lumora2-render tests share: running the real executables and writing test audio.
+// What the lumora2-render tests share: running the real executables, writing test audio and reading
+// back video.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
+#include <set>
 #include <string>
 #include <vector>
+
+#include "family_fixture.h"
 
 namespace lumora2::family::test {
 
 constexpr std::size_t kRate = 16000;
-
-struct Shell {
-  int status = -1;
-  std::string out;  // standard output
-};
-
-// Runs a shell command line; standard output is captured, standard error goes to `errFile` when
-// given.
-Shell shell(const std::string& command, const std::filesystem::path& errFile = {});
+constexpr std::size_t kFrameBytes = 416 * 720 * 3;  // one R, G, B frame
 
 // A mono 16 kHz WAV: 16-bit PCM, or 32-bit float (which carries any value, NaN included).
 void writeWav(const std::filesystem::path& path, const std::vector<float>& samples,
@@ -26,6 +23,19 @@ void writeWav(const std::filesystem::path& path, const std::vector<float>& sampl
 std::filesystem::path renderBin();
 std::filesystem::path avatarFile();
 std::filesystem::path engineFile();
+
+// `count` samples of a 220 Hz tone at half the full scale.
+std::vector<float> tone(std::size_t count);
+
+// The video of `mp4` as raw frames in FFmpeg's pixel format `format`; empty when unreadable.
+std::string decodeVideo(const std::filesystem::path& mp4, const std::string& format = "rgb24");
+
+// How dark ava's mouth box is in a 416 x 720 R, G, B frame (the mean of R, G and B): the more
+// open the mouth, the darker.
+double mouthGrey(const std::uint8_t* rgb);
+
+// The names of the entries of `dir`.
+std::set<std::string> namesIn(const std::filesystem::path& dir);
 
 // The words as one shell command line, each quoted.
 std::string commandLine(const std::vector<std::string>& words);

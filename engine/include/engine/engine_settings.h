@@ -86,7 +86,7 @@ struct EngineSettings {
   std::optional<Path> devDir() const;
 
   // The compiled-model cache: LUMORA2_MLMODELC_CACHE when set and non-empty, else
-  // $XDG_CACHE_HOME/morvane-lumora2 when that is absolute, else ~/.cache/morvane-lumora2; none
+  // $XDG_CACHE_HOME/lumora2-model when that is absolute, else ~/.cache/lumora2-model; none
   // when there is no home either. Each key keeps its newest `cacheKeep` entries
   // (LUMORA2_MLMODELC_CACHE_KEEP: decimal with an optional sign, at least 1; 24 when unset or not
   // an integer).

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -123,13 +124,21 @@ class RecordReader {
   using ItemFn = std::function<void(const Item&)>;
 
   RecordReader(int width, int height);
-  // Takes `size` bytes and hands every record or marker they complete to `onItem`, in order.
+
+  // Reading straight from a source, with no copy: space() is where the next bytes go (at most the
+  // rest of the item begun, so that no read carries bytes past the item it completes), and
+  // commit(size) takes the `size` bytes written there, handing the item they complete, if any,
+  // to `onItem`. A frame's pixels stay where they are until the next commit.
+  std::span<std::uint8_t> space();
+  void commit(std::size_t size, const ItemFn& onItem);
+
+  // Takes `size` bytes from elsewhere (copied) and hands every record or marker they complete to
+  // `onItem`, in order.
   void consume(const std::uint8_t* data, std::size_t size, const ItemFn& onItem);
   // Whether a record has begun and not yet ended.
   bool midRecord() const { return held_ > 0; }
 
  private:
-  std::size_t pixelBytes_;
   std::vector<std::uint8_t> record_;  // position word + pixels
   std::size_t held_ = 0;              // bytes of record_ filled
 };

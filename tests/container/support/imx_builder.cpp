@@ -50,11 +50,6 @@ std::string le64(std::uint64_t value) {
   return out;
 }
 
-ImxBuilder& ImxBuilder::count(std::uint16_t value) {
-  count_ = value;
-  return *this;
-}
-
 ImxBuilder& ImxBuilder::add(std::string name, std::string data) {
   entries_.push_back({std::move(name), std::move(data), {}, {}});
   return *this;
@@ -84,7 +79,7 @@ ImxBuilder::Layout ImxBuilder::layout() const {
 std::string ImxBuilder::bytes() const {
   const std::uint64_t dataAt = layout().dataAt;
   std::string table = std::string("IMX\0", 4) + le16(Lumora2Container::version) +
-                      le16(count_.value_or(static_cast<std::uint16_t>(entries_.size())));
+                      le16(static_cast<std::uint16_t>(entries_.size()));
   std::string data;
   for (const Entry& e : entries_) {
     table += le16(static_cast<std::uint16_t>(e.name.size())) + e.name +

@@ -46,8 +46,6 @@ class ImxBuilder {
     std::uint64_t dataAt = 0;  // first byte after the table
   };
 
-  // Overrides the count field; by default it is the number of entries added.
-  ImxBuilder& count(std::uint16_t value);
   // A member with its bytes in the data area; the name is raw bytes and need not be UTF-8.
   ImxBuilder& add(std::string name, std::string data);
   // A table entry pointing anywhere, with nothing laid out for it.
@@ -64,7 +62,6 @@ class ImxBuilder {
     std::string name, data;
     std::optional<std::uint64_t> offset, size;  // set for a span
   };
-  std::optional<std::uint16_t> count_;
   std::vector<Entry> entries_;
   std::string trailer_;
 };

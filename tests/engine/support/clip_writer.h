@@ -1,6 +1,6 @@
-// Writes small video clips for the idle-clip tests with the FFmpeg libraries: H.264 (libx264) in
-// yuv420p with B-frames, so that readers must reorder pictures and drain the decoder at the end of
-// the file.
+// Writes small video clips for the idle-clip tests with FFmpeg's command-line tool: H.264 (libx264)
+// in yuv420p with B-frames, so that readers must reorder pictures and drain the decoder at the end
+// of the file.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@ struct ClipOptions {
   const char* container = "mp4";  // the muxer's short name, e.g. "mp4", "matroska"
   int fps = 10;                   // the frames lie 1/fps seconds apart
   int declaredFps = 0;            // the nominal rate written into the stream's header; 0: fps
-  bool zeroPayloads = false;      // every coded picture's bytes overwritten with zeros
+  bool zeroPayloads = false;      // every coded picture's bytes overwritten with zeros (mp4 only)
 };
 
 // One picture per entry, width x height x 3 bytes in B, G, R order. Throws std::runtime_error on
