@@ -171,17 +171,25 @@ async function ports(browser) {
   };
   const ids = [];
   for (let i = 0; i < 3; ++i) ids.push((await call(`${server}/v1/sessions`, { method: 'POST', json: { avatar: 'ava' } })).body.id);
-  const first = await whep(ids[0]), second = await whep(ids[1]);
-  check(first.status === 201 && second.status === 201 && /^\/v1\/sessions\/[0-9a-f]{32}\/whep\/\d+$/.test(first.location),
-    'ports: two viewers answered, each with its WHEP resource', `${first.status} ${second.status} ${first.location}`);
+  // A viewer takes one UDP port, and for ICE-TCP one TCP port per address family, which need
+  // not be the same: two ports hold one or two viewers, never three.
+  const answered = [];
+  let refused = null;
+  for (const id of ids) {
+    const r = await whep(id);
+    if (r.status !== 201) { refused = { id, ...r }; break; }
+    answered.push(r);
+  }
+  const first = answered[0] || {};
+  check(answered.length >= 1 && /^\/v1\/sessions\/[0-9a-f]{32}\/whep\/\d+$/.test(first.location),
+    'ports: viewers answered, each with its WHEP resource', `${answered.length} answered, ${first.location}`);
   check(/rel="ice-server"; username="\d+:[0-9a-f]{32}"; credential="[^"]+"/.test(first.links || ''),
     'ports: the answer names the TURN servers with credentials', first.links);
   const sockets = serverSockets();
   check(sockets.length >= 2 && sockets.every((s) => s.port >= minPort && s.port <= maxPort),
     'ports: every media socket of the server is in the range', JSON.stringify(sockets));
-  const third = await whep(ids[2]);
-  check(third.status === 503 && JSON.parse(third.body).reason === 'ports', 'ports: with the range used up a viewer is refused (503 "ports")',
-    `${third.status} ${third.body}`);
+  check(refused && refused.status === 503 && JSON.parse(refused.body).reason === 'ports',
+    'ports: with the range used up the next viewer is refused (503 "ports")', refused ? `${refused.status} ${refused.body}` : 'none refused');
   const patch = (headers, body) => fetch(server + first.location, { method: 'PATCH', headers: { 'Content-Type': 'application/trickle-ice-sdpfrag', ...headers }, body }).then((r) => r.status);
   const frag = 'a=mid:0\r\na=candidate:1 1 udp 2122260223 10.204.2.2 50000 typ host\r\n';
   const patched = [await patch({}, frag), await patch({ 'If-Match': '*' }, frag), await patch({ 'If-Match': '"v99"' }, frag)];
@@ -191,9 +199,8 @@ async function ports(browser) {
   const status = (await call(`${server}/v1/sessions/${ids[0]}`)).body;
   check(deleted.status === 200 && again.status === 404 && status.state !== 'ended' && status.viewer === 'none',
     'ports: DELETE ends the viewer (200, then 404); the session lives on without one', `${deleted.status} ${again.status} ${status.state} ${status.viewer}`);
-  const freed = await whep(ids[2]);
-  const next = await whep(ids[0]);
-  check(freed.status === 201 && next.status === 503, 'ports: its port goes to the next viewer', `${freed.status} ${next.status}`);
+  const freed = refused ? await whep(refused.id) : { status: 0 };
+  check(freed.status === 201, 'ports: its ports go to the viewer refused before', String(freed.status));
   for (const id of ids) await call(`${server}/v1/sessions/${id}`, { method: 'DELETE' });
   await page.close();
   check(await until(async () => serverSockets().length === 0, 15000), 'ports: the sessions ended, no media socket is left', JSON.stringify(serverSockets()));
