@@ -58,7 +58,7 @@ constexpr const char* kUsage =
     "udp|tcp] (repeatable) are used by the server and given to browsers, TURN with credentials\n"
     "made from --turn-secret-file's shared secret that expire after --turn-lifetime seconds\n"
     "(default 86400); --public-address names the server's address outside a 1:1 NAT in its\n"
-    "candidates; --udp-ports keeps every media socket in MIN-MAX (one UDP port per viewer).\n";
+    "candidates; --udp-ports keeps every media socket in MIN-MAX (two ports per viewer).\n";
 
 struct Arguments {
   fs::path engine, avatars, host, tokenFile;
