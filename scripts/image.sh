@@ -112,9 +112,10 @@ rm -rf "$work/family/staging"
 
 # The Debian packages that hold the libraries the executables load, found on this (Debian 12)
 # build machine, and what they load at run time without linking it: GStreamer's plugins (webrtcbin,
-# ICE, x264, Opus, RTP) and the voice's data.
+# ICE, x264, Opus, RTP) and the voice's data; and the TURN server the manifests run from the same
+# image (deploy/kubernetes/overlays/turn).
 runtime=(gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
-         gstreamer1.0-plugins-ugly gstreamer1.0-nice espeak-ng-data)
+         gstreamer1.0-plugins-ugly gstreamer1.0-nice espeak-ng-data coturn)
 for exe in "$bin"/*; do
   while read -r lib; do
     pkg=$(dpkg -S "$lib" 2>/dev/null || dpkg -S "$(readlink -f "$lib")" 2>/dev/null || true)

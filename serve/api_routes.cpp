@@ -20,9 +20,15 @@ bool isV1Session(const std::vector<std::string>& parts) {
   return parts.size() >= 2 && parts[0] == "v1" && parts[1] == "sessions";
 }
 
-// The call that parts names on a session, "" for the session itself.
+// The call that parts names on a session, "" for the session itself; a viewer's WHEP resource
+// (/v1/sessions/ID/whep/VIEWER) is "whep" too.
 std::string sessionVerb(const std::vector<std::string>& parts) {
-  return isV1Session(parts) && parts.size() == 4 ? parts[3] : "";
+  const bool resource = parts.size() == 5 && parts[3] == "whep";
+  return isV1Session(parts) && (parts.size() == 4 || resource) ? parts[3] : "";
+}
+
+bool isWhepResource(const std::vector<std::string>& parts) {
+  return isV1Session(parts) && parts.size() == 5 && parts[3] == "whep";
 }
 
 }  // namespace
@@ -36,7 +42,10 @@ bool HttpServer::Impl::isProbe(const Request& req) {
 
 bool HttpServer::Impl::slowCall(const Request& req) {
   const auto parts = pathParts(req.target());
-  return req.method() == http::verb::post && isV1Session(parts);
+  // Ending a viewer stops its media pipeline; its candidates go to its ICE agent.
+  return (req.method() == http::verb::post && isV1Session(parts)) ||
+         ((req.method() == http::verb::delete_ || req.method() == http::verb::patch) &&
+          isWhepResource(parts));
 }
 
 bool HttpServer::Impl::authorised(const Request& req, bool tokenInQuery) const {
@@ -82,6 +91,11 @@ std::optional<ApiError> HttpServer::Impl::screen(
       !isContentType(type, "application/json")) {
     return ApiError{http::status::unsupported_media_type, "the body must be application/json"};
   }
+  if (method == http::verb::patch && isWhepResource(parts) &&
+      !isContentType(type, "application/trickle-ice-sdpfrag")) {
+    return ApiError{http::status::unsupported_media_type,
+                    "the body must be application/trickle-ice-sdpfrag"};
+  }
   if (method == http::verb::post && verb == "speech" && isFormType(type)) {
     return ApiError{
         http::status::unsupported_media_type,
@@ -104,7 +118,7 @@ void HttpServer::Impl::allowOrigin(std::string_view origin, std::string_view hos
   if (judgeOrigin(origin, host, config.callers) != OriginVerdict::allowed) return;
   res.set(http::field::access_control_allow_origin, origin);
   res.set(http::field::vary, "Origin");
-  res.set(http::field::access_control_expose_headers, "Location, Link");
+  res.set(http::field::access_control_expose_headers, "Location, Link, ETag");
 }
 
 Response HttpServer::Impl::handle(const Request& req) {
@@ -134,6 +148,11 @@ Response HttpServer::Impl::route(const Request& req) {
     res.set(http::field::access_control_allow_headers,
             "Authorization, Content-Type, If-Match, Last-Event-ID");
     res.set(http::field::access_control_max_age, "600");
+    // A WHEP player may ask the endpoint for its ICE servers before it makes its offer; the
+    // credentials go to authorised callers only.
+    if (sessionVerb(parts) == "whep" && parts.size() == 4 && authorised(req, false)) {
+      if (sessions.find(parts[2])) addIceLinks(parts[2], res);
+    }
     res.keep_alive(req.keep_alive());
     res.prepare_payload();
     return res;
@@ -213,12 +232,14 @@ Response HttpServer::Impl::createSession(const Request& req) {
   if (avatar == nullptr) throw ApiError{http::status::not_found, "no such avatar"};
   std::shared_ptr<LiveSession> session = sessions.create(*avatar);
   const std::string base = "/v1/sessions/" + session->id();
+  const auto servers = config.ice->entries(session->id(), std::chrono::system_clock::now());
   Response res = jsonResponse(req, http::status::created,
                               {{"id", session->id()},
                                {"avatar", avatar->code},
                                {"width", 416},
                                {"height", 720},
                                {"fps", 20},
+                               {"ice_servers", IceConfig::browserServers(servers)},
                                {"urls",
                                 {{"session", base},
                                  {"whep", base + "/whep"},
@@ -257,6 +278,7 @@ Response HttpServer::Impl::sessionCall(const Request& req, const std::vector<std
     sessions.remove(session->id());
     return noContent(req);
   }
+  if (verb == "whep" && parts.size() == 5) return whepResource(req, *session, parts[4]);
   if (verb == "whep") {
     only(http::verb::post);
     return whep(req, *session);
@@ -283,14 +305,53 @@ Response HttpServer::Impl::whep(const Request& req, LiveSession& session) {
   if (!isContentType(req[http::field::content_type], "application/sdp")) {
     throw ApiError{http::status::unsupported_media_type, "the offer must be application/sdp"};
   }
-  const std::string answer = session.connect(req.body());
+  const LiveSession::Answer answer = session.connect(req.body());
   Response res{http::status::created, req.version()};
   res.set(http::field::content_type, "application/sdp");
-  res.set(http::field::location, "/v1/sessions/" + session.id() + "/whep");
+  res.set(http::field::location,
+          "/v1/sessions/" + session.id() + "/whep/" + std::to_string(answer.viewer));
+  res.set(http::field::etag, "\"v" + std::to_string(answer.viewer) + "\"");
+  addIceLinks(session.id(), res);
   res.keep_alive(req.keep_alive());
-  res.body() = answer;
+  res.body() = answer.sdp;
   res.prepare_payload();
   return res;
+}
+
+void HttpServer::Impl::addIceLinks(const std::string& sessionId, Response& res) const {
+  for (const std::string& link :
+       IceConfig::linkHeaders(config.ice->entries(sessionId, std::chrono::system_clock::now()))) {
+    res.insert(http::field::link, link);
+  }
+}
+
+Response HttpServer::Impl::whepResource(const Request& req, LiveSession& session,
+                                        const std::string& viewer) {
+  const bool number = !viewer.empty() && viewer.size() <= 19 &&
+                      viewer.find_first_not_of("0123456789") == std::string::npos;
+  if (!number) throw ApiError{http::status::not_found, "no such viewer"};
+  const std::uint64_t which = std::stoull(viewer);
+  if (req.method() == http::verb::delete_) {
+    session.disconnect(which);
+    return jsonResponse(req, http::status::ok, {{"viewer", which}, {"ended", true}});
+  }
+  if (req.method() != http::verb::patch) {
+    throw ApiError{http::status::method_not_allowed, "use PATCH or DELETE here"};
+  }
+  // An ICE restart (If-Match: *, new credentials in the fragment) would need the agent to start
+  // over with the same DTLS session, which it cannot: a viewer that lost its path posts a new
+  // offer instead, and the session waits --viewer-grace for it.
+  const auto match = req[http::field::if_match];
+  if (match == "*") {
+    throw ApiError{http::status::method_not_allowed,
+                   "ICE restarts are not supported: post a new offer to the session's WHEP "
+                   "endpoint (the session waits for its viewer to come back)"};
+  }
+  if (!match.empty() && match != "\"v" + viewer + "\"") {
+    throw ApiError{http::status::precondition_failed, "If-Match names another viewer"};
+  }
+  session.addCandidates(which, req.body());
+  return noContent(req);
 }
 
 Response HttpServer::Impl::speech(const Request& req, LiveSession& session) {

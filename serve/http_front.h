@@ -114,6 +114,10 @@ struct HttpServer::Impl {
   Response createSession(const Request& req);
   Response sessionCall(const Request& req, const std::vector<std::string>& parts);
   Response whep(const Request& req, LiveSession& session);
+  // A viewer's WHEP resource: DELETE ends it, PATCH adds its late candidates.
+  Response whepResource(const Request& req, LiveSession& session, const std::string& viewer);
+  // The session's ICE servers with fresh credentials, as Link headers on `res`.
+  void addIceLinks(const std::string& sessionId, Response& res) const;
   Response speech(const Request& req, LiveSession& session);
   Response say(const Request& req, LiveSession& session);
   std::vector<float> decodeSpeech(const std::string& body);

@@ -18,6 +18,7 @@
 #include <string>
 
 #include "catalog.h"
+#include "ice_servers.h"
 #include "request_checks.h"
 #include "server_metrics.h"
 #include "session_registry.h"
@@ -53,6 +54,8 @@ struct ServerConfig {
   Limits limits;
   int threads = 4;                // I/O threads
   std::filesystem::path scratch;  // where posted recordings are decoded from
+  // The STUN and TURN servers browsers are told of (with credentials for each viewer).
+  std::shared_ptr<const IceConfig> ice = std::make_shared<IceConfig>();
 };
 
 class HttpServer {

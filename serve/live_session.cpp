@@ -99,7 +99,7 @@ const char* LiveSession::viewerName(Viewer viewer) {
   return "none";
 }
 
-std::string LiveSession::connect(const std::string& offer) {
+LiveSession::Answer LiveSession::connect(const std::string& offer) {
   std::uint64_t generation = 0;
   {
     MutexLock hold(lock_);
@@ -130,15 +130,32 @@ std::string LiveSession::connect(const std::string& offer) {
   events.ended = [this, generation](const std::string& why) { viewerLeft(generation, why); };
   WebRtcSender::Options media;
   media.soundDelay = options_.soundDelay;
+  // A viewer not connected by the time its place would be given to another has no path.
+  media.connectTimeout = options_.viewerSetup;
+  const IceConfig& ice = *options_.ice;
+  // The server's own agent is a client of the TURN servers too, with credentials of its own.
+  const auto servers = ice.entries(id_, std::chrono::system_clock::now());
+  media.stunServer = IceConfig::agentStunServer(servers);
+  media.turnServers = IceConfig::agentTurnServers(servers);
+  if (ice.udpPorts) {
+    media.minPort = ice.udpPorts->min;
+    media.maxPort = ice.udpPorts->max;
+  }
   std::shared_ptr<WebRtcSender> sender;
   try {
     sender = WebRtcSender::create(offer, media, std::move(events));
   } catch (...) {
     MutexLock hold(lock_);
     if (viewerGeneration_ == generation) viewer_ = Viewer::none;
-    throw;
+    try {
+      throw;
+    } catch (const NoCandidateError& e) {
+      if (ice.udpPorts) throw SessionError(503, e.what(), "ports");
+      throw SessionError(500, e.what());
+    }
   }
-  const std::string answer = sender->answer();
+  Answer answer{sender->answer(), generation};
+  if (!ice.publicAddress.empty()) answer.sdp = announceAddress(answer.sdp, ice.publicAddress);
   std::shared_ptr<WebRtcSender> replaced;
   {
     MutexLock hold(lock_);
@@ -148,6 +165,36 @@ std::string LiveSession::connect(const std::string& offer) {
   retire(std::move(replaced));
   changed_.notify_all();
   return answer;
+}
+
+void LiveSession::disconnect(std::uint64_t viewer) {
+  std::shared_ptr<WebRtcSender> gone;
+  {
+    MutexLock hold(lock_);
+    if (viewer != viewerGeneration_ || viewer_ == Viewer::none) {
+      throw SessionError(404, "no such viewer: it has ended, or a later one took its place");
+    }
+    gone = std::move(sender_);
+    viewer_ = Viewer::none;
+    viewerSince_ = Clock::now();
+    lastActivity_ = Clock::now();
+  }
+  retire(std::move(gone));
+  events_.publish("viewer_left", {{"reason", "the viewer ended its stream"}});
+  changed_.notify_all();
+}
+
+std::size_t LiveSession::addCandidates(std::uint64_t viewer, const std::string& fragment) {
+  std::shared_ptr<WebRtcSender> sender;
+  {
+    MutexLock hold(lock_);
+    if (viewer != viewerGeneration_ || viewer_ == Viewer::none || viewer_ == Viewer::left ||
+        !sender_) {
+      throw SessionError(404, "no such viewer: it has ended, or a later one took its place");
+    }
+    sender = sender_;
+  }
+  return sender->addCandidates(fragment);
 }
 
 void LiveSession::retire(std::shared_ptr<WebRtcSender> sender) {

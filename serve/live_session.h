@@ -39,6 +39,7 @@
 #include "client/stream_child.h"
 #include "client/voice.h"
 #include "engine/thread_annotations.h"
+#include "ice_servers.h"
 #include "live_timeline.h"
 #include "media/webrtc_sender.h"
 #include "session_events.h"
@@ -81,6 +82,8 @@ struct SessionOptions {
   std::chrono::seconds viewerSetup{20};  // how long an answered viewer may take to connect
   std::shared_ptr<TraceFile> trace;      // frames sent, when asked for
   SoundDelay soundDelay;  // diagnostics (LUMORA2_SERVE_SOUND_DELAY_MS): a planted fault
+  // STUN and TURN servers, the public address and the port range of every viewer's connection.
+  std::shared_ptr<const IceConfig> ice = std::make_shared<IceConfig>();
 };
 
 // The avatar's idle clip, being read or read (shared by the avatar's sessions).
@@ -97,9 +100,22 @@ class LiveSession {
   const Avatar& avatar() const { return avatar_; }
   SessionEvents& events() { return events_; }
 
-  // The WHEP exchange: the viewer's SDP offer in, the answer out. Throws SessionError 409 when a
-  // viewer is connected or connecting, MediaError for an offer that cannot be answered.
-  std::string connect(const std::string& offer) LUMORA2_EXCLUDES(lock_);
+  // The WHEP exchange: the viewer's SDP offer in, the answer out, with the number of the viewer
+  // (its WHEP resource). Throws SessionError 409 when a viewer is connected or connecting, 503
+  // (reason "ports") when no port of the range is free, MediaError for an offer that cannot be
+  // answered.
+  struct Answer {
+    std::string sdp;
+    std::uint64_t viewer = 0;
+  };
+  Answer connect(const std::string& offer) LUMORA2_EXCLUDES(lock_);
+  // Ends viewer `viewer` (its WHEP resource deleted): the session's viewer place is free at once
+  // and the session lives on. Throws SessionError 404 when that viewer is not the session's.
+  void disconnect(std::uint64_t viewer) LUMORA2_EXCLUDES(lock_);
+  // The late candidates of viewer `viewer` (an SDP fragment); how many were taken. Throws
+  // SessionError 404 as disconnect does, MediaError for a fragment without candidates.
+  std::size_t addCandidates(std::uint64_t viewer, const std::string& fragment)
+      LUMORA2_EXCLUDES(lock_);
 
   struct Receipt {
     std::uint64_t utterance = 0;

@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -40,7 +39,9 @@ constexpr const char* kUsage =
     "                     [--host PATH] [--idle-timeout SECONDS] [--voice NAME]\n"
     "                     [--viewer-grace SECONDS] [--allow-host NAME]... [--allow-origin "
     "ORIGIN]...\n"
-    "                     [--clip-memory MIB] [--render-processes auto|N|per-session]\n"
+    "                     [--clip-memory MIB] [--ice-server URL]... [--turn-secret-file F]\n"
+    "                     [--turn-lifetime SECONDS] [--public-address ADDR] [--udp-ports MIN-MAX]\n"
+    "                     [--render-processes auto|N|per-session]\n"
     "\n"
     "Serves live talking sessions of the avatars in DIR (*.avatar) to a browser: open\n"
     "http://ADDRESS:PORT/ for the page, or use the HTTP API (docs/SERVE.md). Each session runs a\n"
@@ -58,7 +59,12 @@ constexpr const char* kUsage =
     "other origins may call it only with --allow-origin. Decoded idle clips are kept for the\n"
     "next session up to --clip-memory MiB (default 1024). Sessions are rendered by a few shared\n"
     "render processes, one per usable core (--render-processes auto) or N, each session on the\n"
-    "least loaded; --render-processes per-session gives each session a child of its own.\n";
+    "least loaded; --render-processes per-session gives each session a child of its own.\n"
+    "Viewers on other networks: --ice-server stun:HOST[:PORT] or turn(s):HOST[:PORT][?transport=\n"
+    "udp|tcp] (repeatable) are used by the server and given to browsers, TURN with credentials\n"
+    "made from --turn-secret-file's shared secret that expire after --turn-lifetime seconds\n"
+    "(default 86400); --public-address names the server's address outside a 1:1 NAT in its\n"
+    "candidates; --udp-ports keeps every media socket in MIN-MAX (two ports per viewer).\n";
 
 struct Arguments {
   fs::path engine, avatars, host, tokenFile;
@@ -73,6 +79,10 @@ struct Arguments {
   long idleTimeout = 600;
   long drainSeconds = 30;
   long renderProcesses = 0;  // 0: one per usable core; -1: a child per session
+  std::vector<std::string> iceServers;
+  fs::path turnSecretFile;
+  long turnLifetime = 86400;
+  std::string publicAddress, udpPorts;
 };
 
 long wholeNumber(const std::string& option, const std::string& text, long low, long high) {
@@ -121,6 +131,16 @@ Arguments parseArguments(const std::vector<std::string>& args) {
       a.renderProcesses = text == "auto"          ? 0
                           : text == "per-session" ? -1
                                                   : wholeNumber(option, text, 1, 64);
+    } else if (option == "--ice-server") {
+      a.iceServers.push_back(value());
+    } else if (option == "--turn-secret-file") {
+      a.turnSecretFile = value();
+    } else if (option == "--turn-lifetime") {
+      a.turnLifetime = wholeNumber(option, value(), 60, 30 * 86400);
+    } else if (option == "--public-address") {
+      a.publicAddress = value();
+    } else if (option == "--udp-ports") {
+      a.udpPorts = value();
     } else if (option == "--allow-host") {
       a.allowHosts.push_back(value());
     } else if (option == "--allow-origin") {
@@ -151,22 +171,18 @@ Arguments parseArguments(const std::vector<std::string>& args) {
   return a;
 }
 
-std::string readToken(const fs::path& file) {
-  // Only a regular file: a FIFO would hold the start-up until someone writes to it.
-  std::error_code ec;
-  if (!fs::is_regular_file(file, ec)) {
-    throw ClientError("the token file " + file.string() + " is not a regular file");
+// How viewers on other networks reach the server; every value checked before it serves.
+std::shared_ptr<const serve::IceConfig> iceConfig(const Arguments& a) {
+  auto ice = std::make_shared<serve::IceConfig>();
+  for (const std::string& url : a.iceServers) ice->servers.push_back(serve::parseIceServer(url));
+  if (!a.turnSecretFile.empty()) {
+    ice->turnSecret = serve::readSecretFile(a.turnSecretFile, "the TURN secret file");
   }
-  std::ifstream in(file);
-  std::string token;
-  if (!in || !std::getline(in, token)) {
-    throw ClientError("cannot read a token from " + file.string());
-  }
-  while (!token.empty() && (token.back() == '\r' || token.back() == ' ')) token.pop_back();
-  if (token.size() < 16) {
-    throw ClientError("the token in " + file.string() + " is shorter than 16 characters");
-  }
-  return token;
+  ice->turnLifetime = std::chrono::seconds(a.turnLifetime);
+  if (!a.publicAddress.empty()) ice->publicAddress = serve::parsePublicAddress(a.publicAddress);
+  if (!a.udpPorts.empty()) ice->udpPorts = serve::parsePortRange(a.udpPorts);
+  ice->check();
+  return ice;
 }
 
 // Temporary directories of servers that did not end (killed, or the machine went down): each is
@@ -210,6 +226,123 @@ std::shared_ptr<lumora2::render::RenderPool> makeRenderers(
   return pool;
 }
 
+// The avatars of --avatars, what was skipped or is doubtful about them said on standard error.
+serve::Catalog loadAvatars(const Arguments& arguments) {
+  serve::Catalog catalog = serve::loadCatalog(arguments.engine, arguments.avatars, arguments.voice);
+  for (const std::string& line : catalog.skipped) {
+    std::fprintf(stderr, "lumora2-serve: skipped %s\n", line.c_str());
+  }
+  for (const std::string& line : catalog.warnings) {
+    std::fprintf(stderr, "lumora2-serve: warning: %s\n", line.c_str());
+  }
+  if (catalog.avatars.empty()) {
+    throw ClientError("no usable avatar in " + arguments.avatars.string());
+  }
+  return catalog;
+}
+
+serve::SessionOptions sessionOptions(const Arguments& arguments,
+                                     std::shared_ptr<const serve::IceConfig> ice) {
+  serve::SessionOptions options;
+  options.command.host = arguments.host;
+  options.command.engine = arguments.engine;
+  // Children render ahead of the clock (their frames wait in the timeline); the server's
+  // encoding and pacing keep it and must not queue behind them for the processor.
+  options.command.niceness = 5;
+  // A newcomer's warm-up (a second or two of graph runs) yields to the children already
+  // rendering for a viewer, so that a join never makes them late.
+  options.command.warmUpNiceness = 15;
+  options.viewerGrace = std::chrono::seconds(arguments.viewerGrace);
+  options.ice = std::move(ice);
+  if (const char* trace = std::getenv("LUMORA2_SERVE_TRACE"); trace != nullptr && *trace) {
+    options.trace = std::make_shared<serve::TraceFile>(trace);
+  }
+  if (const char* delay = std::getenv("LUMORA2_SERVE_SOUND_DELAY_MS"); delay != nullptr) {
+    options.soundDelay = serve::parseSoundDelay(delay);  // a planted lip-sync fault
+  }
+  return options;
+}
+
+// Waits for a terminating signal; SIGTERM drains first (--drain-seconds), a second one cuts the
+// drain short.
+void awaitStop(sigset_t& stopSignals, const Arguments& arguments,
+               serve::SessionRegistry& sessions) {
+  int signal = 0;
+  sigwait(&stopSignals, &signal);
+  if (signal != SIGTERM || arguments.drainSeconds <= 0) {
+    std::fprintf(stderr, "lumora2-serve: signal %d — ending every session\n", signal);
+    return;
+  }
+  std::fprintf(stderr,
+               "lumora2-serve: SIGTERM — draining: no new session, what was said is spoken "
+               "(at most %ld s)\n",
+               arguments.drainSeconds);
+  const timespec none{0, 0};
+  const auto started = std::chrono::steady_clock::now();
+  const serve::SessionRegistry::Drained drained =
+      sessions.drain(started + std::chrono::seconds(arguments.drainSeconds),
+                     [&] { return sigtimedwait(&stopSignals, nullptr, &none) > 0; });
+  std::fprintf(stderr,
+               "lumora2-serve: %s in %.1f s (utterances spoken to their end: %llu) — ending "
+               "every session\n",
+               drained.complete ? "drained" : "drain cut short",
+               std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count(),
+               static_cast<unsigned long long>(drained.spoken));
+}
+
+int serveUntilStopped(const Arguments& arguments, sigset_t& stopSignals) {
+  if (::access(arguments.host.c_str(), X_OK) != 0) {
+    throw ClientError("render host " + arguments.host.string() +
+                      " is not an executable (choose one with --host)");
+  }
+  const std::shared_ptr<const serve::IceConfig> ice = iceConfig(arguments);
+  // The idle clip reader's log lines (one per clip loop of every session) go nowhere: standard
+  // error carries the server's own lines.
+  lumora2::setEngineLogProgram("lumora2-serve");
+  lumora2::setEngineLogDestination(-1);
+  serve::initMedia();
+  const serve::Catalog catalog = loadAvatars(arguments);
+
+  // Everything temporary of this server and its children lives in one directory named after
+  // it (TMPDIR for the children), removed when it ends, or by the next server if it is killed.
+  removeStaleScratch(lumora2::systemTempDir());
+  lumora2::ScratchDir scratch("lumora2-serve-" + std::to_string(::getpid()) + "-");
+  ::setenv("TMPDIR", scratch.path().c_str(), 1);
+  serve::ServerConfig config;
+  config.address = arguments.address;
+  config.port = arguments.port;
+  config.scratch = scratch.path();
+  config.ice = ice;
+  if (!arguments.tokenFile.empty()) {
+    config.token = serve::readSecretFile(arguments.tokenFile, "the token file");
+  }
+  config.callers.hosts = arguments.allowHosts;
+  config.callers.origins = arguments.allowOrigins;
+  serve::Admission::Options admit;
+  admit.cores = serve::usableCores();
+  admit.cap = arguments.maxSessions;
+  serve::Admission admission(admit);
+  serve::ServerMetrics metrics;
+  serve::SessionOptions options = sessionOptions(arguments, ice);
+  options.renderers = makeRenderers(arguments, options.command, admit.cores);
+  serve::SessionRegistry sessions(options, admission, metrics,
+                                  std::chrono::seconds(arguments.idleTimeout),
+                                  std::size_t(arguments.clipMemoryMiB) << 20);
+  sessions.preload(catalog.avatars);
+  serve::HttpServer server(config, catalog, sessions, metrics);
+  server.run();
+  std::printf("lumora2-serve: listening on %s (%zu avatars, %s sessions, %.1f cores)\n",
+              serverUrl(arguments.address, server.port()).c_str(), catalog.avatars.size(),
+              arguments.measured ? "measured"
+                                 : ("at most " + std::to_string(arguments.maxSessions)).c_str(),
+              admit.cores);
+  std::fflush(stdout);
+  awaitStop(stopSignals, arguments, sessions);
+  server.stop();
+  sessions.endAll();
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -226,100 +359,7 @@ int main(int argc, char** argv) {
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
   ::signal(SIGPIPE, SIG_IGN);
   try {
-    const Arguments arguments = parseArguments(args);
-    if (::access(arguments.host.c_str(), X_OK) != 0) {
-      throw ClientError("render host " + arguments.host.string() +
-                        " is not an executable (choose one with --host)");
-    }
-    // The idle clip reader's log lines (one per clip loop of every session) go nowhere: standard
-    // error carries the server's own lines.
-    lumora2::setEngineLogProgram("lumora2-serve");
-    lumora2::setEngineLogDestination(-1);
-    serve::initMedia();
-    const serve::Catalog catalog =
-        serve::loadCatalog(arguments.engine, arguments.avatars, arguments.voice);
-    for (const std::string& line : catalog.skipped) {
-      std::fprintf(stderr, "lumora2-serve: skipped %s\n", line.c_str());
-    }
-    for (const std::string& line : catalog.warnings) {
-      std::fprintf(stderr, "lumora2-serve: warning: %s\n", line.c_str());
-    }
-    if (catalog.avatars.empty()) {
-      throw ClientError("no usable avatar in " + arguments.avatars.string());
-    }
-
-    // Everything temporary of this server and its children lives in one directory named after
-    // it (TMPDIR for the children), removed when it ends, or by the next server if it is killed.
-    removeStaleScratch(lumora2::systemTempDir());
-    lumora2::ScratchDir scratch("lumora2-serve-" + std::to_string(::getpid()) + "-");
-    ::setenv("TMPDIR", scratch.path().c_str(), 1);
-    serve::SessionOptions sessionOptions;
-    sessionOptions.command.host = arguments.host;
-    sessionOptions.command.engine = arguments.engine;
-    // Children render ahead of the clock (their frames wait in the timeline); the server's
-    // encoding and pacing keep it and must not queue behind them for the processor.
-    sessionOptions.command.niceness = 5;
-    // A newcomer's warm-up (a second or two of graph runs) yields to the children already
-    // rendering for a viewer, so that a join never makes them late.
-    sessionOptions.command.warmUpNiceness = 15;
-    sessionOptions.viewerGrace = std::chrono::seconds(arguments.viewerGrace);
-    if (const char* trace = std::getenv("LUMORA2_SERVE_TRACE"); trace != nullptr && *trace) {
-      sessionOptions.trace = std::make_shared<serve::TraceFile>(trace);
-    }
-    if (const char* delay = std::getenv("LUMORA2_SERVE_SOUND_DELAY_MS"); delay != nullptr) {
-      sessionOptions.soundDelay = serve::parseSoundDelay(delay);  // a planted lip-sync fault
-    }
-    serve::ServerConfig config;
-    config.address = arguments.address;
-    config.port = arguments.port;
-    config.scratch = scratch.path();
-    if (!arguments.tokenFile.empty()) config.token = readToken(arguments.tokenFile);
-    config.callers.hosts = arguments.allowHosts;
-    config.callers.origins = arguments.allowOrigins;
-    serve::Admission::Options admit;
-    admit.cores = serve::usableCores();
-    admit.cap = arguments.maxSessions;
-    serve::Admission admission(admit);
-    serve::ServerMetrics metrics;
-    sessionOptions.renderers = makeRenderers(arguments, sessionOptions.command, admit.cores);
-    serve::SessionRegistry sessions(sessionOptions, admission, metrics,
-                                    std::chrono::seconds(arguments.idleTimeout),
-                                    std::size_t(arguments.clipMemoryMiB) << 20);
-    sessions.preload(catalog.avatars);
-    serve::HttpServer server(config, catalog, sessions, metrics);
-    server.run();
-    std::printf("lumora2-serve: listening on %s (%zu avatars, %s sessions, %.1f cores)\n",
-                serverUrl(arguments.address, server.port()).c_str(), catalog.avatars.size(),
-                arguments.measured ? "measured"
-                                   : ("at most " + std::to_string(arguments.maxSessions)).c_str(),
-                admit.cores);
-    std::fflush(stdout);
-
-    int signal = 0;
-    sigwait(&stopSignals, &signal);
-    if (signal == SIGTERM && arguments.drainSeconds > 0) {
-      std::fprintf(stderr,
-                   "lumora2-serve: SIGTERM — draining: no new session, what was said is spoken "
-                   "(at most %ld s)\n",
-                   arguments.drainSeconds);
-      const timespec none{0, 0};
-      const auto started = std::chrono::steady_clock::now();
-      const serve::SessionRegistry::Drained drained =
-          sessions.drain(started + std::chrono::seconds(arguments.drainSeconds),
-                         [&] { return sigtimedwait(&stopSignals, nullptr, &none) > 0; });
-      std::fprintf(
-          stderr,
-          "lumora2-serve: %s in %.1f s (utterances spoken to their end: %llu) — ending "
-          "every session\n",
-          drained.complete ? "drained" : "drain cut short",
-          std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count(),
-          static_cast<unsigned long long>(drained.spoken));
-    } else {
-      std::fprintf(stderr, "lumora2-serve: signal %d — ending every session\n", signal);
-    }
-    server.stop();
-    sessions.endAll();
-    return 0;
+    return serveUntilStopped(parseArguments(args), stopSignals);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "error: %s\n", e.what());
     return 1;

@@ -94,46 +94,6 @@ std::string answerText(const GstSDPMessage* local, std::uint32_t videoSsrc, std:
 
 }  // namespace
 
-void initMedia() {
-  static std::once_flag once;
-  std::call_once(once, [] { gst_init(nullptr, nullptr); });
-  struct Needed {
-    const char* element;
-    const char* package;
-  };
-  for (const Needed& n :
-       {Needed{"webrtcbin", "gstreamer1.0-plugins-bad"}, Needed{"nicesrc", "gstreamer1.0-nice"},
-        Needed{"x264enc", "gstreamer1.0-plugins-ugly"},
-        Needed{"rtph264pay", "gstreamer1.0-plugins-good"},
-        Needed{"opusenc", "gstreamer1.0-plugins-base"},
-        Needed{"rtpopuspay", "gstreamer1.0-plugins-good"},
-        Needed{"appsrc", "gstreamer1.0-plugins-base"},
-        Needed{"audioresample", "gstreamer1.0-plugins-base"}}) {
-    GstElementFactory* factory = gst_element_factory_find(n.element);
-    if (factory == nullptr) {
-      throw MediaError(std::string("the GStreamer element ") + n.element + " is missing: install " +
-                       n.package);
-    }
-    gst_object_unref(factory);
-  }
-}
-
-SoundDelay parseSoundDelay(const std::string& text) {
-  const auto at = text.find('@');
-  const std::string delay = text.substr(0, at);
-  const std::string from = at == std::string::npos ? "0" : text.substr(at + 1);
-  const auto number = [](const std::string& digits, int most) {
-    return !digits.empty() && digits.size() <= 4 &&
-           digits.find_first_not_of("0123456789") == std::string::npos && std::stoi(digits) <= most;
-  };
-  if (!number(delay, 1000) || !number(from, 3600)) {
-    throw MediaError("LUMORA2_SERVE_SOUND_DELAY_MS is \"" + text +
-                     "\": MS or MS@SECONDS is needed, MS from 0 to 1000, SECONDS from 0 to 3600");
-  }
-  return SoundDelay{std::chrono::milliseconds(std::stoi(delay)),
-                    std::chrono::seconds(std::stoi(from))};
-}
-
 struct WebRtcSender::Impl {
   GstElement* pipeline = nullptr;
   GstElement* webrtc = nullptr;
@@ -149,6 +109,7 @@ struct WebRtcSender::Impl {
   Mutex lock;  // guards the fields below and the events' delivery
   std::condition_variable_any changed;
   bool gathered LUMORA2_GUARDED_BY(lock) = false;
+  std::size_t candidates LUMORA2_GUARDED_BY(lock) = 0;  // gathered so far
   bool connected LUMORA2_GUARDED_BY(lock) = false;
   bool ended LUMORA2_GUARDED_BY(lock) = false;    // the ended event was delivered
   bool closing LUMORA2_GUARDED_BY(lock) = false;  // destruction began: no more events
@@ -225,19 +186,27 @@ struct WebRtcSender::Impl {
   // Neither a closed page nor a killed browser changes the connection's state here: ICE and
   // DTLS stay "connected" until much later, if ever. A viewer whose browser is there reports on
   // what it receives at least once a second, so a silence of `viewerSilence` means it is gone.
+  // A viewer that never connects (no network path: a firewall, a NAT without a relay) is given
+  // up after `connectTimeout`, with a reason, rather than waited for in silence.
   void watch() {
     const auto silence =
         std::chrono::duration_cast<std::chrono::nanoseconds>(options.viewerSilence).count();
     const auto every = std::max(std::chrono::milliseconds(50), options.viewerSilence / 10);
+    const auto answered = std::chrono::steady_clock::now();
     for (;;) {
+      bool unreached = false;
       {
         MutexLock hold(lock);
         changed.wait_for(lock, every);
         if (closing || ended) return;
-        if (!connected || now() - heard.load() < silence) continue;
+        unreached =
+            !connected && std::chrono::steady_clock::now() - answered > options.connectTimeout;
+        if (!unreached && (!connected || now() - heard.load() < silence)) continue;
       }
-      end("the viewer stopped answering (nothing heard from it for " +
-          std::to_string(options.viewerSilence.count()) + " ms)");
+      end(unreached ? "no network path to the viewer (not connected within " +
+                          std::to_string(options.connectTimeout.count()) + " ms)"
+                    : "the viewer stopped answering (nothing heard from it for " +
+                          std::to_string(options.viewerSilence.count()) + " ms)");
     }
   }
 };
@@ -275,110 +244,139 @@ GstBusSyncReply onBusMessage(GstBus*, GstMessage* message, gpointer data) {
 WebRtcSender::WebRtcSender(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 WebRtcSender::~WebRtcSender() = default;
 
-std::unique_ptr<WebRtcSender> WebRtcSender::create(const std::string& offerSdp,
-                                                   const Options& options, Events events) {
-  initMedia();
-  GstSDPMessage* sdp = nullptr;
-  gst_sdp_message_new(&sdp);
+namespace {
+
+using SdpPtr = std::unique_ptr<GstSDPMessage, decltype(&gst_sdp_message_free)>;
+
+// The viewer's offer, with the payload types of the codecs it receives.
+SdpPtr parseOffer(const std::string& offerSdp, OfferedCodecs& codecs) {
+  GstSDPMessage* raw = nullptr;
+  gst_sdp_message_new(&raw);
+  SdpPtr sdp(raw, gst_sdp_message_free);
   if (offerSdp.rfind("v=0", 0) != 0 ||
       gst_sdp_message_parse_buffer(reinterpret_cast<const guint8*>(offerSdp.data()),
-                                   guint(offerSdp.size()), sdp) != GST_SDP_OK ||
-      gst_sdp_message_medias_len(sdp) == 0) {
-    gst_sdp_message_free(sdp);
+                                   guint(offerSdp.size()), sdp.get()) != GST_SDP_OK ||
+      gst_sdp_message_medias_len(sdp.get()) == 0) {
     throw MediaError("the offer is not SDP with media");
   }
-  const OfferedCodecs codecs = readOffer(sdp);
+  codecs = readOffer(sdp.get());
   if (codecs.h264 < 0 || codecs.opus < 0) {
-    gst_sdp_message_free(sdp);
     throw MediaError(codecs.h264 < 0
                          ? "the offer does not receive H.264 video (packetization mode 1)"
                          : "the offer does not receive Opus audio");
   }
+  return sdp;
+}
 
-  auto impl = std::make_unique<Impl>();
-  impl->options = options;
-  impl->events = std::move(events);
-  impl->soundDelay =
-      GstClockTime(std::clamp<std::int64_t>(options.soundDelay.delay.count(), 0, 1000)) *
-      GST_MSECOND;
-  impl->soundDelayFrom = options.soundDelay.from;
-  // The streams' sources are chosen here, fixed in the payloaders' caps, so that the answer can
-  // name them (below).
-  impl->videoSsrc = g_random_int();
-  do {
-    impl->audioSsrc = g_random_int();
-  } while (impl->audioSsrc == impl->videoSsrc);
-  // The encoders are the server's largest cost per frame, so both are set for it. Video: constant
-  // quality (quantizer 23, with 1500 kb/s as the ceiling) rather than a constant 1500 kb/s: a
-  // talking head needs about 400 kb/s for the same quality, and a third of the packets to
-  // encrypt and send. Sound: 40 ms Opus packets, half as many as the usual 20 ms, for 20 ms more
-  // delay on a path whose pictures take longer than that anyway.
+// The encoders are the server's largest cost per frame, so both are set for it. Video: constant
+// quality (quantizer 23, with 1500 kb/s as the ceiling) rather than a constant 1500 kb/s: a
+// talking head needs about 400 kb/s for the same quality, and a third of the packets to encrypt
+// and send. Sound: 40 ms Opus packets, half as many as the usual 20 ms, for 20 ms more delay on a
+// path whose pictures take longer than that anyway. The streams' sources are fixed in the
+// payloaders' caps, so that the answer can name them.
+std::string pipelineDescription(const WebRtcSender::Options& options, const OfferedCodecs& codecs,
+                                std::uint32_t videoSsrc, std::uint32_t audioSsrc) {
+  return "webrtcbin name=webrtc bundle-policy=max-bundle latency=0 "
+         "appsrc name=video is-live=true format=time do-timestamp=false max-bytes=20000000 "
+         "caps=video/x-raw,format=I420,width=" +
+         std::to_string(options.width) + ",height=" + std::to_string(options.height) +
+         ",framerate=" + std::to_string(options.fps) +
+         "/1 ! queue name=vqueue max-size-buffers=10 leaky=downstream ! "
+         "x264enc tune=zerolatency speed-preset=ultrafast key-int-max=" +
+         std::to_string(options.fps * 2) +
+         " pass=qual quantizer=23 bitrate=1500 threads=1 trellis=false ! "
+         "video/x-h264,profile=constrained-baseline ! "
+         "rtph264pay config-interval=-1 aggregate-mode=zero-latency pt=" +
+         std::to_string(codecs.h264) +
+         " ! application/x-rtp,media=video,encoding-name=H264,payload=" +
+         std::to_string(codecs.h264) + ",clock-rate=90000,ssrc=(uint)" + std::to_string(videoSsrc) +
+         " ! webrtc. " +
+         "appsrc name=audio is-live=true format=time do-timestamp=false "
+         "caps=audio/x-raw,format=F32LE,layout=interleaved,channels=1,rate=" +
+         std::to_string(options.sampleRate) +
+         " ! queue ! audioconvert ! opusenc frame-size=40 ! rtpopuspay pt=" +
+         std::to_string(codecs.opus) +
+         " ! application/x-rtp,media=audio,encoding-name=OPUS,payload=" +
+         std::to_string(codecs.opus) + ",clock-rate=48000,ssrc=(uint)" + std::to_string(audioSsrc) +
+         " ! webrtc. ";
+}
+
+void onCandidate(GstElement*, guint, gchar*, gpointer data) {
+  auto* impl = static_cast<WebRtcSender::Impl*>(data);
+  MutexLock hold(impl->lock);
+  ++impl->candidates;
+  impl->changed.notify_all();
+}
+
+void buildPipeline(WebRtcSender::Impl& impl, const OfferedCodecs& codecs) {
   const std::string description =
-      "webrtcbin name=webrtc bundle-policy=max-bundle latency=0 "
-      "appsrc name=video is-live=true format=time do-timestamp=false max-bytes=20000000 "
-      "caps=video/x-raw,format=I420,width=" +
-      std::to_string(options.width) + ",height=" + std::to_string(options.height) +
-      ",framerate=" + std::to_string(options.fps) +
-      "/1 ! queue name=vqueue max-size-buffers=10 leaky=downstream ! "
-      "x264enc tune=zerolatency speed-preset=ultrafast key-int-max=" +
-      std::to_string(options.fps * 2) +
-      " pass=qual quantizer=23 bitrate=1500 threads=1 trellis=false ! "
-      "video/x-h264,profile=constrained-baseline ! "
-      "rtph264pay config-interval=-1 aggregate-mode=zero-latency pt=" +
-      std::to_string(codecs.h264) +
-      " ! application/x-rtp,media=video,encoding-name=H264,payload=" + std::to_string(codecs.h264) +
-      ",clock-rate=90000,ssrc=(uint)" + std::to_string(impl->videoSsrc) + " ! webrtc. " +
-      "appsrc name=audio is-live=true format=time do-timestamp=false "
-      "caps=audio/x-raw,format=F32LE,layout=interleaved,channels=1,rate=" +
-      std::to_string(options.sampleRate) +
-      " ! queue ! audioconvert ! opusenc frame-size=40 ! rtpopuspay pt=" +
-      std::to_string(codecs.opus) +
-      " ! application/x-rtp,media=audio,encoding-name=OPUS,payload=" + std::to_string(codecs.opus) +
-      ",clock-rate=48000,ssrc=(uint)" + std::to_string(impl->audioSsrc) + " ! webrtc. ";
+      pipelineDescription(impl.options, codecs, impl.videoSsrc, impl.audioSsrc);
   GError* error = nullptr;
-  impl->pipeline = gst_parse_launch(description.c_str(), &error);
-  if (impl->pipeline == nullptr || error != nullptr) {
+  impl.pipeline = gst_parse_launch(description.c_str(), &error);
+  if (impl.pipeline == nullptr || error != nullptr) {
     const std::string why = error != nullptr ? error->message : "unknown";
     if (error != nullptr) g_error_free(error);
-    gst_sdp_message_free(sdp);
     throw MediaError("cannot build the media pipeline: " + why);
   }
-  impl->webrtc = gst_bin_get_by_name(GST_BIN(impl->pipeline), "webrtc");
-  impl->video = gst_bin_get_by_name(GST_BIN(impl->pipeline), "video");
-  impl->audio = gst_bin_get_by_name(GST_BIN(impl->pipeline), "audio");
+  impl.webrtc = gst_bin_get_by_name(GST_BIN(impl.pipeline), "webrtc");
+  impl.video = gst_bin_get_by_name(GST_BIN(impl.pipeline), "video");
+  impl.audio = gst_bin_get_by_name(GST_BIN(impl.pipeline), "audio");
   // Sender reports tie each stream's RTP time to the wall clock through the buffers' time stamps
   // (the session's clock), whatever became of them on the way: the browser lines the two streams
   // up by these reports.
-  if (GstElement* rtpbin = gst_bin_get_by_name(GST_BIN(impl->webrtc), "rtpbin")) {
+  if (GstElement* rtpbin = gst_bin_get_by_name(GST_BIN(impl.webrtc), "rtpbin")) {
     g_object_set(rtpbin, "rtcp-sync-send-time", FALSE, nullptr);
     gst_object_unref(rtpbin);
   }
-
   // The encoder's queue drops its oldest picture when the encoder falls behind; each drop
   // follows an overrun, counted so that a stutter is never silent.
-  if (GstElement* queue = gst_bin_get_by_name(GST_BIN(impl->pipeline), "vqueue")) {
+  if (GstElement* queue = gst_bin_get_by_name(GST_BIN(impl.pipeline), "vqueue")) {
     g_signal_connect(queue, "overrun", G_CALLBACK(+[](GstElement*, gpointer data) {
                        ++static_cast<WebRtcSender::Impl*>(data)->behind;
                      }),
-                     impl.get());
+                     &impl);
     gst_object_unref(queue);
   }
-  GstBus* bus = gst_element_get_bus(impl->pipeline);
-  gst_bus_set_sync_handler(bus, onBusMessage, impl.get(), nullptr);
+  GstBus* bus = gst_element_get_bus(impl.pipeline);
+  gst_bus_set_sync_handler(bus, onBusMessage, &impl, nullptr);
   gst_object_unref(bus);
-  g_signal_connect(impl->webrtc, "notify::ice-gathering-state", G_CALLBACK(onGatheringState),
-                   impl.get());
-  g_signal_connect(impl->webrtc, "notify::connection-state", G_CALLBACK(onConnectionState),
-                   impl.get());
-  if (gst_element_set_state(impl->pipeline, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
-    gst_sdp_message_free(sdp);
-    throw MediaError("the media pipeline does not start");
-  }
+  g_signal_connect(impl.webrtc, "notify::ice-gathering-state", G_CALLBACK(onGatheringState), &impl);
+  g_signal_connect(impl.webrtc, "notify::connection-state", G_CALLBACK(onConnectionState), &impl);
+  g_signal_connect(impl.webrtc, "on-ice-candidate", G_CALLBACK(onCandidate), &impl);
+}
 
+// The ICE agent's servers and ports. UPnP stays off: it costs 200 ms of every gathering, sends
+// multicast, and opens sockets outside the port range.
+void configureIce(WebRtcSender::Impl& impl) {
+  const WebRtcSender::Options& o = impl.options;
+  GstObject* ice = nullptr;
+  g_object_get(impl.webrtc, "ice-agent", &ice, nullptr);
+  if (ice == nullptr) throw MediaError("webrtcbin has no ICE agent");
+  if (o.minPort != 0) {
+    g_object_set(ice, "min-rtp-port", guint(o.minPort), "max-rtp-port", guint(o.maxPort), nullptr);
+  }
+  GObject* agent = nullptr;
+  g_object_get(ice, "agent", &agent, nullptr);
+  if (agent != nullptr) {
+    g_object_set(agent, "upnp", FALSE, nullptr);
+    g_object_unref(agent);
+  }
+  gst_object_unref(ice);
+  if (!o.stunServer.empty())
+    g_object_set(impl.webrtc, "stun-server", o.stunServer.c_str(), nullptr);
+  for (const std::string& turn : o.turnServers) {
+    gboolean taken = FALSE;
+    g_signal_emit_by_name(impl.webrtc, "add-turn-server", turn.c_str(), &taken);
+    if (!taken) throw MediaError("the ICE agent does not take a TURN server");
+  }
+}
+
+// The offer set, the answer made and set: gathering starts.
+void negotiate(WebRtcSender::Impl& impl, SdpPtr sdp) {
   GstWebRTCSessionDescription* offer =
-      gst_webrtc_session_description_new(GST_WEBRTC_SDP_TYPE_OFFER, sdp);
+      gst_webrtc_session_description_new(GST_WEBRTC_SDP_TYPE_OFFER, sdp.release());
   GstPromise* promise = gst_promise_new();
-  g_signal_emit_by_name(impl->webrtc, "set-remote-description", offer, promise);
+  g_signal_emit_by_name(impl.webrtc, "set-remote-description", offer, promise);
   bool remoteSet = gst_promise_wait(promise) == GST_PROMISE_RESULT_REPLIED;
   if (const GstStructure* r = gst_promise_get_reply(promise)) {
     remoteSet = remoteSet && !gst_structure_has_field(r, "error");
@@ -388,7 +386,7 @@ std::unique_ptr<WebRtcSender> WebRtcSender::create(const std::string& offerSdp,
   if (!remoteSet) throw MediaError("the offer was not accepted");
 
   promise = gst_promise_new();
-  g_signal_emit_by_name(impl->webrtc, "create-answer", nullptr, promise);
+  g_signal_emit_by_name(impl.webrtc, "create-answer", nullptr, promise);
   const GstStructure* reply = await(promise);
   GstWebRTCSessionDescription* answer = nullptr;
   if (reply != nullptr) {
@@ -405,45 +403,88 @@ std::unique_ptr<WebRtcSender> WebRtcSender::create(const std::string& offerSdp,
   gst_promise_unref(promise);
   if (answer == nullptr) throw MediaError("the offer cannot be answered");
   promise = gst_promise_new();
-  g_signal_emit_by_name(impl->webrtc, "set-local-description", answer, promise);
+  g_signal_emit_by_name(impl.webrtc, "set-local-description", answer, promise);
   gst_promise_wait(promise);
   gst_promise_unref(promise);
   gst_webrtc_session_description_free(answer);
+}
 
-  // Sender reports often (every half second rather than every five): the browser lines sound
-  // and pictures up by them, and needs two of each stream before it starts to. Every RTCP packet
-  // from the viewer says it is still there.
+// Sender reports often (every half second rather than every five): the browser lines sound and
+// pictures up by them, and needs two of each stream before it starts to. Every RTCP packet from
+// the viewer says it is still there. Returns the session's CNAME.
+std::string tuneRtcp(WebRtcSender::Impl& impl) {
   std::string cname = kStream;
-  if (GstElement* rtpbin = gst_bin_get_by_name(GST_BIN(impl->webrtc), "rtpbin")) {
-    GstStructure* sdes = nullptr;
-    g_object_get(rtpbin, "sdes", &sdes, nullptr);
-    if (sdes != nullptr) {
-      if (const char* name = gst_structure_get_string(sdes, "cname")) cname = name;
-      gst_structure_free(sdes);
-    }
-    GObject* session = nullptr;
-    g_signal_emit_by_name(rtpbin, "get-internal-session", 0u, &session);
-    if (session != nullptr) {
-      g_object_set(session, "rtcp-min-interval", guint64(500 * GST_MSECOND), nullptr);
-      g_signal_connect(session, "on-receiving-rtcp",
-                       G_CALLBACK(+[](GObject*, GstBuffer*, gpointer data) {
-                         static_cast<WebRtcSender::Impl*>(data)->heard = Impl::now();
-                       }),
-                       impl.get());
-      g_object_unref(session);
-    }
-    gst_object_unref(rtpbin);
+  GstElement* rtpbin = gst_bin_get_by_name(GST_BIN(impl.webrtc), "rtpbin");
+  if (rtpbin == nullptr) return cname;
+  GstStructure* sdes = nullptr;
+  g_object_get(rtpbin, "sdes", &sdes, nullptr);
+  if (sdes != nullptr) {
+    if (const char* name = gst_structure_get_string(sdes, "cname")) cname = name;
+    gst_structure_free(sdes);
   }
+  GObject* session = nullptr;
+  g_signal_emit_by_name(rtpbin, "get-internal-session", 0u, &session);
+  if (session != nullptr) {
+    g_object_set(session, "rtcp-min-interval", guint64(500 * GST_MSECOND), nullptr);
+    g_signal_connect(session, "on-receiving-rtcp",
+                     G_CALLBACK(+[](GObject*, GstBuffer*, gpointer data) {
+                       static_cast<WebRtcSender::Impl*>(data)->heard = WebRtcSender::Impl::now();
+                     }),
+                     &impl);
+    g_object_unref(session);
+  }
+  gst_object_unref(rtpbin);
+  return cname;
+}
 
-  // WHEP: the answer goes out complete, with every candidate in it.
-  {
-    const auto deadline = std::chrono::steady_clock::now() + options.gatherTimeout;
-    MutexLock hold(impl->lock);
-    while (!impl->gathered && std::chrono::steady_clock::now() < deadline) {
-      impl->changed.wait_until(impl->lock, deadline);
-    }
-    if (!impl->gathered) throw MediaError("no network candidates were found in time");
+// WHEP: the answer goes out complete, with every candidate in it, or with those gathered by the
+// deadline (a STUN or TURN server that does not answer). None at all: no port was free.
+void awaitCandidates(WebRtcSender::Impl& impl) {
+  const auto start = std::chrono::steady_clock::now();
+  const auto deadline = start + impl.options.gatherTimeout;
+  const auto firstBy = start + impl.options.firstCandidate;
+  MutexLock hold(impl.lock);
+  for (;;) {
+    const auto now = std::chrono::steady_clock::now();
+    if (impl.gathered || now >= deadline || (impl.candidates == 0 && now >= firstBy)) break;
+    impl.changed.wait_until(impl.lock,
+                            impl.candidates == 0 ? std::min(firstBy, deadline) : deadline);
   }
+  if (impl.candidates == 0) {
+    throw NoCandidateError(impl.options.minPort != 0
+                               ? "no network candidate: every port from " +
+                                     std::to_string(impl.options.minPort) + " to " +
+                                     std::to_string(impl.options.maxPort) + " is in use"
+                               : "no network candidate was found");
+  }
+}
+
+}  // namespace
+
+std::unique_ptr<WebRtcSender> WebRtcSender::create(const std::string& offerSdp,
+                                                   const Options& options, Events events) {
+  initMedia();
+  OfferedCodecs codecs;
+  SdpPtr sdp = parseOffer(offerSdp, codecs);
+  auto impl = std::make_unique<Impl>();
+  impl->options = options;
+  impl->events = std::move(events);
+  impl->soundDelay =
+      GstClockTime(std::clamp<std::int64_t>(options.soundDelay.delay.count(), 0, 1000)) *
+      GST_MSECOND;
+  impl->soundDelayFrom = options.soundDelay.from;
+  impl->videoSsrc = g_random_int();
+  do {
+    impl->audioSsrc = g_random_int();
+  } while (impl->audioSsrc == impl->videoSsrc);
+  buildPipeline(*impl, codecs);
+  configureIce(*impl);
+  if (gst_element_set_state(impl->pipeline, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
+    throw MediaError("the media pipeline does not start");
+  }
+  negotiate(*impl, std::move(sdp));
+  const std::string cname = tuneRtcp(*impl);
+  awaitCandidates(*impl);
   GstWebRTCSessionDescription* local = nullptr;
   g_object_get(impl->webrtc, "local-description", &local, nullptr);
   if (local == nullptr) throw MediaError("the answer went missing");
@@ -454,6 +495,29 @@ std::unique_ptr<WebRtcSender> WebRtcSender::create(const std::string& offerSdp,
   std::unique_ptr<WebRtcSender> sender(new WebRtcSender(std::move(impl)));
   sender->answer_ = std::move(answerSdp);
   return sender;
+}
+
+std::size_t WebRtcSender::addCandidates(const std::string& fragment) {
+  // With one bundled transport every candidate belongs to the first m= line; a fragment names
+  // its m= lines (or mids) only to say so.
+  std::size_t added = 0;
+  bool end = false;
+  std::size_t at = 0;
+  while (at < fragment.size()) {
+    std::size_t next = fragment.find('\n', at);
+    if (next == std::string::npos) next = fragment.size();
+    std::string line = fragment.substr(at, next - at);
+    at = next + 1;
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    if (line.rfind("a=candidate:", 0) == 0 && line.size() < 512) {
+      g_signal_emit_by_name(impl_->webrtc, "add-ice-candidate", 0u, line.substr(2).c_str());
+      ++added;
+    } else if (line == "a=end-of-candidates") {
+      end = true;
+    }
+  }
+  if (added == 0 && !end) throw MediaError("the fragment holds no a=candidate line");
+  return added;
 }
 
 namespace {

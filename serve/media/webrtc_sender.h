@@ -14,12 +14,19 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace lumora2::serve {
 
 // One line, fit to show a user.
 struct MediaError : std::runtime_error {
   using std::runtime_error::runtime_error;
+};
+
+// The ICE agent found no address to offer the viewer: with a port range, every port of it is in
+// use.
+struct NoCandidateError : MediaError {
+  using MediaError::MediaError;
 };
 
 // Process-wide GStreamer initialisation, idempotent and thread-safe; checks that every element
@@ -51,7 +58,19 @@ class WebRtcSender {
  public:
   struct Options {
     int width = 416, height = 720, fps = 20, sampleRate = 16000;
-    std::chrono::milliseconds gatherTimeout{5000};  // ICE gathering for the answer
+    // ICE gathering for the answer: the answer waits for every candidate up to this long, then
+    // goes with those gathered (a STUN or TURN server that does not answer costs this much).
+    std::chrono::milliseconds gatherTimeout{3000};
+    // No candidate at all after this long: none will come (the port range is used up).
+    std::chrono::milliseconds firstCandidate{1000};
+    // An answered viewer not connected after this long has no network path to the server.
+    std::chrono::milliseconds connectTimeout{20000};
+    // The ICE servers of the server's own agent ("stun://host:port";
+    // "turn(s)://user:password@host:port[?transport=tcp]", URL-encoded) and the ports its sockets
+    // may take (0: any).
+    std::string stunServer;
+    std::vector<std::string> turnServers;
+    unsigned minPort = 0, maxPort = 0;
     // A connected viewer that sends no RTCP for this long is gone (its page closed, its browser
     // killed, its network lost): a browser reports on the video it receives about once a second.
     std::chrono::milliseconds viewerSilence{3000};
@@ -67,7 +86,7 @@ class WebRtcSender {
   };
 
   // Answers the offer (it must offer to receive H.264 video and Opus audio). Throws MediaError
-  // for an offer that is not SDP or lacks either, or when gathering does not finish in time.
+  // for an offer that is not SDP or lacks either, NoCandidateError when no candidate was found.
   static std::unique_ptr<WebRtcSender> create(const std::string& offerSdp, const Options& options,
                                               Events events);
   ~WebRtcSender();
@@ -83,6 +102,10 @@ class WebRtcSender {
   void push(std::chrono::nanoseconds pts, std::vector<std::uint8_t>&& i420,
             std::vector<float>&& samples);
   SenderStats stats() const;
+  // The viewer's late candidates (trickle ICE): an SDP fragment's a=candidate lines, under the
+  // m= line (or a=mid) they belong to. Returns how many were taken; throws MediaError for a
+  // fragment with none and no a=end-of-candidates.
+  std::size_t addCandidates(const std::string& fragment);
 
   struct Impl;
 

@@ -64,10 +64,13 @@ export class Session {
   url(name) { return this.base + this.info.urls[name]; }
 
   // Plays the session in `video`: both tracks in one MediaStream, so the browser keeps sound and
-  // mouth together. Resolves once the connection is up. The ICE servers the server names (its
-  // answer's Link headers) are used; `iceServers` adds the page's own.
-  async play(video, { iceServers = [] } = {}) {
-    const pc = new RTCPeerConnection({ iceServers: iceServers.concat(this.info.ice_servers || []) });
+  // mouth together. Resolves once the connection is up. The ICE servers the server names for the
+  // session (its `ice_servers`, with TURN credentials that expire) are used; `iceServers` adds the
+  // page's own, and `iceTransportPolicy: 'relay'` keeps the media on the TURN servers.
+  async play(video, { iceServers = [], iceTransportPolicy = 'all' } = {}) {
+    const pc = new RTCPeerConnection({
+      iceServers: iceServers.concat(this.info.ice_servers || []), iceTransportPolicy,
+    });
     this.pc = pc;
     this.stream = new MediaStream();
     video.srcObject = this.stream;
@@ -117,6 +120,18 @@ export class Session {
   }
 
   status() { return this.call('session', {}); }
+
+  // Stops watching (the WHEP resource is deleted): the session lives on and takes a new viewer.
+  async stop() {
+    if (this.pc) this.pc.close();
+    this.pc = null;
+    const viewer = this.viewer;
+    this.viewer = null;
+    if (viewer) {
+      await request(new URL(viewer, new URL(this.url('whep'), location.href)).href, this.token,
+        { method: 'DELETE' }).catch(() => {});
+    }
+  }
 
   // Ends the session.
   async close() {
@@ -199,9 +214,13 @@ async function request(url, token, options) {
   return response;
 }
 
+// The offer goes once gathering is complete, or as soon as a relay candidate is there (a TURN
+// server that does not answer would hold it for seconds), or after 3 s with what there is.
 function gathered(pc) {
   return new Promise((resolve) => {
     if (pc.iceGatheringState === 'complete') return resolve();
+    setTimeout(resolve, 3000);
+    pc.addEventListener('icecandidate', (e) => { if (e.candidate && e.candidate.type === 'relay') resolve(); });
     pc.addEventListener('icegatheringstatechange', () => {
       if (pc.iceGatheringState === 'complete') resolve();
     });

@@ -1,12 +1,14 @@
 // What a client sends lumora2-serve, judged before any session sees it: the JSON of bodies and
 // WebSocket messages (every shape that is not documented is refused with one line, never an
-// escaping exception), and whether a request's Host, Origin and content type may call at all.
+// escaping exception), whether a request's Host, Origin and content type may call at all, and
+// the flags that say how viewers on other networks reach the server.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
 
 #include "serve/api_messages.h"
+#include "serve/ice_servers.h"
 #include "serve/request_checks.h"
 
 namespace lumora2::serve {
@@ -120,6 +122,76 @@ TEST(ContentTypes, FormsAreToldFromTheApisTypes) {
   for (const char* audio : {"audio/wav", "application/octet-stream", ""}) {
     EXPECT_FALSE(isFormType(audio)) << audio;
   }
+}
+
+struct IceUrl {
+  std::string url, host;
+  unsigned port;
+  std::string transport;
+  friend void PrintTo(const IceUrl& u, std::ostream* out) { *out << u.url; }
+};
+
+class IceUrls : public ::testing::TestWithParam<IceUrl> {};
+
+TEST_P(IceUrls, AreTakenWithTheirDefaults) {
+  const IceServer s = parseIceServer(GetParam().url);
+  EXPECT_EQ(s.host, GetParam().host);
+  EXPECT_EQ(s.port, GetParam().port);
+  EXPECT_EQ(s.transport, GetParam().transport);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Ice, IceUrls,
+    ::testing::Values(IceUrl{"stun:stun.example.org", "stun.example.org", 3478, ""},
+                      IceUrl{"turn:10.0.0.1:3479?transport=tcp", "10.0.0.1", 3479, "tcp"},
+                      IceUrl{"turns:[2001:db8::1]", "[2001:db8::1]", 5349, ""},
+                      IceUrl{"turn:relay?transport=udp", "relay", 3478, "udp"}));
+
+TEST(IceConfig, BadUrlsAreRefusedByName) {
+  for (const char* bad :
+       {"http://relay", "turn:", "stun:h?transport=tcp", "turns:h?transport=udp", "turn:user:pw@h",
+        "turn:h:0", "turn:h:65536", "turn:h?transport=sctp", "turn:[::1", "stun:-h"}) {
+    EXPECT_THROW(parseIceServer(bad), IceConfigError) << bad;
+  }
+}
+
+TEST(IceConfig, TurnCredentialsExpireAndReachEachPeerInItsOwnForm) {
+  IceConfig ice;
+  ice.servers = {parseIceServer("stun:s:3478"), parseIceServer("turn:t:3478?transport=tcp")};
+  EXPECT_THROW(ice.check(), IceConfigError);  // a TURN server needs the secret
+  ice.turnSecret = "a-shared-secret-of-some-length";
+  ice.turnLifetime = std::chrono::seconds(600);
+  ice.check();
+  // Checked against `openssl dgst -sha1 -hmac SECRET -binary | base64` of "1700000000:s1".
+  const auto entries = ice.entries("s1", std::chrono::system_clock::from_time_t(1700000000 - 600));
+  ASSERT_EQ(entries.size(), 2u);
+  ASSERT_TRUE(entries[1].credential);
+  EXPECT_EQ(entries[1].credential->username, "1700000000:s1");
+  EXPECT_EQ(entries[1].credential->credential, "9OmL1nyqU26fhMTi8jOJ/ofgSA0=");
+  EXPECT_EQ(IceConfig::agentStunServer(entries), "stun://s:3478");
+  EXPECT_EQ(IceConfig::agentTurnServers(entries),
+            std::vector<std::string>{
+                "turn://1700000000%3As1:9OmL1nyqU26fhMTi8jOJ%2FofgSA0%3D@t:3478?transport=tcp"});
+  EXPECT_EQ(IceConfig::linkHeaders(entries)[1],
+            "<turn:t:3478?transport=tcp>; rel=\"ice-server\"; username=\"1700000000:s1\"; "
+            "credential=\"9OmL1nyqU26fhMTi8jOJ/ofgSA0=\"; credential-type=\"password\"");
+  EXPECT_EQ(IceConfig::browserServers(entries)[0].dump(), R"({"urls":"stun:s:3478"})");
+}
+
+TEST(IceConfig, APublicAddressReplacesOnlyHostCandidatesOfItsFamily) {
+  const std::string answer =
+      "v=0\r\n"
+      "a=candidate:1 1 UDP 2015363327 10.1.0.2 40000 typ host\r\n"
+      "a=candidate:2 1 TCP 1015022847 10.1.0.2 9 typ host tcptype active\r\n"
+      "a=candidate:3 1 UDP 2015363583 fd00::2 40001 typ host\r\n"
+      "a=candidate:4 1 UDP 1679819007 198.51.100.1 40000 typ srflx raddr 10.1.0.2 rport 40000\r\n";
+  EXPECT_EQ(announceAddress(answer, "203.0.113.7"),
+            "v=0\r\n"
+            "a=candidate:1 1 UDP 2015363327 203.0.113.7 40000 typ host\r\n"
+            "a=candidate:2 1 TCP 1015022847 203.0.113.7 9 typ host tcptype active\r\n"
+            "a=candidate:3 1 UDP 2015363583 fd00::2 40001 typ host\r\n"
+            "a=candidate:4 1 UDP 1679819007 198.51.100.1 40000 typ srflx raddr 10.1.0.2 rport "
+            "40000\r\n");
 }
 
 }  // namespace

@@ -344,6 +344,22 @@ TEST(HostileStart, StartsCleanWhateverIsLyingAround) {
       tmp / "stderr");
   EXPECT_EQ(r.status, 1);
   EXPECT_THAT(readFile(tmp / "stderr"), HasSubstr("is not a regular file"));
+  // How viewers reach the server is judged whole before it serves: one line, exit status 1.
+  std::ofstream(tmp / "short") << "too short\n";
+  for (const std::vector<std::string>& flags : std::vector<std::vector<std::string>>{
+           {"--ice-server", "turn:relay.example"},
+           {"--ice-server", "turn:relay", "--turn-secret-file", (tmp / "short").string()},
+           {"--ice-server", "stun:relay?transport=tcp"},
+           {"--udp-ports", "40010-40000"},
+           {"--udp-ports", "80-90"},
+           {"--public-address", "relay.example"}}) {
+    std::vector<std::string> args{LUMORA2_SERVE_BIN, "--engine", (avatars / "vivra.model").string(),
+                                  "--avatars", avatars.string()};
+    args.insert(args.end(), flags.begin(), flags.end());
+    EXPECT_EQ(shell("timeout 20 " + commandLine(args), tmp / "stderr").status, 1) << flags[1];
+    const std::string said = readFile(tmp / "stderr");
+    EXPECT_TRUE(said.starts_with("error: ") && said.find('\n') + 1 == said.size()) << said;
+  }
   if (::access("/proc/net/if_inet6", R_OK) == 0) {
     Server v6({"--listen", "[::1]:0"}, tmp, {}, avatars);
     EXPECT_THAT(v6.banner(), HasSubstr("http://[::1]:"));
