@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <span>
 #include <utility>
 
 #include "client_error.h"
@@ -275,7 +276,6 @@ void SharedRenderProcess::writeLoop() {
 
 void SharedRenderProcess::readLoop() {
   sw::RecordReader records(geometry_.width, geometry_.height);
-  std::vector<std::uint8_t> chunk(1 << 20);
   auto deliver = [this](const sw::RecordReader::Item& item) {
     std::shared_ptr<Inbox> inbox;
     {
@@ -312,9 +312,9 @@ void SharedRenderProcess::readLoop() {
             pixels = std::move(inbox->spare.back());
             inbox->spare.pop_back();
           }
-          const std::size_t bytes =
-              sw::framePixelBytes(geometry_.width, geometry_.height, inbox->flags);
-          pixels.assign(item.pixels, item.pixels + bytes);
+          // The reader's buffer itself becomes the frame; the spare takes its place there.
+          std::swap(pixels, *item.buffer);
+          pixels.resize(sw::framePixelBytes(geometry_.width, geometry_.height, inbox->flags));
           RenderChannel::Event event{RenderChannel::Event::Kind::frame, item.position};
           inbox->items.emplace_back(event, std::move(pixels));
           inbox->pump(*this);
@@ -327,10 +327,12 @@ void SharedRenderProcess::readLoop() {
   std::string why;
   try {
     for (;;) {
-      const ssize_t n = ::read(output_, chunk.data(), chunk.size());
+      // Straight into the reader's record: a frame's pixels are read once and handed on.
+      const std::span<std::uint8_t> into = records.space();
+      const ssize_t n = ::read(output_, into.data(), into.size());
       if (n < 0 && errno == EINTR) continue;
       if (n <= 0) break;
-      records.consume(chunk.data(), std::size_t(n), deliver);
+      records.commit(std::size_t(n), deliver);
     }
   } catch (const wire::WireError& e) {
     why = std::string(": ") + e.what();

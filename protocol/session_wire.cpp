@@ -160,17 +160,30 @@ std::size_t RecordReader::want() const {
   return 4;
 }
 
+std::span<std::uint8_t> RecordReader::space() {
+  const std::size_t wanted = want();
+  if (buffer_.size() < std::max<std::size_t>(wanted, 4))
+    buffer_.resize(std::max<std::size_t>(wanted, 4));
+  return {buffer_.data() + held_, wanted - held_};
+}
+
+void RecordReader::commit(std::size_t size, const ItemFn& onItem) {
+  held_ += size;
+  if (held_ < want()) return;
+  held_ = 0;
+  complete(onItem);
+  // An empty text is complete as soon as its length is known.
+  while (stage_ == Stage::text && textBytes_ == 0) complete(onItem);
+}
+
 void RecordReader::consume(const std::uint8_t* data, std::size_t size, const ItemFn& onItem) {
-  while (size > 0 || (stage_ == Stage::text && textBytes_ == 0)) {
-    const std::size_t wanted = want();
-    const std::size_t take = std::min(size, wanted - held_);
-    std::memcpy(buffer_.data() + held_, data, take);
-    held_ += take;
+  while (size > 0) {
+    const std::span<std::uint8_t> into = space();
+    const std::size_t take = std::min(size, into.size());
+    std::memcpy(into.data(), data, take);
     data += take;
     size -= take;
-    if (held_ < wanted) return;
-    held_ = 0;
-    complete(onItem);
+    commit(take, onItem);
   }
 }
 
@@ -202,8 +215,11 @@ void RecordReader::complete(const ItemFn& onItem) {
       return;
     case Stage::frame:
       item_.pixels = buffer_.data();
+      item_.buffer = &buffer_;
       stage_ = Stage::lead;
       onItem(item_);
+      item_.pixels = nullptr;
+      item_.buffer = nullptr;
       return;
     case Stage::flags:
       item_.flags = word;

@@ -214,92 +214,98 @@ void SessionRegistry::reap() {
 
 namespace lumora2::serve {
 
-void SessionRegistry::observe(const std::vector<std::shared_ptr<LiveSession>>& live,
-                              const std::vector<std::shared_ptr<LiveSession>>& ended) {
-  ServerMetrics::Gauges gauges;
-  std::uint64_t framesSent = 0, framesRendered = 0;
-  bool childMeasured = false;           // some child was looked at twice while it rendered
-  std::map<pid_t, double> childCpuNow;  // each render process's processor seconds at this look
-  // A session that appeared, began sending or ended since the last look: this span's server time
-  // holds one-off costs (its viewer's connection, the encoder's start), not a frame's.
-  bool settled = ended.empty();
-  double slowest = 0;
-  auto look = [&](LiveSession& session, bool last) {
-    const LiveSession::Counters c = session.counters();
-    const auto [at, first] = seen_.try_emplace(session.id());
-    Seen& seen = at->second;
-    if (first || (seen.counters.framesSent == 0 && c.framesSent > 0)) settled = false;
-    const LiveSession::Counters& was = seen.counters;
-    const std::uint64_t sent = c.framesSent - was.framesSent;
-    const std::uint64_t rendered = c.renderedSent - was.renderedSent;
-    metrics_.framesSent(sent - std::min(sent, rendered), rendered);
-    metrics_.framesRendered(c.framesRendered - was.framesRendered);
-    metrics_.stalls(c.stalls - was.stalls);
-    metrics_.framesBehind(c.framesBehind - was.framesBehind);
-    metrics_.respawns(c.respawns - was.respawns);
-    metrics_.childDeaths(c.childDeaths - was.childDeaths);
-    framesSent += sent;
-    // A render process's processor time counts from its second look on (its warm-up is not
-    // rendering), once per look however many sessions it renders.
-    const std::optional<ProcessUsage> child = processUsage(c.childPid);
-    const bool firstOfProcess = child && childCpuNow.emplace(c.childPid, child->cpuSeconds).second;
-    const auto before = childCpu_.find(c.childPid);
-    if (child && before != childCpu_.end()) {
-      if (firstOfProcess) childCpuSpan_ += std::max(0.0, child->cpuSeconds - before->second);
-      if (c.childPid == was.childPid) framesRendered += c.framesRendered - was.framesRendered;
-      childMeasured = true;
-    }
-    seen.counters = c;
-    if (last) {
-      metrics_.ended(c.cause.empty() ? "closed" : c.cause);
-      seen_.erase(session.id());
-      return;
-    }
-    if (firstOfProcess) gauges.childrenBytes += child->residentBytes;
-    if (c.renderFps > 0 && (slowest == 0 || c.renderFps < slowest)) slowest = c.renderFps;
-    gauges.speechQueued += c.speechQueued;
-    gauges.framesAhead += c.framesAhead;
-    gauges.textsQueued += c.textsQueued;
-  };
-  for (const auto& session : live) look(*session, false);
-  for (const auto& session : ended) look(*session, true);
-  childCpu_ = std::move(childCpuNow);
+void SessionRegistry::lookAt(LiveSession& session, bool last, Look& look) {
+  const LiveSession::Counters c = session.counters();
+  const auto [at, first] = seen_.try_emplace(session.id());
+  Seen& seen = at->second;
+  if (first || (seen.counters.framesSent == 0 && c.framesSent > 0)) look.settled = false;
+  const LiveSession::Counters& was = seen.counters;
+  const std::uint64_t sent = c.framesSent - was.framesSent;
+  const std::uint64_t rendered = c.renderedSent - was.renderedSent;
+  metrics_.framesSent(sent - std::min(sent, rendered), rendered);
+  metrics_.framesRendered(c.framesRendered - was.framesRendered);
+  metrics_.stalls(c.stalls - was.stalls);
+  metrics_.framesBehind(c.framesBehind - was.framesBehind);
+  metrics_.respawns(c.respawns - was.respawns);
+  metrics_.childDeaths(c.childDeaths - was.childDeaths);
+  look.framesSent += sent;
+  // A render process's processor time counts from its second look on (its warm-up is not
+  // rendering), once per look however many sessions it renders.
+  const std::optional<ProcessUsage> child = processUsage(c.childPid);
+  const bool firstOfProcess =
+      child && look.childCpuNow.emplace(c.childPid, child->cpuSeconds).second;
+  const auto before = childCpu_.find(c.childPid);
+  if (child && before != childCpu_.end()) {
+    if (firstOfProcess) childCpuSpan_ += std::max(0.0, child->cpuSeconds - before->second);
+    if (c.childPid == was.childPid) look.framesRendered += c.framesRendered - was.framesRendered;
+    look.childMeasured = true;
+  }
+  seen.counters = c;
+  if (last) {
+    metrics_.ended(c.cause.empty() ? "closed" : c.cause);
+    seen_.erase(session.id());
+    return;
+  }
+  if (firstOfProcess) look.gauges.childrenBytes += child->residentBytes;
+  if (c.renderFps > 0 && (look.slowest == 0 || c.renderFps < look.slowest)) {
+    look.slowest = c.renderFps;
+  }
+  look.gauges.speechQueued += c.speechQueued;
+  look.gauges.framesAhead += c.framesAhead;
+  look.gauges.textsQueued += c.textsQueued;
+}
 
-  // Children render in bursts (a chunk of streamed speech at a time), so a span goes on over
-  // looks with nothing rendered; ten such looks in a row end it: idle time is not a frame's.
-  childIdleLooks_ = childMeasured && framesRendered > 0 ? 0 : childIdleLooks_ + 1;
+void SessionRegistry::measureChildren(const Look& look) {
+  // Render processes work in bursts (a chunk of streamed speech at a time), so a span goes on
+  // over looks with nothing rendered; ten such looks in a row end it: idle time is not a frame's.
+  childIdleLooks_ = look.childMeasured && look.framesRendered > 0 ? 0 : childIdleLooks_ + 1;
   if (childIdleLooks_ > 10) {
     childCpuSpan_ = 0;
     childFramesSpan_ = 0;
   }
-  childFramesSpan_ += framesRendered;
+  childFramesSpan_ += look.framesRendered;
   if (childFramesSpan_ >= admission_.options().minFrames) {
     admission_.childSample(childCpuSpan_, childFramesSpan_);
     childCpuSpan_ = 0;
     childFramesSpan_ = 0;
   }
-  if (const std::optional<ProcessUsage> self = processUsage(0)) {
-    if (serverCpu_ >= 0 && framesSent > 0 && settled) {
-      serverCpuSpan_ += std::max(0.0, self->cpuSeconds - serverCpu_);
-      serverFramesSpan_ += framesSent;
-      if (serverFramesSpan_ >= admission_.options().minFrames) {
-        admission_.serverSample(serverCpuSpan_, serverFramesSpan_);
-        serverCpuSpan_ = 0;
-        serverFramesSpan_ = 0;
-      }
-    } else {
+}
+
+void SessionRegistry::measureServer(Look& look) {
+  const std::optional<ProcessUsage> self = processUsage(0);
+  if (!self) return;
+  if (serverCpu_ >= 0 && look.framesSent > 0 && look.settled) {
+    serverCpuSpan_ += std::max(0.0, self->cpuSeconds - serverCpu_);
+    serverFramesSpan_ += look.framesSent;
+    if (serverFramesSpan_ >= admission_.options().minFrames) {
+      admission_.serverSample(serverCpuSpan_, serverFramesSpan_);
       serverCpuSpan_ = 0;
       serverFramesSpan_ = 0;
     }
-    serverCpu_ = self->cpuSeconds;
-    gauges.serverBytes = self->residentBytes;
+  } else {
+    serverCpuSpan_ = 0;
+    serverFramesSpan_ = 0;
   }
-  admission_.renderSpeed(slowest);
+  serverCpu_ = self->cpuSeconds;
+  look.gauges.serverBytes = self->residentBytes;
+}
+
+void SessionRegistry::observe(const std::vector<std::shared_ptr<LiveSession>>& live,
+                              const std::vector<std::shared_ptr<LiveSession>>& ended) {
+  Look look;
+  look.settled = ended.empty();
+  for (const auto& session : live) lookAt(*session, false, look);
+  for (const auto& session : ended) lookAt(*session, true, look);
+  childCpu_ = std::move(look.childCpuNow);
+  measureChildren(look);
+  measureServer(look);
+  admission_.renderSpeed(look.slowest);
 
   const Admission::Estimate estimate = admission_.estimate();
+  ServerMetrics::Gauges& gauges = look.gauges;
   gauges.active = live.size();
   gauges.capacity = admission_.capacity();
-  gauges.renderFps = slowest;
+  gauges.renderFps = look.slowest;
   gauges.childMsPerFrame = estimate.childMs;
   gauges.serverMsPerFrame = estimate.serverMs;
   gauges.draining = admission_.draining();

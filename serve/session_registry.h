@@ -66,6 +66,21 @@ class SessionRegistry {
   // What the sessions did since the last look (the reaper thread's own state below).
   void observe(const std::vector<std::shared_ptr<LiveSession>>& live,
                const std::vector<std::shared_ptr<LiveSession>>& ended);
+  // One look's findings, gathered session by session.
+  struct Look {
+    ServerMetrics::Gauges gauges;
+    std::uint64_t framesSent = 0, framesRendered = 0;
+    bool childMeasured = false;           // some render process was looked at twice
+    std::map<pid_t, double> childCpuNow;  // each render process's processor seconds now
+    // No session appeared, began sending or ended since the last look: the span's server time
+    // holds no one-off costs (a viewer's connection, an encoder's start), only frames'.
+    bool settled = true;
+    double slowest = 0;  // the slowest render speed, frames a second
+  };
+  void lookAt(LiveSession& session, bool last, Look& look);
+  // The render processes' and the server's processor time per frame, for admission.
+  void measureChildren(const Look& look);
+  void measureServer(Look& look);
   std::vector<std::shared_ptr<LiveSession>> snapshot() const LUMORA2_EXCLUDES(lock_);
   // Takes an ended session out of the map (the reaper destroys it); its reason is remembered.
   void retire(std::map<std::string, std::shared_ptr<LiveSession>>::iterator it)

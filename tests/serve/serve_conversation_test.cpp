@@ -215,48 +215,6 @@ TEST(Conversation, TextAndPcmNeverMixInOneUtterance) {
   EXPECT_EQ(server.call(http::verb::get, "/v1/sessions/" + id).json().value("state", ""), "live");
 }
 
-struct BadTalk {
-  const char* name;
-  std::string message;  // on the audio socket
-  const char* error;
-};
-
-class ConversationRefuses : public ::testing::TestWithParam<BadTalk> {
- protected:
-  static void SetUpTestSuite() {
-    server_ = new Server({});
-    id_ = new std::string(server_->readySession("ava").value("id", ""));
-  }
-  static void TearDownTestSuite() {
-    delete server_;
-    delete id_;
-  }
-  static Server* server_;
-  static std::string* id_;
-};
-Server* ConversationRefuses::server_ = nullptr;
-std::string* ConversationRefuses::id_ = nullptr;
-
-TEST_P(ConversationRefuses, InOneLineAndTheSessionGoesOn) {
-  net::io_context io;
-  auto ws = server_->audioSocket(io, *id_);
-  ws->text(true);
-  ws->write(net::buffer(GetParam().message));
-  EXPECT_THAT(readAnswer(*ws).value("error", ""), HasSubstr(GetParam().error));
-  EXPECT_EQ(server_->call(http::verb::get, "/v1/sessions/" + *id_).json().value("state", ""),
-            "live");
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Talk, ConversationRefuses,
-    ::testing::Values(
-        BadTalk{"TextTooLong", nlohmann::json{{"text", std::string(5001, 'a')}}.dump(),
-                "at most 5000"},
-        BadTalk{"UnreadableScript", R"({"text": "Привет, мир. "})", "cannot speak Cyrillic"},
-        BadTalk{"ControlCharacter", R"({"text": "hi\u0007"})", "control character"},
-        BadTalk{"TextNotAString", R"({"text": ["hi"]})", "\"text\" must be a string"}),
-    [](const auto& param) { return std::string(param.param.name); });
-
 // What a process holds: threads, open descriptors, children, resident memory (KiB).
 struct Holdings {
   long threads = 0, descriptors = 0, children = 0, residentKiB = 0;

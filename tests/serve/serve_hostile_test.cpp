@@ -46,16 +46,22 @@ class Hostile : public ::testing::Test {
 Server* Hostile::server_ = nullptr;
 std::string* Hostile::id_ = nullptr;
 
-class HostileSocketMessage : public Hostile, public ::testing::WithParamInterface<const char*> {};
+struct BadMessage {
+  const char* name;
+  std::string message;  // a text message on the audio socket
+  const char* error;
+};
 
-// Each of these once aborted the whole server: a value of the wrong type where {"end": true} is
-// read.
+class HostileSocketMessage : public Hostile, public ::testing::WithParamInterface<BadMessage> {};
+
+// Each is refused in one line, the socket closes and the session goes on. The first six once
+// aborted the whole server: a value of the wrong type where {"end": true} is read.
 TEST_P(HostileSocketMessage, IsRefusedAndTheSocketClosed) {
   net::io_context io;
   auto ws = server_->audioSocket(io, *id_);
   ws->text(true);
-  ws->write(net::buffer(std::string(GetParam())));
-  EXPECT_THAT(readAnswer(*ws).value("error", ""), HasSubstr("a text message must be"));
+  ws->write(net::buffer(GetParam().message));
+  EXPECT_THAT(readAnswer(*ws).value("error", ""), HasSubstr(GetParam().error));
   beast::flat_buffer buffer;
   beast::error_code ec;
   ws->read(buffer, ec);
@@ -63,9 +69,23 @@ TEST_P(HostileSocketMessage, IsRefusedAndTheSocketClosed) {
   expectAllWell();
 }
 
-INSTANTIATE_TEST_SUITE_P(Messages, HostileSocketMessage,
-                         ::testing::Values(R"({"end": 1})", R"({"end": "yes"})", R"({"end": null})",
-                                           "[true]", R"({"interrupt": [1]})", "{}"));
+constexpr const char* kWrongType = "a text message must be";
+INSTANTIATE_TEST_SUITE_P(
+    Messages, HostileSocketMessage,
+    ::testing::Values(
+        BadMessage{"EndNumber", R"({"end": 1})", kWrongType},
+        BadMessage{"EndWord", R"({"end": "yes"})", kWrongType},
+        BadMessage{"EndNull", R"({"end": null})", kWrongType},
+        BadMessage{"ArrayOfTrue", "[true]", kWrongType},
+        BadMessage{"InterruptList", R"({"interrupt": [1]})", kWrongType},
+        BadMessage{"Empty", "{}", kWrongType},
+        BadMessage{"TextTooLong", nlohmann::json{{"text", std::string(5001, 'a')}}.dump(),
+                   "at most 5000"},
+        BadMessage{"UnreadableScript", R"({"text": "Привет, мир. "})", "cannot speak Cyrillic"},
+        BadMessage{"ControlCharacter", R"({"text": "hi\u0007"})", "control character"},
+        BadMessage{"TextNotAString", R"({"text": ["hi"]})", "\"text\" must be a string"},
+        BadMessage{"NotJson", "hello", "PCM goes in binary messages"}),
+    [](const auto& param) { return std::string(param.param.name); });
 
 // Audio that decodes to far more than the 600 s a recording may last, in a few hundred KiB: it is
 // refused as soon as that is known (its header, or decoding up to the limit), and the server's
@@ -300,7 +320,8 @@ TEST(HostileLifecycle, PollingKeepsNothingAliveAndTextsHaveALength) {
   Server server({"--idle-timeout", "3"});
   const std::string id = server.readySession("ava").value("id", "");
   std::string text;  // 84 sentences of about 3.5 s each, with their pauses: over 5 minutes
-  for (int i = 0; i < 84; ++i) text += "This sentence is long enough to take a few seconds to say. ";
+  for (int i = 0; i < 84; ++i)
+    text += "This sentence is long enough to take a few seconds to say. ";
   const Reply refused = server.postJson("/v1/sessions/" + id + "/say", {{"text", text}});
   EXPECT_EQ(refused.status, 413) << refused.body;
   EXPECT_THAT(refused.json().value("error", ""), HasSubstr("nothing of it is said"));

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -91,11 +92,21 @@ class RecordReader {
     std::uint32_t position = 0;
     std::uint32_t flags = 0;               // opened
     const std::uint8_t* pixels = nullptr;  // frame: valid during the callback
-    std::string text;                      // opened: the decoder; closed: why
+    // frame: the buffer the pixels begin, which the callback may take by swapping another vector
+    // (of any size) into it; the reader reads the next frame into that one.
+    std::vector<std::uint8_t>* buffer = nullptr;
+    std::string text;  // opened: the decoder; closed: why
   };
   using ItemFn = std::function<void(const Item&)>;
 
   RecordReader(int width, int height);
+
+  // Reading straight from a source, with no copy: space() is where the next bytes go (at most the
+  // rest of the field or frame begun, so that no read carries bytes past it), and commit(size)
+  // takes the `size` bytes written there, handing the item they complete, if any, to `onItem`.
+  std::span<std::uint8_t> space();
+  void commit(std::size_t size, const ItemFn& onItem);
+  // Takes `size` bytes from elsewhere (copied), in pieces of any size.
   void consume(const std::uint8_t* data, std::size_t size, const ItemFn& onItem);
 
  private:
