@@ -58,6 +58,8 @@ try {
   const x = a1 === 1 ? 0 : 1, y = 1 - x;
   check(a1 + b1 === 1, 'the first session is on one replica', `sessions ${a1}, ${b1}`);
   check(await until(async () => (await status(first)).body.child === 'ready', 60000), 'its render child is ready');
+  // A warm render process is ready at once: the first frames may not have arrived yet.
+  await until(async () => ((await inbound(page, 'lumora2')).video || {}).framesDecoded > 0, 10000);
   const s0 = await inbound(page, 'lumora2');
   await sleep(3000);
   const s1 = await inbound(page, 'lumora2');
