@@ -83,7 +83,7 @@ void Composer::beginUtterance() {
 }
 
 void Composer::rendered(const Picture& picture) {
-  if (pendingIdle_ > 0 || exit_) settleIdle(&picture);
+  if (pendingIdle_ > 0 || exit_ || cut_) settleIdle(&picture);
   ++renderedCount_;
   if (previousRendered_) {
     largestRendered_ = std::max(largestRendered_, pictureStep(*previousRendered_, picture));
@@ -113,13 +113,44 @@ void Composer::endUtterance() {
   previousRendered_.reset();
 }
 
+void Composer::cutUtterance() {
+  settleEntry();
+  const std::optional<Picture> shown =
+      dissolving_ ? std::optional<Picture>(last_) : std::move(previousRendered_);
+  dissolving_ = false;
+  dissolveFrom_.reset();
+  previousRendered_.reset();
+  if (!shown) return;
+  const std::size_t held = idle_.nearest(idle_.likeness(*shown));
+  largestGap_ = std::max(largestGap_, pictureStep(*shown, idle_.frame(held)));
+  const std::size_t tiles = std::size_t(shown->width / kTile) * std::size_t(shown->height / kTile);
+  cut_ = CutExit{*shown, held, std::vector<double>(tiles, 0.0), 0};
+}
+
+void Composer::stepCut() {
+  // No tile takes longer than the whole picture's dissolve would: every weight is at least
+  // where an even dissolve of kMaxBlend steps would be.
+  const Picture& held = idle_.frame(cut_->held);
+  const double floor = double(++cut_->steps) / double(kMaxBlend + 1);
+  if (stepTiles(cut_->from, held, cut_->alpha, floor)) {
+    put(held, Kind::seam);
+    lastIdleIndex_ = std::ptrdiff_t(cut_->held);
+    idle_.seek(cut_->held + 1);
+    cut_.reset();
+    return;
+  }
+  put(scratch_, Kind::seam);
+}
+
 void Composer::finish() {
   settleEntry();
+  while (cut_) stepCut();
   settleIdle(nullptr);
 }
 
 void Composer::releaseIdle(std::size_t keep) {
   settleEntry();
+  for (; pendingIdle_ > keep && cut_; --pendingIdle_) stepCut();
   if (pendingIdle_ <= keep) return;
   if (exit_) {
     const Picture& nearest = idle_.frame(idle_.nearest(idle_.likeness(*exit_)));
@@ -135,6 +166,14 @@ void Composer::releaseIdle(std::size_t keep) {
 void Composer::settleIdle(const Picture* upcoming) {
   const std::size_t end = written_ + pendingIdle_;
   pendingIdle_ = 0;
+  // A cut utterance's exit dissolve goes on over the frames decided; an utterance that comes
+  // before it arrived dissolves in from what was shown last.
+  while (cut_ && written_ < end) stepCut();
+  if (cut_) {
+    idle_.seek(cut_->held + 1);
+    cut_.reset();
+    return;
+  }
   const std::size_t n = idle_.frameCount();
   // The upcoming rendered picture and the clip frame most like it, where the idle should end.
   std::optional<IdleSource::Likeness> next;
@@ -222,19 +261,30 @@ void Composer::dissolveInto(const Picture& r) {
     put(r, Kind::rendered);
     return;
   }
-  const std::vector<double> gaps = tileSteps(*dissolveFrom_, r);
+  if (stepTiles(*dissolveFrom_, r, tileAlpha_)) {
+    dissolving_ = false;
+    dissolveFrom_.reset();
+    put(r, Kind::seam);  // the first frame that shows the rendered picture alone
+    return;
+  }
+  put(scratch_, Kind::seam);
+}
+
+bool Composer::stepTiles(const Picture& from, const Picture& to, std::vector<double>& weights,
+                         double floor) {
+  const std::vector<double> gaps = tileSteps(from, to);
   std::vector<double> reach(gaps.size());
   bool arrives = true;
   for (std::size_t t = 0; t < gaps.size(); ++t) {
     const double local =
         std::max(t < tileReference_.size() ? tileReference_[t] : 0.0, kQuietTileStep);
-    reach[t] = std::min(1.0, tileAlpha_[t] + kEntryShare * local / std::max(gaps[t], 1e-9));
+    reach[t] = std::min(1.0, weights[t] + kEntryShare * local / std::max(gaps[t], 1e-9));
     arrives = arrives && reach[t] >= 1.0;
   }
   // Weights are spread between tile centres, so a tile may reach only as far as its slowest
   // neighbour: a fast tile beside a slow one would otherwise carry its pace into the slow one.
   {
-    const int across = r.width / kTile, down = r.height / kTile;
+    const int across = to.width / kTile, down = to.height / kTile;
     std::vector<double> eroded(reach.size());
     for (int ty = 0; ty < down; ++ty) {
       for (int tx = 0; tx < across; ++tx) {
@@ -245,7 +295,7 @@ void Composer::dissolveInto(const Picture& r) {
           }
         }
         const std::size_t t = std::size_t(ty) * std::size_t(across) + std::size_t(tx);
-        eroded[t] = std::max(tileAlpha_[t], least);
+        eroded[t] = std::max(weights[t], least);
       }
     }
     reach = std::move(eroded);
@@ -254,30 +304,27 @@ void Composer::dissolveInto(const Picture& r) {
   std::vector<double> alpha(gaps.size());
   auto fits = [&](double k) {
     for (std::size_t t = 0; t < alpha.size(); ++t) {
-      alpha[t] = tileAlpha_[t] + k * (reach[t] - tileAlpha_[t]);
+      alpha[t] = weights[t] + k * (reach[t] - weights[t]);
     }
-    mixPicturesByTile(*dissolveFrom_, r, alpha, kTile, scratch_);
+    mixPicturesByTile(from, to, alpha, kTile, scratch_);
     return pictureStep(last_, scratch_) <= kEntryShare * reference();
   };
-  double k = 1;
   if (!fits(1)) {
     double lo = 0, hi = 1;
     for (int i = 0; i < 8; ++i) {
       const double mid = (lo + hi) / 2;
       (fits(mid) ? lo : hi) = mid;
     }
-    k = lo;
     arrives = false;
-    fits(k);
+    fits(lo);
   }
-  if (arrives) {
-    dissolving_ = false;
-    dissolveFrom_.reset();
-    put(r, Kind::seam);  // the first frame that shows the rendered picture alone
-    return;
+  if (floor > 0 && !arrives) {
+    arrives = floor >= 1;
+    for (double& a : alpha) a = std::max(a, floor);
+    mixPicturesByTile(from, to, alpha, kTile, scratch_);
   }
-  tileAlpha_ = alpha;
-  put(scratch_, Kind::seam);
+  if (!arrives) weights = std::move(alpha);
+  return arrives;
 }
 
 void Composer::put(const Picture& picture, Kind kind) {

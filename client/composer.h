@@ -13,6 +13,10 @@
 //   between neighbouring rendered pictures seen so far (the reference), in the whole picture
 //   and in every 16 x 16 tile of it (the eyes move less than the mouth while speaking: a change
 //   there must be spread wider), and never jumps.
+// - Cut short (an interrupt), the last picture shown fades into the clip frame most like it each
+//   part at its own pace, as an entry does: the mouth closes within a few frames while the eyes
+//   take their time. That dissolve is decided one frame at a time as the idle frames are
+//   released, so an utterance that follows lands over it at once, dissolving from what was shown.
 //
 // Steps are measured with pictureStep on the pictures the encoder gets.
 #pragma once
@@ -55,6 +59,8 @@ class Composer {
   // The next rendered picture of the current utterance.
   void rendered(const Picture& picture);
   void endUtterance();
+  // Ends the current utterance where it stands (an interrupt): see above.
+  void cutUtterance();
   // Hands out everything still held; call once at the end.
   void finish();
   // For a live timeline, which must show a frame every 50 ms: hands out the idle frames decided
@@ -95,6 +101,14 @@ class Composer {
   void settleIdle(const Picture* upcoming);
   // Starts the entry dissolve over the rendered pictures held for it.
   void settleEntry();
+  // One step of a dissolve from `from` to `to`, each tile's weight (`alpha`, grown in place)
+  // growing at its own pace and the whole picture's step within bounds; the frame is left in
+  // scratch_. True when every tile has arrived at `to`. No weight stays below `floor`.
+  bool stepTiles(const Picture& from, const Picture& to, std::vector<double>& alpha,
+                 double floor = 0);
+  // Hands out the next frame of a cut utterance's exit dissolve (the clip frame itself once it
+  // has arrived).
+  void stepCut();
   // Hands out the next rendered picture, through the entry dissolve while it lasts.
   void dissolveInto(const Picture& rendered);
   void put(const Picture& picture, Kind kind);
@@ -115,6 +129,13 @@ class Composer {
   std::vector<double> tileAlpha_;  // per tile, the rendered picture's weight in the last frame
   std::optional<Picture> previousRendered_;  // the utterance's latest rendered picture
   std::optional<Picture> exit_;              // the last rendered picture, to fade out
+  struct CutExit {
+    Picture from;               // what was shown when the utterance was cut
+    std::size_t held = 0;       // the clip frame it fades into
+    std::vector<double> alpha;  // per tile, the clip frame's weight so far
+    std::size_t steps = 0;      // frames of it handed out
+  };
+  std::optional<CutExit> cut_;  // a cut utterance's exit dissolve, while it lasts
   double largestSeam_ = 0;
   double largestRendered_ = 0;
   double largestGap_ = 0;

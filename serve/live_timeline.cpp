@@ -314,7 +314,9 @@ bool LiveTimeline::decide(TimePoint now) {
     Item& item = *current_;
     const std::size_t q = composer_.position() - item.startPosition;
     if (item.complete && q >= item.frames()) {
-      if (inUtterance_) composer_.endUtterance();
+      // Cut short, the picture leaves the utterance at once (the mouth first) and the next
+      // item may land over that dissolve.
+      if (inUtterance_) item.cut ? composer_.cutUtterance() : composer_.endUtterance();
       inUtterance_ = false;
       for (Segment& s : item.segments) {
         framesAhead_ -= s.frames.size();
