@@ -128,10 +128,11 @@ void Composer::cutUtterance() {
 }
 
 void Composer::stepCut() {
-  // No tile takes longer than the whole picture's dissolve would: every weight is at least
-  // where an even dissolve of kMaxBlend steps would be.
+  // No tile takes longer than kCutBlend frames: every weight is at least where an even
+  // dissolve of that many steps would be.
+
   const Picture& held = idle_.frame(cut_->held);
-  const double floor = double(++cut_->steps) / double(kMaxBlend + 1);
+  const double floor = double(++cut_->steps) / double(kCutBlend + 1);
   if (stepTiles(cut_->from, held, cut_->alpha, floor)) {
     put(held, Kind::seam);
     lastIdleIndex_ = std::ptrdiff_t(cut_->held);

@@ -35,6 +35,9 @@ namespace lumora2::render {
 class Composer {
  public:
   static constexpr std::size_t kMaxBlend = 20;  // one second
+  // The longest dissolve out of a cut utterance: an interrupted avatar is at rest within a
+  // third of a second.
+  static constexpr std::size_t kCutBlend = 6;
   // The reference never falls below this: a jump this small is not seen.
   static constexpr double kQuietStep = 0.05;
   // A tile's reference (mean absolute luma difference) never falls below this.
