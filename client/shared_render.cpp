@@ -17,9 +17,8 @@
 #include <span>
 #include <utility>
 
+#include "child_process.h"
 #include "client_error.h"
-
-extern char** environ;
 
 namespace lumora2::render {
 
@@ -28,40 +27,7 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-constexpr std::size_t kTailLines = 8;
 constexpr std::size_t kResetMark = std::numeric_limits<std::size_t>::max();
-
-int decodeStatus(int raw) {
-  if (WIFEXITED(raw)) return WEXITSTATUS(raw);
-  if (WIFSIGNALED(raw)) return 128 + WTERMSIG(raw);
-  return 1;
-}
-
-// Whether `pid` exits by `deadline`; its decoded status in `status` when it does.
-bool exitsBy(pid_t pid, int& status, Clock::time_point deadline) {
-  for (;;) {
-    int raw = 0;
-    const pid_t r = ::waitpid(pid, &raw, WNOHANG);
-    if (r == pid) {
-      status = decodeStatus(raw);
-      return true;
-    }
-    if (r < 0 && errno != EINTR) return true;
-    if (Clock::now() >= deadline) return false;
-    ::usleep(10'000);
-  }
-}
-
-bool writeAll(int fd, const char* data, std::size_t size) {
-  while (size > 0) {
-    const ssize_t n = ::write(fd, data, size);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    data += n;
-    size -= std::size_t(n);
-  }
-  return true;
-}
 
 }  // namespace
 
@@ -107,101 +73,49 @@ struct SharedRenderProcess::Inbox {
 };
 
 std::shared_ptr<SharedRenderProcess> SharedRenderProcess::start(const Command& command) {
-  int in[2], out[2], err[2];
-  if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) {
-    throw ClientError(std::string("cannot create a pipe: ") + std::strerror(errno));
-  }
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, in[0], 0);
-  posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-  posix_spawn_file_actions_adddup2(&actions, err[1], 2);
-  posix_spawn_file_actions_addclosefrom_np(&actions, 3);
-  std::vector<std::string> args = {command.renderHost.string(), "render-sessions", "--engine",
-                                   command.engine.string()};
-  std::vector<char*> argv;
-  for (std::string& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
   auto tmp = std::make_unique<ScratchDir>("lumora2-render-shared-");
-  std::vector<std::string> env = {"TMPDIR=" + tmp->path().string()};
-  for (char** e = environ; *e != nullptr; ++e) {
-    if (std::strncmp(*e, "TMPDIR=", 7) != 0) env.emplace_back(*e);
-  }
+  std::vector<std::string> env = child::environment(tmp->path());
   // What lumora2-model sets before it hands over to the render host (host/render_host.cpp).
   if (std::getenv("OMP_WAIT_POLICY") == nullptr) env.emplace_back("OMP_WAIT_POLICY=PASSIVE");
   if (std::getenv("OMP_NUM_THREADS") == nullptr) {
     env.push_back("OMP_NUM_THREADS=" + std::to_string(std::max(1, command.threads)));
   }
-  std::vector<char*> envp;
-  for (std::string& e : env) envp.push_back(e.data());
-  envp.push_back(nullptr);
+  child::Pipe in, out, err;
   std::shared_ptr<SharedRenderProcess> p(new SharedRenderProcess());
-  pid_t pid = -1;
-  const int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
-  p->pid_ = pid;
-  posix_spawn_file_actions_destroy(&actions);
-  for (int fd : {in[0], out[1], err[1]}) ::close(fd);
-  if (rc != 0) {
-    for (int fd : {in[1], out[0], err[0]}) ::close(fd);
-    p->pid_ = -1;
-    throw ClientError("cannot start " + command.renderHost.string() + ": " + std::strerror(rc));
-  }
+  p->pid_ = child::spawn(
+      {command.renderHost.string(), "render-sessions", "--engine", command.engine.string()},
+      std::move(env), in, out, err);
+  for (int* end : {&in.fd[0], &out.fd[1], &err.fd[1]}) ::close(std::exchange(*end, -1));
   errno = 0;
   const int own = ::getpriority(PRIO_PROCESS, 0);
   if (errno == 0 && command.niceness > 0) {
-    ::setpriority(PRIO_PROCESS, id_t(pid), std::min(19, own + command.niceness));
+    ::setpriority(PRIO_PROCESS, id_t(p->pid_.load()), std::min(19, own + command.niceness));
   }
   p->tmp_ = std::move(tmp);
-  p->input_ = in[1];
-  p->output_ = out[0];
+  p->input_ = in.release(1);
+  p->output_ = out.release(0);
   ::fcntl(p->output_, F_SETPIPE_SZ, 1 << 20);
   ::fcntl(p->input_, F_SETPIPE_SZ, 1 << 20);
-  p->stderrReader_ = std::thread([raw = p.get(), fd = err[0]] {
-    std::string pending;
-    char buf[4096];
-    for (ssize_t n; (n = ::read(fd, buf, sizeof buf)) != 0;) {
-      if (n < 0 && errno == EINTR) continue;
-      if (n < 0) break;
-      pending.append(buf, std::size_t(n));
-      for (std::size_t nl; (nl = pending.find('\n')) != std::string::npos;) {
-        MutexLock hold(raw->tailLock_);
-        raw->tail_.push_back(pending.substr(0, nl));
-        if (raw->tail_.size() > kTailLines) raw->tail_.pop_front();
-        pending.erase(0, nl + 1);
-      }
-    }
-    ::close(fd);
-  });
+  p->tail_.start(err.release(0));
 
   // The header, once the child's graphs are loaded.
   std::string line;
-  const auto deadline = Clock::now() + StreamChild::kWarmUpLimit;
-  for (char c = 0; line.size() < wire::kMaxHeaderBytes;) {
-    pollfd ready{p->output_, POLLIN, 0};
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-    if (left.count() <= 0) break;
-    if (::poll(&ready, 1, int(std::min<long long>(left.count(), INT_MAX))) <= 0) continue;
-    if (::read(p->output_, &c, 1) != 1 || c == '\n') {
-      if (c == '\n') {
-        try {
-          p->geometry_ = wire::parseHeader(line);
-        } catch (const wire::WireError& e) {
-          break;
-        }
-        p->writer_ = std::thread([raw = p.get()] { raw->writeLoop(); });
-        p->reader_ = std::thread([raw = p.get()] { raw->readLoop(); });
-        return p;
-      }
-      break;
+  if (child::readLine(p->output_, line, wire::kMaxHeaderBytes,
+                      Clock::now() + StreamChild::kWarmUpLimit) == child::ReadResult::complete) {
+    try {
+      p->geometry_ = wire::parseHeader(line);
+      p->writer_ = std::thread([raw = p.get()] { raw->writeLoop(); });
+      p->reader_ = std::thread([raw = p.get()] { raw->readLoop(); });
+      return p;
+    } catch (const wire::WireError&) {
     }
-    line += c;
   }
   p->ended_ = true;
-  ::kill(pid, SIGKILL);
-  int status = 0;
-  exitsBy(pid, status, Clock::now() + std::chrono::seconds(5));
+  ::kill(p->pid_, SIGKILL);
+  int raw = 0;
+  child::exitsBy(p->pid_, raw, Clock::now() + std::chrono::seconds(5));
   p->pid_ = -1;
-  if (p->stderrReader_.joinable()) p->stderrReader_.join();
+  p->tail_.join();
   throw ClientError("the shared render process did not become ready (header \"" + line +
                     "\"); its last lines:\n" + p->stderrTail());
 }
@@ -225,10 +139,10 @@ SharedRenderProcess::~SharedRenderProcess() {
   if (const pid_t left = pid_.exchange(-1); left > 0) {
     ::kill(left, SIGKILL);
     int status = 0;
-    exitsBy(left, status, Clock::now() + std::chrono::hours(1));
+    child::exitsBy(left, status, Clock::now() + std::chrono::hours(1));
   }
   if (writer_.joinable()) writer_.join();
-  if (stderrReader_.joinable()) stderrReader_.join();
+  tail_.join();
   if (output_ >= 0) ::close(output_);
   if (input_ >= 0) ::close(input_);
 }
@@ -237,12 +151,7 @@ void SharedRenderProcess::kill(int signal) {
   if (const pid_t pid = pid_.load(); pid > 0 && !ended_) ::kill(pid, signal);
 }
 
-std::string SharedRenderProcess::stderrTail() const {
-  MutexLock hold(tailLock_);
-  std::string joined;
-  for (const std::string& l : tail_) joined += (joined.empty() ? "" : "\n") + l;
-  return joined;
-}
+std::string SharedRenderProcess::stderrTail() const { return tail_.text(); }
 
 void SharedRenderProcess::queue(std::string bytes) {
   {
@@ -265,7 +174,7 @@ void SharedRenderProcess::writeLoop() {
       bytes = std::move(inputQueue_.front());
       inputQueue_.pop_front();
     }
-    if (!writeAll(input_, bytes.data(), bytes.size())) {
+    if (!child::writeAll(input_, bytes.data(), bytes.size())) {
       MutexLock hold(inputLock_);
       inputFailed_ = true;
       inputQueue_.clear();
@@ -274,56 +183,59 @@ void SharedRenderProcess::writeLoop() {
   ::close(std::exchange(input_, -1));
 }
 
-void SharedRenderProcess::readLoop() {
-  sw::RecordReader records(geometry_.width, geometry_.height);
-  auto deliver = [this](const sw::RecordReader::Item& item) {
-    std::shared_ptr<Inbox> inbox;
-    {
-      MutexLock hold(inboxLock_);
-      const auto it = inboxes_.find(item.session);
-      if (it == inboxes_.end()) return;  // a session closed by its parent
-      inbox = it->second;
-      if (item.kind == sw::RecordReader::Item::Kind::closed) inboxes_.erase(it);
-    }
-    {
-      MutexLock hold(inbox->lock);
-      using Kind = sw::RecordReader::Item::Kind;
-      switch (item.kind) {
-        case Kind::opened:
-          if (inbox->state == Inbox::State::opening) inbox->state = Inbox::State::open;
-          inbox->flags = item.flags;
-          break;
-        case Kind::closed:
-          inbox->end(item.text == sw::kClosedForRespawn,
-                     item.text == sw::kClosedForRespawn
-                         ? "the render process asked for a fresh engine"
-                         : "the render process closed the session: " + item.text);
-          break;
-        case Kind::marker:
-          inbox->ahead = 0;
-          inbox->items.emplace_back(RenderChannel::Event{RenderChannel::Event::Kind::marker},
-                                    std::vector<std::uint8_t>());
-          inbox->pump(*this);
-          break;
-        case Kind::frame: {
-          inbox->ahead -= std::min(inbox->ahead, wire::kSamplesPerFrame);
-          std::vector<std::uint8_t> pixels;
-          if (!inbox->spare.empty()) {
-            pixels = std::move(inbox->spare.back());
-            inbox->spare.pop_back();
-          }
-          // The reader's buffer itself becomes the frame; the spare takes its place there.
-          std::swap(pixels, *item.buffer);
-          pixels.resize(sw::framePixelBytes(geometry_.width, geometry_.height, inbox->flags));
-          RenderChannel::Event event{RenderChannel::Event::Kind::frame, item.position};
-          inbox->items.emplace_back(event, std::move(pixels));
-          inbox->pump(*this);
-          break;
+// Hands one record of the child's output to the session it is for.
+void SharedRenderProcess::deliver(const sw::RecordReader::Item& item) {
+  std::shared_ptr<Inbox> inbox;
+  {
+    MutexLock hold(inboxLock_);
+    const auto it = inboxes_.find(item.session);
+    if (it == inboxes_.end()) return;  // a session closed by its parent
+    inbox = it->second;
+    if (item.kind == sw::RecordReader::Item::Kind::closed) inboxes_.erase(it);
+  }
+  {
+    MutexLock hold(inbox->lock);
+    using Kind = sw::RecordReader::Item::Kind;
+    switch (item.kind) {
+      case Kind::opened:
+        if (inbox->state == Inbox::State::opening) inbox->state = Inbox::State::open;
+        inbox->flags = item.flags;
+        break;
+      case Kind::closed:
+        inbox->end(item.text == sw::kClosedForRespawn,
+                   item.text == sw::kClosedForRespawn
+                       ? "the render process asked for a fresh engine"
+                       : "the render process closed the session: " + item.text);
+        break;
+      case Kind::marker:
+        inbox->ahead = 0;
+        inbox->items.emplace_back(RenderChannel::Event{RenderChannel::Event::Kind::marker},
+                                  std::vector<std::uint8_t>());
+        inbox->pump(*this);
+        break;
+      case Kind::frame: {
+        inbox->ahead -= std::min(inbox->ahead, wire::kSamplesPerFrame);
+        std::vector<std::uint8_t> pixels;
+        if (!inbox->spare.empty()) {
+          pixels = std::move(inbox->spare.back());
+          inbox->spare.pop_back();
         }
+        // The reader's buffer itself becomes the frame; the spare takes its place there.
+        std::swap(pixels, *item.buffer);
+        pixels.resize(sw::framePixelBytes(geometry_.width, geometry_.height, inbox->flags));
+        RenderChannel::Event event{RenderChannel::Event::Kind::frame, item.position};
+        inbox->items.emplace_back(event, std::move(pixels));
+        inbox->pump(*this);
+        break;
       }
     }
-    inbox->changed.notify_all();
-  };
+  }
+  inbox->changed.notify_all();
+}
+
+void SharedRenderProcess::readLoop() {
+  sw::RecordReader records(geometry_.width, geometry_.height);
+  auto deliverTo = [this](const sw::RecordReader::Item& item) { deliver(item); };
   std::string why;
   try {
     for (;;) {
@@ -332,15 +244,16 @@ void SharedRenderProcess::readLoop() {
       const ssize_t n = ::read(output_, into.data(), into.size());
       if (n < 0 && errno == EINTR) continue;
       if (n <= 0) break;
-      records.commit(std::size_t(n), deliver);
+      records.commit(std::size_t(n), deliverTo);
     }
   } catch (const wire::WireError& e) {
     why = std::string(": ") + e.what();
     ::kill(pid_.load(), SIGKILL);
   }
   const pid_t pid = pid_.load();
-  int status = -1;
-  const bool exited = exitsBy(pid, status, Clock::now() + std::chrono::seconds(2));
+  int raw = 0;
+  const bool exited = child::exitsBy(pid, raw, Clock::now() + std::chrono::seconds(2));
+  const int status = child::decodeStatus(raw);
   died_ = "the shared render process " + std::to_string(pid) + " ended" +
           (exited ? " with exit status " + std::to_string(status) : "") + why;
   if (exited) pid_ = -1;

@@ -25,6 +25,7 @@
 #include <thread>
 #include <vector>
 
+#include "client/child_process.h"
 #include "client/render_channel.h"
 #include "container/platform.h"
 #include "engine/thread_annotations.h"
@@ -64,7 +65,7 @@ class SharedRenderProcess : public std::enable_shared_from_this<SharedRenderProc
   const StreamGeometry& geometry() const { return geometry_; }
   // Sends the child `signal` (SIGKILL: it ends at once, its sessions with `replace`).
   void kill(int signal);
-  std::string stderrTail() const LUMORA2_EXCLUDES(tailLock_);
+  std::string stderrTail() const;
 
  private:
   friend class SharedSession;
@@ -73,6 +74,7 @@ class SharedRenderProcess : public std::enable_shared_from_this<SharedRenderProc
   void queue(std::string bytes) LUMORA2_EXCLUDES(inputLock_);
   void writeLoop() LUMORA2_EXCLUDES(inputLock_);
   void readLoop() LUMORA2_EXCLUDES(inboxLock_);
+  void deliver(const wire::sessions::RecordReader::Item& item) LUMORA2_EXCLUDES(inboxLock_);
   void closeSession(std::uint32_t number) LUMORA2_EXCLUDES(inboxLock_);
 
   std::unique_ptr<ScratchDir> tmp_;  // the child's TMPDIR; removed last
@@ -93,11 +95,10 @@ class SharedRenderProcess : public std::enable_shared_from_this<SharedRenderProc
   Mutex inboxLock_;
   std::map<std::uint32_t, std::shared_ptr<Inbox>> inboxes_ LUMORA2_GUARDED_BY(inboxLock_);
 
-  mutable Mutex tailLock_;
-  std::deque<std::string> tail_ LUMORA2_GUARDED_BY(tailLock_);
+  child::StderrTail tail_;
   std::string died_;  // why the output ended; written by the reader before ended_
 
-  std::thread writer_, reader_, stderrReader_;
+  std::thread writer_, reader_;
 };
 
 // One session on a shared render process.

@@ -20,10 +20,9 @@
 #include <string>
 #include <utility>
 
+#include "child_process.h"
 #include "client_error.h"
 #include "signal_cleanup.h"
-
-extern char** environ;
 
 namespace lumora2::render {
 namespace {
@@ -43,90 +42,16 @@ void giveBackPriority(pid_t pid, int niceness) {
   }
 }
 
-constexpr std::size_t kTailLines = 8;
 constexpr auto kTermGrace = std::chrono::seconds(10);  // before SIGTERM
 constexpr auto kKillGrace = std::chrono::seconds(5);   // after SIGTERM, before SIGKILL
 
 using Clock = std::chrono::steady_clock;
 
-bool writeAll(int fd, const void* data, std::size_t size) {
-  const auto* p = static_cast<const std::uint8_t*>(data);
-  while (size > 0) {
-    const ssize_t n = ::write(fd, p, size);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    p += n;
-    size -= std::size_t(n);
-  }
-  return true;
-}
-
-enum class ReadResult { complete, ended, late };
-
-// Reads exactly `size` bytes by `deadline`: `ended` at the end of the stream (or an error) before
-// that, `late` when the deadline passes first.
-ReadResult readAll(int fd, void* data, std::size_t size, Clock::time_point deadline) {
-  auto* p = static_cast<std::uint8_t*>(data);
-  while (size > 0) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    if (left <= 0) return ReadResult::late;
-    pollfd ready{fd, POLLIN, 0};
-    const int polled = ::poll(&ready, 1, int(std::min<long long>(left, INT_MAX)));
-    if (polled < 0 && errno == EINTR) continue;
-    if (polled < 0) return ReadResult::ended;
-    if (polled == 0) continue;
-    const ssize_t n = ::read(fd, p, size);
-    if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
-    if (n <= 0) return ReadResult::ended;
-    p += n;
-    size -= std::size_t(n);
-  }
-  return ReadResult::complete;
-}
-
-// Whether `pid` exits by `deadline`; its raw status in `raw` when it does.
-bool exitsBy(pid_t pid, int& raw, Clock::time_point deadline) {
-  for (;;) {
-    const pid_t r = ::waitpid(pid, &raw, WNOHANG);
-    if (r == pid || (r < 0 && errno != EINTR)) return true;
-    if (Clock::now() >= deadline) return false;
-    ::usleep(10'000);
-  }
-}
-
-int decodeStatus(int raw) {
-  if (WIFEXITED(raw)) return WEXITSTATUS(raw);
-  if (WIFSIGNALED(raw)) return 128 + WTERMSIG(raw);
-  return 1;
-}
-
-// Closes both ends of a pipe on every path until release().
-struct Pipe {
-  int fd[2] = {-1, -1};
-  Pipe() {
-    if (::pipe2(fd, O_CLOEXEC) != 0) {
-      throw ClientError(std::string("cannot create a pipe: ") + std::strerror(errno));
-    }
-  }
-  ~Pipe() {
-    for (int f : fd)
-      if (f >= 0) ::close(f);
-  }
-  int release(int end) { return std::exchange(fd[end], -1); }
-};
-
-}  // namespace
-
-namespace {
-
 // The child's environment: the parent's, with TMPDIR pointing at the child's own scratch folder
 // and, for one of several siblings, its share of the cores.
 std::vector<std::string> childEnvironment(const StreamChild::Command& command,
                                           const std::filesystem::path& tmp) {
-  std::vector<std::string> env = {"TMPDIR=" + tmp.string()};
-  for (char** e = environ; *e != nullptr; ++e) {
-    if (std::strncmp(*e, "TMPDIR=", 7) != 0) env.emplace_back(*e);
-  }
+  std::vector<std::string> env = child::environment(tmp);
   if (command.siblings > 1 && std::getenv("OMP_NUM_THREADS") == nullptr) {
     const int cores = std::max(1, int(std::thread::hardware_concurrency()));
     env.push_back("OMP_NUM_THREADS=" + std::to_string(std::max(1, cores / command.siblings)));
@@ -134,44 +59,17 @@ std::vector<std::string> childEnvironment(const StreamChild::Command& command,
   return env;
 }
 
-// Runs `args` with `env`, its standard input, output and error on the pipes' child ends.
-pid_t spawnChild(std::vector<std::string> args, std::vector<std::string> env, const Pipe& in,
-                 const Pipe& out, const Pipe& err) {
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, in.fd[0], 0);
-  posix_spawn_file_actions_adddup2(&actions, out.fd[1], 1);
-  posix_spawn_file_actions_adddup2(&actions, err.fd[1], 2);
-  // Nothing else of the parent's reaches the child: a server's client connections and other
-  // children's pipes would otherwise stay open for as long as the child lives (a connection the
-  // server closed would still take requests nobody reads).
-  posix_spawn_file_actions_addclosefrom_np(&actions, 3);
-  auto pointers = [](std::vector<std::string>& strings) {
-    std::vector<char*> p;
-    for (std::string& s : strings) p.push_back(s.data());
-    p.push_back(nullptr);
-    return p;
-  };
-  std::vector<char*> argv = pointers(args);
-  std::vector<char*> envp = pointers(env);
-  pid_t pid = -1;
-  const int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
-  posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0) throw ClientError("cannot start " + args[0] + ": " + std::strerror(rc));
-  return pid;
-}
-
 }  // namespace
 
 std::unique_ptr<StreamChild> StreamChild::start(const Command& command) {
-  Pipe in, out, err;
+  child::Pipe in, out, err;
   // The child's working directory goes into a temporary directory of its own, removed with this
   // object: nothing stays behind whichever way the child ends (exit status 3 leaves its directory
   // by design, a killed child cannot remove it).
   auto tmp = std::make_unique<ScratchDir>("lumora2-render-child-");
-  const pid_t pid = spawnChild({command.host.string(), "render-stream", command.avatar.string(),
-                                "--engine", command.engine.string()},
-                               childEnvironment(command, tmp->path()), in, out, err);
+  const pid_t pid = child::spawn({command.host.string(), "render-stream", command.avatar.string(),
+                                  "--engine", command.engine.string()},
+                                 childEnvironment(command, tmp->path()), in, out, err);
   // Before the child has loaded its graphs and started its threads, which inherit the value.
   // A failure leaves the child at its parent's priority, which only costs the parent time.
   errno = 0;
@@ -195,7 +93,7 @@ std::unique_ptr<StreamChild> StreamChild::start(const Command& command) {
   // Larger pipes let a whole frame record pass in one piece.
   ::fcntl(child->output_, F_SETPIPE_SZ, 1 << 20);
   ::fcntl(child->input_, F_SETPIPE_SZ, 1 << 20);
-  child->readStderr(err.release(0));
+  child->tail_.start(err.release(0));
   child->readHeader();
   child->writer_ = std::thread([c = child.get()] { c->writeLoop(); });
   if (known && startNiceness > command.niceness) {
@@ -204,45 +102,17 @@ std::unique_ptr<StreamChild> StreamChild::start(const Command& command) {
   return child;
 }
 
-void StreamChild::readStderr(int errRead) {
-  stderrReader_ = std::thread([this, errRead] {
-    std::string pending;
-    char buf[4096];
-    for (;;) {
-      const ssize_t n = ::read(errRead, buf, sizeof buf);
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) break;
-      pending.append(buf, std::size_t(n));
-      for (std::size_t nl; (nl = pending.find('\n')) != std::string::npos;) {
-        std::lock_guard<std::mutex> hold(tailLock_);
-        tail_.push_back(pending.substr(0, nl));
-        if (tail_.size() > kTailLines) tail_.pop_front();
-        pending.erase(0, nl + 1);
-      }
-    }
-    std::lock_guard<std::mutex> hold(tailLock_);
-    if (!pending.empty()) tail_.push_back(pending);
-    if (tail_.size() > kTailLines) tail_.pop_front();
-    ::close(errRead);
-  });
-}
-
 void StreamChild::readHeader() {
   std::string line;
-  char c = 0;
-  ReadResult got = ReadResult::ended;
-  const auto deadline = Clock::now() + kWarmUpLimit;
-  while (line.size() < wire::kMaxHeaderBytes &&
-         (got = readAll(output_, &c, 1, deadline)) == ReadResult::complete && c != '\n') {
-    line += c;
-  }
-  if (got == ReadResult::late) {
+  const child::ReadResult got =
+      child::readLine(output_, line, wire::kMaxHeaderBytes, Clock::now() + kWarmUpLimit);
+  if (got == child::ReadResult::late) {
     end();
     throw ClientError("render-stream stopped answering: not ready within " +
                       std::to_string(kWarmUpLimit.count()) +
                       " s (it was ended); its last lines:\n" + stderrTail());
   }
-  if (c != '\n') {
+  if (got != child::ReadResult::complete) {
     const int status = exitStatus();
     throw ClientError("render-stream ended before it was ready (exit status " +
                       std::to_string(status) + "); its last lines:\n" + stderrTail());
@@ -263,7 +133,7 @@ StreamChild::~StreamChild() {
 
 void StreamChild::queue(std::string bytes) {
   {
-    std::lock_guard hold(inputLock_);
+    MutexLock hold(inputLock_);
     if (inputClosing_ || inputFailed_) return;
     inputBytes_ += bytes.size();
     inputQueue_.push_back(std::move(bytes));
@@ -290,7 +160,7 @@ void StreamChild::sendReset() {
 }
 
 std::size_t StreamChild::pendingInput() const {
-  std::lock_guard hold(inputLock_);
+  MutexLock hold(inputLock_);
   return inputBytes_;
 }
 
@@ -300,14 +170,17 @@ void StreamChild::writeLoop() {
   for (;;) {
     std::string bytes;
     {
-      std::unique_lock hold(inputLock_);
-      inputReady_.wait(hold, [&] { return !inputQueue_.empty() || inputClosing_; });
+      MutexLock hold(inputLock_);
+      inputReady_.wait(inputLock_, [&]() LUMORA2_REQUIRES(inputLock_) {
+        return !inputQueue_.empty() || inputClosing_;
+      });
       if (inputQueue_.empty()) break;
       bytes = std::move(inputQueue_.front());
       inputQueue_.pop_front();
     }
-    const bool written = inputFailedNow() ? false : writeAll(input_, bytes.data(), bytes.size());
-    std::lock_guard hold(inputLock_);
+    const bool written =
+        inputFailedNow() ? false : child::writeAll(input_, bytes.data(), bytes.size());
+    MutexLock hold(inputLock_);
     inputBytes_ -= bytes.size();
     if (!written) {
       inputFailed_ = true;
@@ -319,13 +192,13 @@ void StreamChild::writeLoop() {
 }
 
 bool StreamChild::inputFailedNow() const {
-  std::lock_guard hold(inputLock_);
+  MutexLock hold(inputLock_);
   return inputFailed_;
 }
 
 void StreamChild::stopWriter() {
   {
-    std::lock_guard hold(inputLock_);
+    MutexLock hold(inputLock_);
     inputClosing_ = true;
   }
   inputReady_.notify_one();
@@ -340,15 +213,15 @@ void StreamChild::reap(std::chrono::milliseconds grace) {
   if (pid_ > 0) {
     // SIGTERM stays pending in a stopped child; SIGKILL ends it all the same.
     int raw = 0;
-    if (!exitsBy(pid_, raw, Clock::now() + grace)) {
+    if (!child::exitsBy(pid_, raw, Clock::now() + grace)) {
       ::kill(pid_, SIGTERM);
-      if (!exitsBy(pid_, raw, Clock::now() + kKillGrace)) {
+      if (!child::exitsBy(pid_, raw, Clock::now() + kKillGrace)) {
         ::kill(pid_, SIGKILL);
         while (::waitpid(pid_, &raw, 0) < 0 && errno == EINTR) {
         }
       }
     }
-    status_ = decodeStatus(raw);
+    status_ = child::decodeStatus(raw);
     forgetPid();
   }
   // A writer blocked on a full pipe gets its error once the child has gone.
@@ -356,17 +229,17 @@ void StreamChild::reap(std::chrono::milliseconds grace) {
     stopWriter();
     writer_.join();
   }
-  if (stderrReader_.joinable()) stderrReader_.join();
+  tail_.join();
 }
 
 void StreamChild::forgetPid() {
-  std::lock_guard hold(killLock_);
+  MutexLock hold(killLock_);
   pid_ = -1;
   signal_cleanup::setChild(-1, {});
 }
 
 void StreamChild::kill() {
-  std::lock_guard hold(killLock_);
+  MutexLock hold(killLock_);
   if (pid_ > 0) ::kill(pid_, SIGKILL);
 }
 
@@ -376,7 +249,7 @@ void StreamChild::end() {
     int raw = 0;
     while (::waitpid(pid_, &raw, 0) < 0 && errno == EINTR) {
     }
-    status_ = decodeStatus(raw);
+    status_ = child::decodeStatus(raw);
     forgetPid();
   }
   reap(kTermGrace);
@@ -398,8 +271,8 @@ std::chrono::milliseconds StreamChild::segmentLimit(std::size_t count) {
 bool StreamChild::exitsWithin(std::chrono::milliseconds wait) {
   if (pid_ > 0) {
     int raw = 0;
-    if (!exitsBy(pid_, raw, Clock::now() + wait)) return false;
-    status_ = decodeStatus(raw);
+    if (!child::exitsBy(pid_, raw, Clock::now() + wait)) return false;
+    status_ = child::decodeStatus(raw);
     forgetPid();
   }
   reap(kTermGrace);  // joins the writer and the stderr reader
@@ -411,12 +284,7 @@ int StreamChild::exitStatus() {
   return status_;
 }
 
-std::string StreamChild::stderrTail() const {
-  std::lock_guard<std::mutex> hold(tailLock_);
-  std::string joined;
-  for (const std::string& line : tail_) joined += (joined.empty() ? "" : "\n") + line;
-  return joined;
-}
+std::string StreamChild::stderrTail() const { return tail_.text(); }
 
 StreamChild::Event StreamChild::next(Clock::time_point deadline) {
   // Each read goes straight into the reader's record, and completes at most one item; a frame's

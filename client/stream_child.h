@@ -24,7 +24,9 @@
 #include <thread>
 #include <vector>
 
+#include "client/child_process.h"
 #include "container/platform.h"
+#include "engine/thread_annotations.h"
 #include "protocol/stream_wire.h"
 
 namespace lumora2::render {
@@ -82,7 +84,7 @@ class StreamChild {
   void sendFlush();
   void sendReset();
   // Bytes queued for the child and not yet written.
-  std::size_t pendingInput() const;
+  std::size_t pendingInput() const LUMORA2_EXCLUDES(inputLock_);
 
   // What the child said next.
   struct Event {
@@ -125,8 +127,6 @@ class StreamChild {
 
  private:
   StreamChild() = default;
-  // Keeps the child's last lines on standard error (read from `errRead`, closed at its end).
-  void readStderr(int errRead);
   // Waits for the child's header line; ends the child and throws ClientError when it does not
   // come or is not acceptable.
   void readHeader();
@@ -137,10 +137,10 @@ class StreamChild {
   void reap(std::chrono::milliseconds grace);
   // Ends the child at once: SIGKILL, reap, close its output and remove its TMPDIR.
   void end();
-  void queue(std::string bytes);
-  void writeLoop();
-  bool inputFailedNow() const;
-  void stopWriter();
+  void queue(std::string bytes) LUMORA2_EXCLUDES(inputLock_);
+  void writeLoop() LUMORA2_EXCLUDES(inputLock_);
+  bool inputFailedNow() const LUMORA2_EXCLUDES(inputLock_);
+  void stopWriter() LUMORA2_EXCLUDES(inputLock_);
   // The child has been reaped.
   void forgetPid();
 
@@ -154,20 +154,18 @@ class StreamChild {
 
   // The writer thread owns the child's standard input; inputLock_ guards the queue, the flags and
   // the byte count.
-  mutable std::mutex inputLock_;
-  std::condition_variable inputReady_;
-  std::deque<std::string> inputQueue_;
-  std::size_t inputBytes_ = 0;
-  bool inputClosing_ = false;  // no more will be queued: close standard input once written
-  bool inputFailed_ = false;   // a write failed: the child is gone
-  int input_ = -1;             // the child's standard input (write end), the writer's alone
+  mutable Mutex inputLock_;
+  std::condition_variable_any inputReady_;
+  std::deque<std::string> inputQueue_ LUMORA2_GUARDED_BY(inputLock_);
+  std::size_t inputBytes_ LUMORA2_GUARDED_BY(inputLock_) = 0;
+  // No more will be queued: close standard input once written.
+  bool inputClosing_ LUMORA2_GUARDED_BY(inputLock_) = false;
+  bool inputFailed_ LUMORA2_GUARDED_BY(inputLock_) = false;  // a write failed: the child is gone
+  int input_ = -1;  // the child's standard input (write end), the writer's alone
   std::thread writer_;
-  std::mutex killLock_;  // guards pid_ against kill() from another thread while reaping
+  Mutex killLock_;  // held by kill() and by forgetting pid_, so that no signal goes to a reaped pid
 
-  // The stderr reader thread appends under tailLock_; stderrTail() reads under it.
-  mutable std::mutex tailLock_;
-  std::deque<std::string> tail_;
-  std::thread stderrReader_;
+  child::StderrTail tail_;
 };
 
 }  // namespace lumora2::render
