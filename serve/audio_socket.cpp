@@ -51,13 +51,14 @@ class AudioSocket : public std::enable_shared_from_this<AudioSocket> {
   void listen() {
     std::weak_ptr<AudioSocket> weak = weak_from_this();
     auto executor = ws_.get_executor();
-    subscription_ = session_->events().subscribe(seen_, [weak, executor](const SessionEvent& event) {
-      std::string text = jsonText(event.message());
-      const bool last = event.name == "session_ended";
-      net::post(executor, [weak, text = std::move(text), last]() mutable {
-        if (auto self = weak.lock()) self->send(std::move(text), last);
-      });
-    });
+    subscription_ =
+        session_->events().subscribe(seen_, [weak, executor](const SessionEvent& event) {
+          std::string text = jsonText(event.message());
+          const bool last = event.name == "session_ended";
+          net::post(executor, [weak, text = std::move(text), last]() mutable {
+            if (auto self = weak.lock()) self->send(std::move(text), last);
+          });
+        });
   }
 
   void read() {

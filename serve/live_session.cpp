@@ -316,7 +316,8 @@ nlohmann::json LiveSession::interrupt() {
               {"samples_played", cut.framesHeard * kFrameSamples},
               {"dropped", cut.dropped}};
     if (cut.playing != 0) {
-      const nlohmann::json heard = heardOf(cut.playing, cut.framesHeard * kFrameSamples);
+      const nlohmann::json heard =
+          heardOf(cut.playing, timeline_.madeSamples(cut.playing, cut.framesHeard * kFrameSamples));
       if (!heard.is_null()) result.update(heard);
     }
     spoken_.erase(cut.playing);

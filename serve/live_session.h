@@ -229,7 +229,7 @@ class LiveSession {
   nlohmann::json heardOf(std::uint64_t item, std::size_t samples) const LUMORA2_REQUIRES(lock_);
   void finishTextJob(const std::shared_ptr<TextJob>& job) LUMORA2_EXCLUDES(lock_);
   // Queues a text job; throws SessionError as speak does.
-  std::shared_ptr<TextJob> queueText(std::chrono::steady_clock::time_point arrived)
+  std::shared_ptr<TextJob> queueText(std::chrono::steady_clock::time_point arrived, bool written)
       LUMORA2_REQUIRES(lock_);
 
   // When the last spoken text arrived, had its first sentence made, had its first sound sent to

@@ -44,29 +44,80 @@ std::uint64_t LiveTimeline::addRecording(std::vector<float> samples,
   return items_.back()->id;
 }
 
-std::uint64_t LiveTimeline::beginStream(TimePoint arrived) {
+std::uint64_t LiveTimeline::beginStream(TimePoint arrived, bool sentences) {
   auto item = std::make_unique<Item>();
   item->id = nextId_++;
   item->arrived = arrived;
   item->streamed = true;
-  item->segments.emplace_back();
+  item->sentences = sentences;
+  if (!sentences) item->segments.emplace_back();
   items_.push_back(std::move(item));
   return items_.back()->id;
 }
 
 void LiveTimeline::appendStream(std::uint64_t id, const float* samples, std::size_t count) {
   Item* item = find(id);
-  if (item == nullptr || item->complete) return;
+  if (item == nullptr || item->complete || count == 0) return;
+  if (item->sentences && (item->segments.empty() || item->segments.back().closed)) {
+    // A new sentence: right after the one before, or, when the item has already played past
+    // that, at its next undecided frame.
+    Segment s;
+    s.first = item->frames();
+    if (item == current_) s.first = std::max(s.first, composer_.position() - item->startPosition);
+    s.end = s.first;
+    item->samples.resize(s.first * kFrameSamples, 0.0f);
+    item->segments.push_back(std::move(s));
+  }
   item->samples.insert(item->samples.end(), samples, samples + count);
-  item->segments.front().end = item->frames();
+  Segment& last = item->segments.back();
+  last.end = item->frames();
+  last.made += count;
+}
+
+void LiveTimeline::endSentence(std::uint64_t id) {
+  Item* item = find(id);
+  if (item == nullptr || !item->sentences || item->segments.empty()) return;
+  item->samples.resize(item->frames() * kFrameSamples, 0.0f);
+  item->segments.back().closed = true;
 }
 
 std::size_t LiveTimeline::endStream(std::uint64_t id) {
   Item* item = find(id);
   if (item == nullptr) return 0;
   item->complete = true;
-  item->segments.front().end = item->frames();
+  if (item->sentences) {
+    endSentence(id);
+  } else {
+    item->segments.front().end = item->frames();
+  }
   return item->samples.size();
+}
+
+std::size_t LiveTimeline::madeSamples(std::uint64_t id, std::size_t samples) {
+  const Item* item = findAny(id);
+  if (item == nullptr || !item->sentences) return samples;
+  std::size_t made = 0;
+  for (const Segment& s : item->segments) {
+    const std::size_t from = s.first * kFrameSamples;
+    if (samples > from) made += std::min(samples - from, s.made);
+  }
+  return made;
+}
+
+bool LiveTimeline::sentenceReady(Item& item, std::size_t k) {
+  Segment& s = item.segments[k];
+  std::size_t ready = 0;
+  while (s.frames.count(ready) != 0) ++ready;
+  if (s.closed && (ready >= std::min(kStartFrames, s.end - s.first) || framesAhead_ >= aheadCap_)) {
+    return true;
+  }
+  item.samples.insert(item.samples.begin() + std::ptrdiff_t(s.first * kFrameSamples), kFrameSamples,
+                      0.0f);
+  for (std::size_t j = k; j < item.segments.size(); ++j) {
+    ++item.segments[j].first;
+    ++item.segments[j].end;
+  }
+  return false;
 }
 
 LiveTimeline::Item* LiveTimeline::findAny(std::uint64_t id) {
@@ -143,10 +194,12 @@ std::optional<LiveTimeline::RenderWork> LiveTimeline::renderWork(std::size_t sen
         work.samples.assign(item->samples.begin() + std::ptrdiff_t(from + sent),
                             item->samples.begin() + std::ptrdiff_t(to));
       }
-      work.complete = item->complete;
+      work.complete = item->complete || s.closed;
       work.frames = s.end - s.first;
       return work;
     }
+    // An open text stream's next sentence comes before anything queued after it.
+    if (item->sentences && !item->complete) break;
   }
   return std::nullopt;
 }
@@ -202,14 +255,15 @@ bool LiveTimeline::mayStart(const Item& item, TimePoint now) const {
   if (item.segments.empty()) return item.complete;
   const Segment& s = item.segments.front();
   if (s.done) return true;
-  const std::size_t length = item.complete ? s.end - s.first : SIZE_MAX;
+  if (item.sentences && !s.closed) return false;
+  const std::size_t length = item.complete || s.closed ? s.end - s.first : SIZE_MAX;
   // Frames at hand from the segment's start on.
   std::size_t ready = 0;
   while (s.frames.count(ready) != 0) ++ready;
   if (ready < std::min(kStartFrames, length)) return false;
   // The child waits for frames to be played: waiting longer gains nothing.
   if (framesAhead_ >= aheadCap_) return true;
-  if (!item.complete) return streamInTime(item);
+  if (!item.complete && !item.sentences) return streamInTime(item);
   // Whether the rest will be rendered in time at the speed measured so far: a segment's frames
   // come `latency_` after its sound was sent, then at `rate_` frames a second. Before any segment
   // has finished, the first one's own progress is the measure (its latency counted as rendering
@@ -333,10 +387,15 @@ bool LiveTimeline::decide(TimePoint now) {
     std::size_t k = 0;
     for (; k < item.segments.size(); ++k) {
       Segment& s = item.segments[k];
-      if (q >= s.first && (q < s.end || (!item.complete && item.streamed))) {
+      if (q >= s.first && (q < s.end || (!item.complete && item.streamed && !item.sentences))) {
         segment = &s;
         break;
       }
+    }
+    // A sentence of a text stream begins only with frames at hand; until then, silence.
+    if (segment != nullptr && item.sentences && k > 0 && q == segment->first &&
+        segment->played == 0 && !sentenceReady(item, k)) {
+      segment = nullptr;
     }
     if (segment == nullptr) {
       // Between utterances of the item: its own sound over the idle clip.

@@ -77,11 +77,21 @@ class LiveTimeline {
                              std::vector<std::pair<std::size_t, std::size_t>> segments,
                              TimePoint arrived = {});
   // A streamed item: one segment that grows with appendStream until endStream.
-  std::uint64_t beginStream(TimePoint arrived = {});
+  // A text stream (`sentences`) is one made sentence by sentence, each ended with endSentence:
+  // each sentence is a segment of its own, rendered whole as soon as it is made, so the item
+  // starts once its first sentence is rendered; when the next sentence is not there in time (the
+  // writer is still writing it), the item pauses with silence over the idle clip instead of
+  // stalling, and the sentence plays once its first frames are rendered.
+  std::uint64_t beginStream(TimePoint arrived = {}, bool sentences = false);
   void appendStream(std::uint64_t item, const float* samples, std::size_t count);
+  // A text stream's sentence is whole: its last partial frame is padded with silence.
+  void endSentence(std::uint64_t item);
   // Ends the stream: its last partial frame is padded with silence. Returns its length in
   // samples.
   std::size_t endStream(std::uint64_t item);
+  // Of an item's first `samples` on the timeline, those that were appended (a text stream's
+  // pauses and padding left out): where in what was made a position on the timeline falls.
+  std::size_t madeSamples(std::uint64_t item, std::size_t samples);
   // Whether that segment is still to be rendered (its item was not dropped or cut).
   bool wants(std::uint64_t item, std::size_t segment) const;
   // Removes an item that has not started playing; false when it has (or there is none).
@@ -160,13 +170,16 @@ class LiveTimeline {
     std::size_t receivedAtAudioSent = 0;  // frames that came before all its sound was sent
     std::optional<TimePoint> firstFrameAt;
     bool throttled = false;  // it reached the cap on frames held: its speed is not the child's
+    bool closed = false;     // a text stream's sentence that is whole
+    std::size_t made = 0;    // a text stream's: the samples appended to it
   };
   struct Item {
     std::uint64_t id = 0;
     std::vector<float> samples;
     std::vector<Segment> segments;
     bool streamed = false;
-    bool complete = false;  // every sample is here
+    bool sentences = false;  // a text stream, a segment per sentence
+    bool complete = false;   // every sample is here
     bool started = false;
     bool cut = false;               // interrupted: nothing more of it is rendered
     std::size_t startPosition = 0;  // the composer position of its frame 0
@@ -187,6 +200,9 @@ class LiveTimeline {
   // Whether a stream still arriving may start now without a stall: every frame it lacks will be
   // rendered by the time it is due, its sound arriving no faster than it plays.
   bool streamInTime(const Item& item) const;
+  // Whether segment k of a text stream has enough frames at hand to begin playing; when not, it
+  // and the segments after it move one frame later (a frame of silence before it).
+  bool sentenceReady(Item& item, std::size_t k);
   // Decides output frames into the composer until one comes out, or a rendered frame is missing.
   bool decide(TimePoint now);
   void onComposed(const Picture& picture);

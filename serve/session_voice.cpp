@@ -10,10 +10,13 @@ namespace lumora2::serve {
 
 using Clock = std::chrono::steady_clock;
 
-std::shared_ptr<LiveSession::TextJob> LiveSession::queueText(Clock::time_point arrived) {
+std::shared_ptr<LiveSession::TextJob> LiveSession::queueText(Clock::time_point arrived,
+                                                             bool written) {
   checkRoom();
   auto job = std::make_shared<TextJob>();
-  job->item = timeline_.beginStream(arrived);
+  // A text being written is spoken a sentence at a time, pausing where the writer has not yet
+  // finished the next one; a text said whole is made at once, as one stretch of speech.
+  job->item = timeline_.beginStream(arrived, written);
   textJobs_.push_back(job);
   spoken_[job->item];
   lastActivity_ = Clock::now();
@@ -30,7 +33,7 @@ LiveSession::Receipt LiveSession::say(std::vector<render::Sentence> sentences,
   {
     MutexLock hold(lock_);
     if (openText_) throw SessionError(409, "a streamed text is open; end it before saying more");
-    job = queueText(posted);
+    job = queueText(posted, false);
     job->pending.assign(sentences.begin(), sentences.end());
     job->closed = true;
     receipt = job->done.emplace().get_future();
@@ -63,7 +66,7 @@ void LiveSession::streamText(const std::string& words) {
       throw SessionError(409, "the open utterance is PCM: end it ({\"end\": true}) before text");
     }
     if (!openText_) {
-      opened = openText_ = queueText(Clock::now());
+      opened = openText_ = queueText(Clock::now(), true);
       textBuffer_.clear();
     }
     textBuffer_ += words;
@@ -137,6 +140,10 @@ void LiveSession::voiceLoop() {
       // What was made is spoken; this sentence is left out.
     }
     if (job->made > before) {
+      {
+        MutexLock hold(lock_);
+        timeline_.endSentence(job->item);
+      }
       events_.publish("sentence_made", {{"utterance", job->item},
                                         {"text", sentence.text},
                                         {"start", before},

@@ -278,5 +278,93 @@ INSTANTIATE_TEST_SUITE_P(Voices, StreamedSpeech,
                                                  "LongTextRenderedJustInTime"}),
                          [](const auto& param) { return std::string(param.param.name); });
 
+// A text written as it is spoken: each sentence is made at once when its last word is written,
+// and the writer sometimes pauses longer than the sentence before takes to say. The simulated
+// child renders each sentence whole once it is made. The first sentence plays as soon as its
+// first frames are rendered; a sentence made in time follows the one before without a gap; one
+// that comes late plays after silence over the idle clip; the output never stalls and every
+// sentence's sound is heard whole, in order.
+TEST(WrittenText, PausesForTheWriterInsteadOfStalling) {
+  IdleSource idle(family::test::generatedFamily().root / "ava.avatar");
+  LiveTimeline timeline(idle);
+  timeline.setAheadCap(200);
+  const std::vector<std::size_t> lengths = {34, 9, 50, 21};  // frames of each sentence
+  const std::vector<double> writtenAt = {0.0, 0.4, 4.5, 4.6};
+  const auto at = [](double s) {
+    return Clock::time_point{} +
+           std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(s));
+  };
+  Clock::time_point now{};
+  const std::uint64_t id = timeline.beginStream(now, true);
+  std::size_t written = 0;
+  // The child: the segment it renders, the samples it was sent, when it could start, its frames.
+  std::optional<std::size_t> segment;
+  std::size_t sent = 0, made = 0, frames = 0;
+  std::optional<Clock::time_point> flushed;
+  Clock::time_point lastMade{};
+  auto tick = [&] {
+    for (; written < lengths.size() && now >= at(writtenAt[written]); ++written) {
+      // The sound of frame f of sentence k says 100 k + f; its last frame is part silence.
+      std::vector<float> sound = soundOfFrames(100 * written + lengths[written]);
+      sound.erase(sound.begin(), sound.begin() + std::ptrdiff_t(100 * written * kFrameSamples));
+      sound.resize(sound.size() - 300);
+      timeline.appendStream(id, sound.data(), sound.size());
+      timeline.endSentence(id);
+      if (written + 1 == lengths.size()) timeline.endStream(id);
+    }
+    if (const auto work = timeline.renderWork(segment ? sent : 0); work && !flushed) {
+      if (segment != work->segment) sent = made = 0;
+      segment = work->segment;
+      sent += work->samples.size();
+      if (work->complete) flushed = now, frames = work->frames;
+    }
+    while (flushed && made < frames) {
+      const Clock::time_point when = std::max(*flushed + std::chrono::milliseconds(80),
+                                              lastMade + std::chrono::milliseconds(17));
+      if (when > now) break;
+      Picture picture = idle.frame(made * 7);
+      stamp(picture, made);
+      timeline.addFrame(id, *segment, made++, picture, when);
+      lastMade = when;
+    }
+    if (flushed && made == frames) {
+      timeline.segmentDone(id, *segment, now);
+      flushed.reset();
+    }
+  };
+  std::vector<std::pair<std::size_t, double>> heard;  // 100 k + f, and when it played
+  std::size_t stalls = 0, silentBetween = 0;
+  LiveFrame frame;
+  for (std::size_t n = 0; n < 20 * 10; ++n) {
+    now += std::chrono::milliseconds(50);
+    tick();
+    while (!timeline.next(frame, now)) {
+      ++stalls;
+      now += std::chrono::milliseconds(5);
+      tick();
+      ASSERT_LT(stalls, 10000u) << "the timeline never recovers";
+    }
+    if (!frame.speech || frame.samples.front() == 0.0f) {
+      if (!heard.empty() && heard.size() < 114) ++silentBetween;
+      continue;
+    }
+    const auto p = std::size_t(std::lround(frame.samples.front() * 65536.0f)) - 1;
+    heard.emplace_back(p, std::chrono::duration<double>(now.time_since_epoch()).count());
+  }
+  EXPECT_EQ(stalls, 0u) << "the output stalled";
+  std::vector<std::size_t> expected;
+  for (std::size_t k = 0; k < lengths.size(); ++k)
+    for (std::size_t f = 0; f < lengths[k]; ++f) expected.push_back(100 * k + f);
+  std::vector<std::size_t> got;
+  for (const auto& [p, when] : heard) got.push_back(p);
+  ASSERT_EQ(got, expected);
+  // The first sentence within its render time (80 ms, and 8 frames at 60 a second) and a frame;
+  // the second right after it; the third, written late, within as much of being written.
+  EXPECT_LE(heard.front().second, 0.35);
+  EXPECT_NEAR(heard[34].second - heard[33].second, 0.05, 1e-6) << "a gap between sentences made in time";
+  EXPECT_LE(heard[43].second - writtenAt[2], 0.35);
+  EXPECT_GT(silentBetween, 0u);
+}
+
 }  // namespace
 }  // namespace lumora2::serve
