@@ -352,6 +352,22 @@ void LiveTimeline::onComposed(const Picture& picture) {
   out_.push_back(std::move(frame));
 }
 
+void LiveTimeline::finishCurrent() {
+  Item& item = *current_;
+  // Cut short, the picture leaves the utterance at once (the mouth first) and the next item may
+  // land over that dissolve.
+  if (inUtterance_) item.cut ? composer_.cutUtterance() : composer_.endUtterance();
+  inUtterance_ = false;
+  for (Segment& s : item.segments) {
+    framesAhead_ -= s.frames.size();
+    s.frames.clear();
+  }
+  ++itemsSpoken_;
+  finished_.push_back(std::move(items_.front()));
+  items_.pop_front();
+  current_ = nullptr;
+}
+
 bool LiveTimeline::decide(TimePoint now) {
   while (out_.empty()) {
     if (current_ == nullptr) {
@@ -368,18 +384,7 @@ bool LiveTimeline::decide(TimePoint now) {
     Item& item = *current_;
     const std::size_t q = composer_.position() - item.startPosition;
     if (item.complete && q >= item.frames()) {
-      // Cut short, the picture leaves the utterance at once (the mouth first) and the next
-      // item may land over that dissolve.
-      if (inUtterance_) item.cut ? composer_.cutUtterance() : composer_.endUtterance();
-      inUtterance_ = false;
-      for (Segment& s : item.segments) {
-        framesAhead_ -= s.frames.size();
-        s.frames.clear();
-      }
-      ++itemsSpoken_;
-      finished_.push_back(std::move(items_.front()));
-      items_.pop_front();
-      current_ = nullptr;
+      finishCurrent();
       continue;
     }
     // The segment that holds frame q, if any.

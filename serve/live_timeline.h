@@ -205,6 +205,8 @@ class LiveTimeline {
   bool sentenceReady(Item& item, std::size_t k);
   // Decides output frames into the composer until one comes out, or a rendered frame is missing.
   bool decide(TimePoint now);
+  // The item playing has played its last frame: it moves to the finished ones.
+  void finishCurrent();
   void onComposed(const Picture& picture);
 
   Composer composer_;
