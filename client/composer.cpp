@@ -145,7 +145,6 @@ void Composer::stepCut() {
 
 void Composer::finish() {
   settleEntry();
-  while (cut_) stepCut();
   settleIdle(nullptr);
 }
 
