@@ -193,12 +193,7 @@ struct LinkCase {
 class SymlinkTest : public ScratchTest, public ::testing::WithParamInterface<LinkCase> {};
 
 TEST_P(SymlinkTest, NeverWritesThroughALink) {
-  // Named references, not a structured binding: clang 14 cannot capture bindings in a lambda.
-  const LinkCase& c = GetParam();
-  const std::string& link = c.link;
-  const std::string& target = c.target;
-  const std::string& member = c.member;
-  const char* const refusedAt = c.refusedAt;
+  const auto& [link, target, member, refusedAt] = GetParam();
   scratch_.write("outside/keep", "original");
   scratch_.write("out/real/present", "inside");
   fs::create_directories((scratch_ / "out" / link).parent_path());
@@ -212,10 +207,11 @@ TEST_P(SymlinkTest, NeverWritesThroughALink) {
               "ENOTDIR " + (scratch_ / "out" / refusedAt).string());
   } else {
     EXPECT_EQ(imxError([&] { C::unpack(file, scratch_ / "out"); }), "returned");
-    std::erase_if(expected, [&](const std::string& e) {
-      return e.starts_with("out/" + member + " ") || e.starts_with("out/" + member + "/");
+    const std::string place = "out/" + member;
+    std::erase_if(expected, [&place](const std::string& e) {
+      return e.starts_with(place + " ") || e.starts_with(place + "/");
     });
-    expected.push_back("out/" + member + " (7 bytes)");
+    expected.push_back(place + " (7 bytes)");
     std::sort(expected.begin(), expected.end());
   }
   EXPECT_EQ(test::listTree(scratch_.path()), expected) << "only the member's own place may change";

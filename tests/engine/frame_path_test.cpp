@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <functional>
 #include <limits>
-#include <stdexcept>
 #include <string_view>
 #include <vector>
 

@@ -4,12 +4,10 @@
 // a flat grey of level 10 + 20 i, which survives compression well enough to read the index back.
 #include <gtest/gtest.h>
 
-#include <array>
 #include <cmath>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
-#include <map>
-#include <thread>
 
 #include "engine/idle_clip_stream.h"
 #include "support/clip_writer.h"
@@ -28,19 +26,14 @@ using Frames = std::vector<std::vector<std::uint8_t>>;
 
 constexpr int kW = 64, kH = 48;
 
-Frames flat(int count, int w, int h, std::function<std::array<int, 3>(int)> bgrOf) {
+// `count` flat grey pictures of w x h, picture i of level 10 + 20 i.
+Frames ramp(int count, int w = kW, int h = kH) {
   Frames frames;
   for (int i = 0; i < count; ++i) {
-    std::vector<std::uint8_t>& f = frames.emplace_back(static_cast<std::size_t>(w) * h * 3);
-    const auto bgr = bgrOf(i);
-    for (std::size_t p = 0; p < f.size(); ++p) f[p] = static_cast<std::uint8_t>(bgr[p % 3]);
+    frames.emplace_back(static_cast<std::size_t>(w) * h * 3,
+                        static_cast<std::uint8_t>(10 + 20 * i));
   }
   return frames;
-}
-Frames ramp(int count) {
-  return flat(count, kW, kH, [](int i) {
-    return std::array{10 + 20 * i, 10 + 20 * i, 10 + 20 * i};
-  });
 }
 
 // The picture's B, G, R bytes, honouring its stride.
@@ -63,11 +56,6 @@ int rampIndex(const PixelBuffer& p) {
 std::string seam(int wrap, int count) {
   return "[lumora2-idle] wrap " + std::to_string(wrap) + ": frame " + std::to_string(count - 1) +
          " -> 0 (clip " + std::to_string(count) + " frames, the authored seam)";
-}
-
-template <typename Case>
-std::string caseName(const ::testing::TestParamInfo<Case>& param) {
-  return param.param.name;
 }
 
 struct LoopCase {
@@ -117,7 +105,7 @@ INSTANTIATE_TEST_SUITE_P(
                       // 12 frames 0.1 s apart under a declared 20 frames per second: the
                       // container says 1.15 s (the last frame lasting 1/20 s), so 23 frames.
                       LoopCase{"LengthOverstated", 12, {"matroska", 10, 20}, 23}),
-    caseName<LoopCase>);
+    [](const auto& p) { return std::string(p.param.name); });
 
 struct RefusalCase {
   const char* name;
@@ -128,24 +116,17 @@ struct RefusalCase {
   friend void PrintTo(const RefusalCase& c, std::ostream* os) { *os << c.name; }
 };
 
-void writeText(const fs::path& path, const std::string& text) { std::ofstream(path) << text; }
-std::string le(std::uint32_t v, int bytes) {
-  std::string out;
-  for (int i = 0; i < bytes; ++i) out.push_back(static_cast<char>((v >> (8 * i)) & 0xff));
-  return out;
-}
-// A 0.1 s 16 kHz mono WAV: a media file without a video stream.
-void writeWav(const fs::path& path) {
-  writeText(path, "RIFF" + le(36 + 3200, 4) + "WAVEfmt " + le(16, 4) + le(1, 2) + le(1, 2) +
-                      le(16000, 4) + le(32000, 4) + le(2, 2) + le(16, 2) + "data" + le(3200, 4) +
-                      std::string(3200, '\0'));
+// A media file without a video stream: 0.1 s of silence.
+void writeAudioOnly(const fs::path& path) {
+  const std::string command =
+      "ffmpeg -v error -y -f lavfi -i anullsrc=r=16000:cl=mono -t 0.1 -f mp4 '" + path.string() +
+      "'";
+  ASSERT_EQ(std::system(command.c_str()), 0);
 }
 void writeUndecodable(const fs::path& path) {
   writeClip(path, ramp(3), kW, kH, {"mp4", 10, 0, true});
 }
-void write418x720(const fs::path& path) {
-  writeClip(path, flat(1, 418, 720, [](int) { return std::array{90, 90, 90}; }), 418, 720);
-}
+void write418x720(const fs::path& path) { writeClip(path, ramp(1, 418, 720), 418, 720); }
 
 class IdleClipRefusal : public ::testing::TestWithParam<RefusalCase> {};
 
@@ -172,13 +153,14 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         RefusalCase{
             "NoUrl", false, {}, "no idle.mp4 for this identity (activeAgentDir=nil" + kNoUrl},
-        RefusalCase{"AudioOnly", true, writeWav, kNoTrack},
+        RefusalCase{"AudioOnly", true, writeAudioOnly, kNoTrack},
         RefusalCase{"NotMedia", true,
-                    [](const fs::path& p) { writeText(p, "not a video at all\n"); }, kNoTrack},
+                    [](const fs::path& p) { std::ofstream(p) << "not a video at all\n"; },
+                    kNoTrack},
         RefusalCase{"NoPicture", true, writeUndecodable, "idle.mp4 at {path} decoded no frame"},
         RefusalCase{"WrongSize", true, write418x720,
                     "idle.mp4 is 418x720, the engine's frames are 416x720"}),
-    caseName<RefusalCase>);
+    [](const auto& p) { return std::string(p.param.name); });
 
 }  // namespace
 }  // namespace lumora2

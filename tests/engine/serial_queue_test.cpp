@@ -4,12 +4,9 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <future>
 #include <memory>
-#include <thread>
-#include <vector>
 
 namespace lumora2 {
 namespace {

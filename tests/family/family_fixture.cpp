@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdio>
 #include <fstream>
 #include <iterator>
@@ -15,6 +16,8 @@
 #include <vector>
 
 #include "family/host_pack.h"
+#include "family/identity.h"
+#include "family/portrait.h"
 
 namespace lumora2::family::test {
 
@@ -44,10 +47,6 @@ std::string buildStamp(const std::vector<std::string>& binaries) {
   return stamp;
 }
 
-void writeFile(const fs::path& path, const std::string& text) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-}
-
 // CTest runs every case in its own process, so the family is kept in the build tree and reused
 // while the generator and host binaries are unchanged; a file lock serialises parallel cases.
 GeneratedFamily generate() {
@@ -65,7 +64,6 @@ GeneratedFamily generate() {
 #endif
   const std::string stamp = buildStamp(binaries);
   const fs::path stampFile = family.root.string() + ".stamp";
-  const fs::path outputFile = family.root.string() + ".output";
 
   const int lock =
       open((family.root.string() + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
@@ -75,20 +73,15 @@ GeneratedFamily generate() {
     ~Unlock() { close(fd); }
   } unlock{lock};
 
-  if (fs::exists(stampFile) && readFile(stampFile) == stamp) {
-    family.output = readFile(outputFile);
-    return family;
-  }
+  if (fs::exists(stampFile) && readFile(stampFile) == stamp) return family;
   fs::remove(stampFile);
   fs::remove_all(family.root);
   const ProcessResult r = runProcess(argv);
-  family.output = r.output;
   if (r.status != 0) {
     throw std::runtime_error("lumora2-family failed with status " + std::to_string(r.status) +
                              ":\n" + r.output);
   }
-  writeFile(outputFile, r.output);
-  writeFile(stampFile, stamp);
+  std::ofstream(stampFile, std::ios::trunc) << stamp;
   return family;
 }
 
@@ -103,6 +96,16 @@ fs::path scratchDir(const std::string& stem) {
   registry.dirs.emplace_back(pattern);
   return pattern;
 }
+
+#ifdef LUMORA2_MODEL_BIN
+fs::path faultyFamily() {
+  const fs::path root = scratchDir("faulty-family") / "family";
+  const ProcessResult r = runProcess({LUMORA2_FAMILY_BIN, "--out", root.string(),
+                                      "--faulty-student", "--host", LUMORA2_MODEL_BIN});
+  if (r.status != 0) throw std::runtime_error("lumora2-family --faulty-student:\n" + r.output);
+  return root;
+}
+#endif
 
 std::string readFile(const fs::path& path) {
   std::ifstream in(path, std::ios::binary);
@@ -120,6 +123,24 @@ Shell shell(const std::string& command, const fs::path& errFile) {
   const int raw = ::pclose(pipe);
   r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
   return r;
+}
+
+std::vector<float> tone(std::size_t count) {
+  std::vector<float> out(count);
+  for (std::size_t i = 0; i < count; ++i) {
+    out[i] = float(0.5 * std::sin(2 * M_PI * 220.0 * double(i) / 16000.0));
+  }
+  return out;
+}
+
+double mouthGrey(const std::uint8_t* pixels) {
+  const Rect box = faceRegions(identityByCode("ava")).mouth;
+  double sum = 0;
+  for (int y = box.y0; y < box.y1; ++y) {
+    const std::uint8_t* row = pixels + (std::size_t(y) * 416 + std::size_t(box.x0)) * 3;
+    for (int i = 0; i < 3 * box.width(); ++i) sum += row[i];
+  }
+  return sum / (3.0 * box.width() * box.height());
 }
 
 const GeneratedFamily& generatedFamily() {

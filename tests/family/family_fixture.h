@@ -3,8 +3,10 @@
 // built, the family is also packed with its pack commands. Tests only read it.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 namespace lumora2::family::test {
 
@@ -12,7 +14,6 @@ struct GeneratedFamily {
   std::filesystem::path root;     // --out
   std::filesystem::path staging;  // root/staging
   bool packed = false;
-  std::string output;  // what lumora2-family printed
 
   std::filesystem::path engine() const { return staging / "engine"; }
   std::filesystem::path avatar(const std::string& code) const { return staging / code; }
@@ -20,6 +21,10 @@ struct GeneratedFamily {
 
 // Generates on first use; a failed generation fails every test that asks for it.
 const GeneratedFamily& generatedFamily();
+
+// The reference family made again with a faulty student, which fails on non-finite audio, in a
+// scratch directory of its own (packed with the host built only).
+std::filesystem::path faultyFamily();
 
 // A fresh directory under $TMPDIR (or /tmp), removed at process exit.
 std::filesystem::path scratchDir(const std::string& stem);
@@ -31,6 +36,13 @@ struct Shell {
   int status = -1;
   std::string out;  // standard output
 };
+
+// `count` samples of a 220 Hz tone at 16 kHz, at half the full scale.
+std::vector<float> tone(std::size_t count);
+
+// How dark ava's mouth box is in a 416 x 720 frame of three bytes a pixel, in either order (the
+// mean of its bytes): the more open the mouth, the darker.
+double mouthGrey(const std::uint8_t* pixels);
 
 // Runs a shell command line; standard output is captured, standard error goes to `errFile` when
 // given.

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
 
 #include "engine/idle_clip_stream.h"
 #include "family_fixture.h"

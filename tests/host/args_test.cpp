@@ -1,7 +1,6 @@
 // The shared argument grammar and the number readers, as tables.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <limits>
 #include <optional>
 #include <string>

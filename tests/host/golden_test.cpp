@@ -93,11 +93,9 @@ Outcome runProcess(const std::vector<std::string>& argv, const fs::path& cwd, co
           slurp(capture / "err")};
 }
 
-std::string modelBinary() { return LUMORA2_MODEL_BIN; }
-
 TEST(StartupTest, ExecutableLinksNoRenderLibraries) {
   fs::path capture = makeTempDir();
-  Outcome r = runProcess({"/usr/bin/ldd", modelBinary()}, "/", {}, capture);
+  Outcome r = runProcess({"/usr/bin/ldd", LUMORA2_MODEL_BIN}, "/", {}, capture);
   fs::remove_all(capture);
   ASSERT_EQ(r.status, 0) << r.err;
   // Only the library names count: load addresses are hex and may spell "c10".
@@ -217,7 +215,7 @@ class GoldenCase : public ::testing::TestWithParam<std::string> {
       const std::map<std::string, std::function<void()>> steps{
           {"run",
            [&] {
-             std::vector<std::string> argv{modelBinary()};
+             std::vector<std::string> argv{LUMORA2_MODEL_BIN};
              argv.insert(argv.end(), w.begin() + 1, w.end());
              Outcome r = runProcess(argv, scratch_, env_, base_);
              std::string title = "lumora2-model" + line.substr(3);

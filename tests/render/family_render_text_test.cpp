@@ -1,14 +1,12 @@
-// lumora2-render speaking text on the packed reference family: --text and --text-file through the
-// real executable and its real render-stream child, the MP4 read back with FFmpeg's tools. The
-// video's sound is the embedded voice's speech, the mouth moves during the words and rests in the
-// pauses between sentences. Texts that cannot be spoken are among the refusals of
-// family_render_robustness_test.
+// lumora2-render speaking a text file on the packed reference family through the real executable
+// and its real render-stream child, the MP4 read back with FFmpeg's tools. That the frames follow
+// the sound is family_render_client_test's; --text and texts that cannot be spoken are among the
+// refusals of family_render_robustness_test.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
 #include <cstdlib>
 #include <fstream>
 #include <numeric>
@@ -64,90 +62,33 @@ double correlation(const std::vector<double>& a, const std::vector<double>& b) {
   return ab / std::sqrt(aa * bb);
 }
 
-double mean(const std::vector<double>& v) {
-  return v.empty() ? 0.0 : std::accumulate(v.begin(), v.end(), 0.0) / double(v.size());
-}
-
-// The text rendered once for the suite, with the speech the voice makes for it here.
-class RenderText : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    ASSERT_TRUE(generatedFamily().packed);
-    ::setenv("LUMORA2_MLMODELC_CACHE", (generatedFamily().root / "render-cache").c_str(), 1);
-    dir_ = scratchDir("render-text");
-    run_ = shell(commandLine(renderWords({"--text", kText}, dir_ / "text.mp4")), dir_ / "stderr");
-    video_ = decodeVideo(dir_ / "text.mp4");
-    sound_ = render::decodeAudio(dir_ / "text.mp4");
-    render::Voice("en-us+f3")
-        .speak(render::splitSentences(kText), [](const float* s, std::size_t n) {
-          speech_.insert(speech_.end(), s, s + n);
-          return true;
-        });
-  }
-
-  static const std::uint8_t* frame(std::size_t f) {
-    return reinterpret_cast<const std::uint8_t*>(video_.data()) + f * kFrameBytes;
-  }
-  static std::size_t frames() { return video_.size() / kFrameBytes; }
-
-  static inline fs::path dir_;
-  static inline Shell run_;
-  static inline std::string video_;
-  static inline std::vector<float> sound_, speech_;
-};
-
-TEST_F(RenderText, TheSoundIsTheVoicesSpeech) {
-  ASSERT_EQ(run_.status, 0) << readFile(dir_ / "stderr");
-  EXPECT_THAT(readFile(dir_ / "stderr"), HasSubstr("voice en-us+f3: 3 sentences"));
-  const std::size_t expected = (speech_.size() + kFrameSamples - 1) / kFrameSamples;
-  EXPECT_EQ(frames(), expected);
-  EXPECT_THAT(run_.out, HasSubstr(": " + std::to_string(expected) + " frames"));
-  // Through AAC: every sample there, the loudness following the speech frame by frame.
-  EXPECT_NEAR(double(sound_.size()), double(speech_.size()), 1024.0);
-  EXPECT_GT(correlation(frameLevels(sound_), frameLevels(speech_)), 0.95);
-}
-
-// The lower face differs from the mouth at rest while words are spoken far more than in the
-// pauses between sentences (frames at least 150 ms from any sound: the engine's mouth opens a
-// little ahead of a word and closes a little after it).
-TEST_F(RenderText, TheMouthMovesDuringWordsAndRestsBetweenSentences) {
-  ASSERT_EQ(run_.status, 0) << readFile(dir_ / "stderr");
-  const std::vector<double> levels = frameLevels(speech_);
-  ASSERT_EQ(levels.size(), frames());
-  std::vector<double> grey;
-  for (std::size_t f = 0; f < frames(); ++f) grey.push_back(mouthGrey(frame(f)));
-  const double shut = *std::max_element(grey.begin(), grey.end());
-  std::size_t first = 0, last = 0;  // the first and last frames with sound
-  for (std::size_t f = 0; f < levels.size(); ++f) {
-    if (levels[f] <= 0.02) continue;
-    if (first == 0) first = f;
-    last = f;
-  }
-  ASSERT_GT(first, 0u) << "the text starts without its lead-in";
-  std::vector<double> words, pauses;
-  for (std::size_t f = first; f <= last; ++f) {
-    if (levels[f] > 0.02) words.push_back(shut - grey[f]);
-    bool quiet = true;
-    for (std::size_t g = f - 3; g <= f + 3; ++g) quiet = quiet && levels[g] < 0.002;
-    if (quiet) pauses.push_back(shut - grey[f]);
-  }
-  ASSERT_GE(words.size(), 40u);
-  ASSERT_GE(pauses.size(), 4u) << "the pauses between sentences are missing";
-  EXPECT_GT(mean(words), 3 * mean(pauses) + 1.0)
-      << "open by " << mean(words) << " during words, " << mean(pauses) << " in the pauses";
-}
-
-// A blank line in a text file is a pause long enough for the idle clip: two utterances.
-TEST(RenderTextFile, ABlankLineIsAPauseWhereTheAvatarRests) {
-  const fs::path dir = scratchDir("render-text-file");
-  std::ofstream(dir / "words.txt") << "\xEF\xBB\xBFHello there.\n\n\nAnd goodbye.\n";
-  const Shell r = shell(
+// A text file (a byte order mark first) in the voice asked for: the sound is the voice's speech
+// for its text, through AAC frame by frame, with one picture for every 800 samples of it; the
+// blank line is a pause long enough for the idle clip, between two utterances.
+TEST(RenderText, TheSoundIsTheVoicesSpeechAndABlankLineAPause) {
+  ASSERT_TRUE(generatedFamily().packed);
+  ::setenv("LUMORA2_MLMODELC_CACHE", (generatedFamily().root / "render-cache").c_str(), 1);
+  const fs::path dir = scratchDir("render-text");
+  const std::string text = std::string(kText) + "\n\n\nAnd goodbye.\n";
+  std::ofstream(dir / "words.txt") << "\xEF\xBB\xBF" << text;
+  const Shell run = shell(
       commandLine(renderWords({"--text-file", (dir / "words.txt").string(), "--voice", "en-us+m3"},
-                              dir / "out.mp4")),
+                              dir / "text.mp4")),
       dir / "stderr");
-  ASSERT_EQ(r.status, 0) << readFile(dir / "stderr");
-  EXPECT_THAT(r.out, HasSubstr(", 2 utterances,"));
-  EXPECT_THAT(readFile(dir / "stderr"), HasSubstr("voice en-us+m3: 2 sentences"));
+  ASSERT_EQ(run.status, 0) << readFile(dir / "stderr");
+  EXPECT_THAT(readFile(dir / "stderr"), HasSubstr("voice en-us+m3: 4 sentences"));
+  EXPECT_THAT(run.out, HasSubstr(", 2 utterances,"));
+  std::vector<float> speech;
+  render::Voice("en-us+m3").speak(render::splitSentences(text), [&](const float* s, std::size_t n) {
+    speech.insert(speech.end(), s, s + n);
+    return true;
+  });
+  const std::size_t expected = (speech.size() + kFrameSamples - 1) / kFrameSamples;
+  EXPECT_EQ(decodeVideo(dir / "text.mp4").size() / kFrameBytes, expected);
+  EXPECT_THAT(run.out, HasSubstr(": " + std::to_string(expected) + " frames"));
+  const std::vector<float> sound = render::decodeAudio(dir / "text.mp4");
+  EXPECT_NEAR(double(sound.size()), double(speech.size()), 1024.0);
+  EXPECT_GT(correlation(frameLevels(sound), frameLevels(speech)), 0.95);
 }
 
 }  // namespace

@@ -4,8 +4,6 @@
 #include <cstdint>
 #include <fstream>
 
-#include "family/identity.h"
-#include "family/portrait.h"
 #include "family_fixture.h"
 
 namespace lumora2::family::test {
@@ -39,28 +37,10 @@ void writeWav(const fs::path& path, const std::vector<float>& samples, bool asFl
   }
 }
 
-std::vector<float> tone(std::size_t count) {
-  std::vector<float> out(count);
-  for (std::size_t i = 0; i < count; ++i) {
-    out[i] = float(0.5 * std::sin(2 * M_PI * 220.0 * double(i) / kRate));
-  }
-  return out;
-}
-
 std::string decodeVideo(const fs::path& mp4, const std::string& format) {
   return shell(commandLine({"ffmpeg", "-v", "error", "-i", mp4.string(), "-f", "rawvideo",
                             "-pix_fmt", format, "-"}))
       .out;
-}
-
-double mouthGrey(const std::uint8_t* rgb) {
-  const Rect box = faceRegions(identityByCode("ava")).mouth;
-  double sum = 0;
-  for (int y = box.y0; y < box.y1; ++y) {
-    const std::uint8_t* row = rgb + (std::size_t(y) * 416 + std::size_t(box.x0)) * 3;
-    for (int i = 0; i < 3 * box.width(); ++i) sum += row[i];
-  }
-  return sum / (3.0 * box.width() * box.height());
 }
 
 std::set<std::string> namesIn(const fs::path& dir) {

@@ -2,7 +2,6 @@
 // back video.
 #pragma once
 
-#include <cstdint>
 #include <filesystem>
 #include <set>
 #include <string>
@@ -24,15 +23,8 @@ std::filesystem::path renderBin();
 std::filesystem::path avatarFile();
 std::filesystem::path engineFile();
 
-// `count` samples of a 220 Hz tone at half the full scale.
-std::vector<float> tone(std::size_t count);
-
 // The video of `mp4` as raw frames in FFmpeg's pixel format `format`; empty when unreadable.
 std::string decodeVideo(const std::filesystem::path& mp4, const std::string& format = "rgb24");
-
-// How dark ava's mouth box is in a 416 x 720 R, G, B frame (the mean of R, G and B): the more
-// open the mouth, the darker.
-double mouthGrey(const std::uint8_t* rgb);
 
 // The names of the entries of `dir`.
 std::set<std::string> namesIn(const std::filesystem::path& dir);

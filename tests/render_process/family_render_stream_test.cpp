@@ -1,7 +1,6 @@
 // render-stream through the real lumora2-model and its render host on the packed reference
 // family, driven the way a parent drives it: messages on standard input, frame records and
 // markers read back from standard output, status and standard error checked at the end.
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -18,7 +17,6 @@
 #include <tuple>
 #include <vector>
 
-#include "family/host_pack.h"
 #include "family_fixture.h"
 
 namespace lumora2::family::test {
@@ -248,11 +246,7 @@ TEST_F(RenderStream, MessagesSplitAtEveryByteBoundaryReadTheSame) {
 // the count; two failed segments in a row end the process with status 3 after the second marker,
 // leaving the working directory for the respawned child's parent to see.
 TEST_F(RenderStream, TwoFailedSegmentsInARowAskForARespawn) {
-  const fs::path faulty = scratchDir("faulty-family");
-  ProcessResult made = runProcess({LUMORA2_FAMILY_BIN, "--out", faulty.string(), "--faulty-student",
-                                   "--host", LUMORA2_MODEL_BIN});
-  ASSERT_EQ(made.status, 0) << made.output;
-  Child child(tmp, faulty, "linear");
+  Child child(tmp, faultyFamily(), "linear");
   const std::vector<std::uint8_t> nan = audio(25600, true);
   auto segment = [&](const std::vector<std::uint8_t>& message) {
     child.send(cat(message, word(kMarker)));

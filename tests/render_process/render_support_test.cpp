@@ -6,7 +6,6 @@
 #include <sndfile.h>
 #include <unistd.h>
 
-#include <cmath>
 #include <filesystem>
 #include <optional>
 #include <string>

@@ -44,43 +44,26 @@ TEST_P(AdmissionCase, CapacityAndDecision) {
 }
 
 using R = Admission::Refusal;
+// Measured: 3.5 ms a rendered frame, 9 ms a sent one on one core: 0.25 core a session.
+const std::vector<std::pair<double, std::uint64_t>> kChild{{0.35, 100}}, kServer{{0.9, 100}};
 INSTANTIATE_TEST_SUITE_P(
     Admission, AdmissionCase,
     ::testing::Values(
         // Priors (15 + 10 ms a frame): half a core a session.
         Case{"PriorsOnTwoCores", 2, 64, {}, {}, 0, false, 3, 2, R::none},
         Case{"PriorsOnTwoCoresFull", 2, 64, {}, {}, 0, false, 3, 3, R::capacity},
-        // Measured: 3.5 ms a rendered frame, 9 ms a sent one on one core: 0.25 core a session.
-        Case{"MeasuredOneCore", 1, 64, {{0.35, 100}}, {{0.9, 100}}, 25, false, 3, 2, R::none},
-        Case{"MeasuredOneCoreFull",
-             1,
-             64,
-             {{0.35, 100}},
-             {{0.9, 100}},
-             25,
-             false,
-             3,
-             3,
-             R::capacity},
+        Case{"MeasuredOneCore", 1, 64, kChild, kServer, 25, false, 3, 2, R::none},
+        Case{"MeasuredOneCoreFull", 1, 64, kChild, kServer, 25, false, 3, 3, R::capacity},
         // A container's quota of half a core holds one session at least.
-        Case{"HalfACore", 0.5, 64, {{0.35, 100}}, {{0.9, 100}}, 25, false, 1, 0, R::none},
+        Case{"HalfACore", 0.5, 64, kChild, kServer, 25, false, 1, 0, R::none},
         // A heavy family: 400 ms a frame. One session is always admitted, never a second.
         Case{"HeavyFirst", 2, 64, {{40, 100}}, {}, 2.5, false, 1, 0, R::none},
         Case{"HeavySecond", 2, 64, {{40, 100}}, {}, 2.5, false, 1, 1, R::capacity},
         // The cap holds even where the measurement allows more; its own reason.
-        Case{"CapBelowMeasured",
-             16,
-             2,
-             {{0.35, 100}},
-             {{0.9, 100}},
-             25,
-             false,
-             2,
-             2,
-             R::maxSessions},
+        Case{"CapBelowMeasured", 16, 2, kChild, kServer, 25, false, 2, 2, R::maxSessions},
         // A child already rendering slower than real time: nothing to spare.
-        Case{"ChildBehind", 16, 64, {{0.35, 100}}, {{0.9, 100}}, 12, false, 54, 1, R::capacity},
-        Case{"ChildBehindAlone", 16, 64, {{0.35, 100}}, {{0.9, 100}}, 12, false, 54, 0, R::none},
+        Case{"ChildBehind", 16, 64, kChild, kServer, 12, false, 54, 1, R::capacity},
+        Case{"ChildBehindAlone", 16, 64, kChild, kServer, 12, false, 54, 0, R::none},
         Case{"Draining", 16, 64, {}, {}, 0, true, 27, 0, R::draining},
         // Spans of fewer than 100 frames are not measurements; later ones blend in at 0.3.
         Case{"ShortSpansIgnored", 1, 64, {{5, 10}}, {{5, 99}}, 0, false, 1, 0, R::none},

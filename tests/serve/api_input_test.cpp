@@ -50,6 +50,8 @@ INSTANTIATE_TEST_SUITE_P(
                       Message{"EndNull", R"({"end": null})", std::nullopt},
                       Message{"ArrayOfTrue", "[true]", std::nullopt},
                       Message{"EndFalse", R"({"end": false})", std::nullopt},
+                      Message{"InterruptList", R"({"interrupt": [1]})", std::nullopt},
+                      Message{"Empty", "{}", std::nullopt},
                       Message{"TextNumber", R"({"text": 5})", std::nullopt},
                       Message{"TwoKeys", R"({"end": true, "text": "x"})", std::nullopt},
                       Message{"NotJson", "hello", std::nullopt}),

@@ -3,9 +3,6 @@
 // sentence by sentence, interrupts that cut what is queued (and leak nothing, however many), and
 // the bad input of each, answered in one line while the session goes on. What a viewer hears and
 // when is the browser's test (browser/conversation.test.mjs).
-#include <dirent.h>
-#include <signal.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -103,12 +100,8 @@ TEST(Conversation, EventsComeInOrderAndResumeAfterTheLastOneSeen) {
   Server server({});
   const std::string id = server.readySession("ava").value("id", "");
   EventReader events(server, id);
-  const fs::path dir = scratchDir("serve-conversation-events");
-  EXPECT_EQ(server
-                .call(http::verb::post, "/v1/sessions/" + id + "/speech", speechWav(dir),
-                      {{"Content-Type", "audio/wav"}})
-                .status,
-            202);
+  const std::string speech = speechWav(scratchDir("serve-conversation-events"));
+  EXPECT_EQ(server.call(http::verb::post, "/v1/sessions/" + id + "/speech", speech).status, 202);
   EXPECT_EQ(
       server.postJson("/v1/sessions/" + id + "/say", {{"text", "Hello there. Goodbye."}}).status,
       202);
@@ -229,10 +222,8 @@ Holdings holdings(pid_t pid) {
     for (long child; children >> child;) ++h.children;
   }
   for (const auto& e : fs::directory_iterator(proc + "/fd")) h.descriptors += e.exists() ? 1 : 0;
-  std::ifstream status(proc + "/status");
-  for (std::string key; status >> key;) {
-    if (key == "VmRSS:") status >> h.residentKiB;
-  }
+  const std::string status = readFile(proc + "/status");
+  h.residentKiB = std::stol(status.substr(status.find("VmRSS:") + 6));
   return h;
 }
 
@@ -271,9 +262,10 @@ TEST(Conversation, TwoHundredInterruptsLeakNothing) {
   }
   std::this_thread::sleep_for(std::chrono::seconds(2));
   const Holdings after = holdings(server.pid());
-  EXPECT_EQ(after.threads, before.threads);
-  EXPECT_EQ(after.descriptors, before.descriptors);
-  EXPECT_EQ(after.children, before.children);
+  // A leak holds more; one closed meanwhile (a connection ending) is no fault.
+  EXPECT_LE(after.threads, before.threads);
+  EXPECT_LE(after.descriptors, before.descriptors);
+  EXPECT_LE(after.children, before.children);
   EXPECT_LT(after.residentKiB, before.residentKiB + 16 * 1024);
   const nlohmann::json status = server.call(http::verb::get, "/v1/sessions/" + id).json();
   EXPECT_EQ(status.value("state", ""), "live");

@@ -9,7 +9,6 @@
 
 #include <cmath>
 #include <cstring>
-#include <fstream>
 #include <thread>
 
 #include "render_test_support.h"
@@ -139,29 +138,20 @@ nlohmann::json Server::awaitStatus(const std::string& id,
   return status;
 }
 
-std::unique_ptr<WebSocket> Server::audioSocket(net::io_context& io, const std::string& id,
-                                               const std::string& query) const {
+std::unique_ptr<WebSocket> Server::audioSocket(net::io_context& io, const std::string& id) const {
   auto ws = std::make_unique<WebSocket>(io);
   beast::get_lowest_layer(*ws).expires_after(std::chrono::seconds(20));
   beast::get_lowest_layer(*ws).connect(tcp::endpoint(net::ip::make_address("127.0.0.1"), port_));
   beast::get_lowest_layer(*ws).expires_never();
   ws->set_option(websocket::stream_base::timeout::suggested(beast::role_type::client));
-  ws->handshake("127.0.0.1", "/v1/sessions/" + id + "/audio" + query);
+  ws->handshake("127.0.0.1", "/v1/sessions/" + id + "/audio");
   return ws;
 }
 
 long Server::peakKiB() const {
-  std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
-  std::string key;
-  while (status >> key) {
-    if (key == "VmHWM:") {
-      long kib = 0;
-      status >> kib;
-      return kib;
-    }
-    status.ignore(4096, '\n');
-  }
-  return 0;
+  const std::string status = readFile("/proc/" + std::to_string(pid_) + "/status");
+  const std::size_t at = status.find("VmHWM:");
+  return at == std::string::npos ? 0 : std::stol(status.substr(at + 6));
 }
 
 bool alive(pid_t pid) { return pid > 0 && ::kill(pid, 0) == 0; }

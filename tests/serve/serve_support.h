@@ -64,8 +64,7 @@ class Server {
                              const std::function<bool(const nlohmann::json&)>& done,
                              std::chrono::seconds limit = std::chrono::seconds(20)) const;
   // The session's audio WebSocket, open.
-  std::unique_ptr<WebSocket> audioSocket(net::io_context& io, const std::string& id,
-                                         const std::string& query = "") const;
+  std::unique_ptr<WebSocket> audioSocket(net::io_context& io, const std::string& id) const;
   // Peak resident memory of the server process, in KiB.
   long peakKiB() const;
 
