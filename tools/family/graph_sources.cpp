@@ -89,39 +89,10 @@ std::string studentSource(bool faulty) {
 )";
 }
 
-std::string decoderSource(bool heavy, DecoderKind kind) {
-  // Phase p (one-hot planes 32..35) puts weight (p + 1) / 4 on the current latent.
-  std::string src = R"(
-def forward(self, x):
-    cur = x[0, 0:16].mean(dim=[1, 2])
-    prev = x[0, 16:32].mean(dim=[1, 2])
-    w = (x[0, 32:36].mean(dim=[1, 2]) * self.phase_weight).sum()
-    lat = prev + w * (cur - prev)
-    mouth = self.draw_mouth(torch.clamp(lat[0], 0.0, 1.0))
-    eyes = self.draw_eyes(lat[1] * self.gaze_px, torch.clamp(lat[3], 0.0, 1.0))
-)";
-  if (heavy) {
-    src += R"(    pic = self.base_f.clone()
-    pic[:, self.my0:self.my1, self.mx0:self.mx1] = mouth
-    pic[:, self.ey0:self.ey1, self.ex0:self.ex1] = eyes
-    rgb = pic.unsqueeze(0)
-    rgb = (rgb + 1e-5 * torch.tanh(self.refine(rgb))).half()
-)";
-  } else {
-    src += R"(    pic = self.base_h.clone()
-    pic[:, self.my0:self.my1, self.mx0:self.mx1] = mouth.half()
-    pic[:, self.ey0:self.ey1, self.ex0:self.ex1] = eyes.half()
-    rgb = pic.unsqueeze(0)
-)";
-  }
-  if (kind == DecoderKind::kZeros) src += "    rgb = rgb * 0.0\n";
-  if (kind == DecoderKind::kNan) src += "    rgb[0, 0:1, 0:1, 0:1] = self.nan_px\n";
-  src += "    return rgb\n";
-
-  // The mouth is a lens of lips around a dark opening whose half-height follows the openness;
-  // the jaw drops, so the opening's centre moves down as it opens. Shut, a seam of 0.6 pixels
-  // remains; the upper teeth show once the opening passes two pixels.
-  src += R"(
+// The mouth is a lens of lips around a dark opening whose half-height follows the openness;
+// the jaw drops, so the opening's centre moves down as it opens. Shut, a seam of 0.6 pixels
+// remains; the upper teeth show once the opening passes two pixels.
+constexpr const char* kDrawing = R"(
 def draw_mouth(self, o):
     half = o * (0.5 * self.open_px)
     centre = o * (0.3 * self.open_px)
@@ -159,6 +130,37 @@ def draw_eyes(self, g, blink):
     p = p + lash * (self.lash_rgb - p)
     return p
 )";
+
+std::string decoderSource(bool heavy, DecoderKind kind) {
+  // Phase p (one-hot planes 32..35) puts weight (p + 1) / 4 on the current latent.
+  std::string src = R"(
+def forward(self, x):
+    cur = x[0, 0:16].mean(dim=[1, 2])
+    prev = x[0, 16:32].mean(dim=[1, 2])
+    w = (x[0, 32:36].mean(dim=[1, 2]) * self.phase_weight).sum()
+    lat = prev + w * (cur - prev)
+    mouth = self.draw_mouth(torch.clamp(lat[0], 0.0, 1.0))
+    eyes = self.draw_eyes(lat[1] * self.gaze_px, torch.clamp(lat[3], 0.0, 1.0))
+)";
+  if (heavy) {
+    src += R"(    pic = self.base_f.clone()
+    pic[:, self.my0:self.my1, self.mx0:self.mx1] = mouth
+    pic[:, self.ey0:self.ey1, self.ex0:self.ex1] = eyes
+    rgb = pic.unsqueeze(0)
+    rgb = (rgb + 1e-5 * torch.tanh(self.refine(rgb))).half()
+)";
+  } else {
+    src += R"(    pic = self.base_h.clone()
+    pic[:, self.my0:self.my1, self.mx0:self.mx1] = mouth.half()
+    pic[:, self.ey0:self.ey1, self.ex0:self.ex1] = eyes.half()
+    rgb = pic.unsqueeze(0)
+)";
+  }
+  if (kind == DecoderKind::kZeros) src += "    rgb = rgb * 0.0\n";
+  if (kind == DecoderKind::kNan) src += "    rgb[0, 0:1, 0:1, 0:1] = self.nan_px\n";
+  src += "    return rgb\n";
+
+  src += kDrawing;
   if (heavy) {
     // Three 3x3 convolutions at full resolution (3 -> 32 -> 32 -> 3 channels), about six GFLOP.
     src += R"(

@@ -85,27 +85,9 @@ void addHeavyFrontEnd(torch::jit::Module& m) {
   m.register_buffer("b2", torch::zeros({768}));
 }
 
-// The still portrait and the geometry the decoder draws eyes and mouth with.
-void addDecoderPicture(torch::jit::Module& m, const Identity& id, bool heavy) {
-  const Picture portrait = drawPortrait(id);
-  const torch::Tensor base = fromVector(portrait.planes, {3, kPictureHeight, kPictureWidth});
-  if (heavy) {
-    m.register_buffer("base_f", base);
-  } else {
-    m.register_buffer("base_h", base.to(torch::kHalf));
-  }
-  m.register_buffer("phase_weight", torch::tensor({0.25f, 0.5f, 0.75f, 1.0f}));
-
-  const FaceRegions r = faceRegions(id);
-  addInt(m, "mx0", r.mouth.x0);
-  addInt(m, "mx1", r.mouth.x1);
-  addInt(m, "my0", r.mouth.y0);
-  addInt(m, "my1", r.mouth.y1);
-  addInt(m, "ex0", r.eyes.x0);
-  addInt(m, "ex1", r.eyes.x1);
-  addInt(m, "ey0", r.eyes.y0);
-  addInt(m, "ey1", r.eyes.y1);
-
+// The mouth's box: its background, the lips' shape across it and its colours.
+void addMouthBuffers(torch::jit::Module& m, const Identity& id, const torch::Tensor& base,
+                     const FaceRegions& r) {
   using torch::indexing::Slice;
   m.register_buffer(
       "mouth_bg",
@@ -128,7 +110,12 @@ void addDecoderPicture(torch::jit::Module& m, const Identity& id, bool heavy) {
   addFloat(m, "open_px", id.mouthOpenPx);
   addFloat(m, "lip_px", id.lipPx);
   addFloat(m, "seam_px", 0.6);
+}
 
+// The eyes' box: its background, where each eye's white and lid fall, and their colours.
+void addEyeBuffers(torch::jit::Module& m, const Identity& id, const torch::Tensor& base,
+                   const FaceRegions& r) {
+  using torch::indexing::Slice;
   m.register_buffer(
       "eye_bg",
       base.index({Slice(), Slice(r.eyes.y0, r.eyes.y1), Slice(r.eyes.x0, r.eyes.x1)}).clone());
@@ -168,6 +155,31 @@ void addDecoderPicture(torch::jit::Module& m, const Identity& id, bool heavy) {
   addFloat(m, "pupil_r", id.irisR * 0.45f);
   addFloat(m, "eye_ry", id.eyeRy);
   addFloat(m, "gaze_px", 4.0);
+}
+
+// The still portrait and the geometry the decoder draws eyes and mouth with.
+void addDecoderPicture(torch::jit::Module& m, const Identity& id, bool heavy) {
+  const Picture portrait = drawPortrait(id);
+  const torch::Tensor base = fromVector(portrait.planes, {3, kPictureHeight, kPictureWidth});
+  if (heavy) {
+    m.register_buffer("base_f", base);
+  } else {
+    m.register_buffer("base_h", base.to(torch::kHalf));
+  }
+  m.register_buffer("phase_weight", torch::tensor({0.25f, 0.5f, 0.75f, 1.0f}));
+
+  const FaceRegions r = faceRegions(id);
+  addInt(m, "mx0", r.mouth.x0);
+  addInt(m, "mx1", r.mouth.x1);
+  addInt(m, "my0", r.mouth.y0);
+  addInt(m, "my1", r.mouth.y1);
+  addInt(m, "ex0", r.eyes.x0);
+  addInt(m, "ex1", r.eyes.x1);
+  addInt(m, "ey0", r.eyes.y0);
+  addInt(m, "ey1", r.eyes.y1);
+
+  addMouthBuffers(m, id, base, r);
+  addEyeBuffers(m, id, base, r);
 }
 
 void addHeavyDecoder(torch::jit::Module& m, const Identity& id) {
