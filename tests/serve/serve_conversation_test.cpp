@@ -262,13 +262,23 @@ TEST(Conversation, TwoHundredInterruptsLeakNothing) {
     server.postJson("/v1/sessions/" + id + "/say", {{"text", "Hi there, one more time."}});
     ASSERT_EQ(interrupt(server, id).status, 200);
   }
-  std::this_thread::sleep_for(std::chrono::seconds(2));
-  const Holdings after = holdings(server.pid());
-  // A leak holds more; one closed meanwhile (a connection ending) is no fault.
+  // A leak holds more for good; a request's thread still ending goes within seconds, and one
+  // closed meanwhile (a connection ending) is no fault.
+  Holdings after;
+  for (int i = 0; i < 100; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    after = holdings(server.pid());
+    if (i >= 20 && after.threads <= before.threads && after.descriptors <= before.descriptors &&
+        after.children <= before.children) {
+      break;
+    }
+  }
   EXPECT_LE(after.threads, before.threads);
   EXPECT_LE(after.descriptors, before.descriptors);
   EXPECT_LE(after.children, before.children);
-  EXPECT_LT(after.residentKiB, before.residentKiB + 16 * 1024);
+  if (!kAddressSanitized) {
+    EXPECT_LT(after.residentKiB, before.residentKiB + 16 * 1024);
+  }
   const nlohmann::json status = server.call(http::verb::get, "/v1/sessions/" + id).json();
   EXPECT_EQ(status.value("state", ""), "live");
   EXPECT_EQ(status.value("respawns", -1), 0);

@@ -96,7 +96,9 @@ TEST_F(Hostile, UploadsAreHeldToTheirLengthNotTheirWeight) {
     EXPECT_THAT(reply.json().value("error", ""), HasSubstr("longer than 600 s"));
   }
   // Two hours at 16 kHz would be 460 MB of samples; 600 s are 38 MB.
-  EXPECT_LT(server_->peakKiB(), 400 * 1024) << "the decoder held more than the limit allows";
+  if (!kAddressSanitized) {
+    EXPECT_LT(server_->peakKiB(), 400 * 1024) << "the decoder held more than the limit allows";
+  }
   expectAllWell();
 }
 

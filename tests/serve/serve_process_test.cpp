@@ -149,9 +149,13 @@ TEST(Serve, ASharedRenderProcessKilledMovesItsSessions) {
   }
   ::kill(shared, SIGKILL);
   for (const auto& s : sessions) {
-    const nlohmann::json status = server.awaitStatus(s.value("id", ""), [](const auto& now) {
-      return now.value("respawns", 0) >= 1 && now.value("frames_rendered", 0) >= 80;
-    });
+    // However slow the build: a minute for four seconds of frames.
+    const nlohmann::json status = server.awaitStatus(
+        s.value("id", ""),
+        [](const auto& now) {
+          return now.value("respawns", 0) >= 1 && now.value("frames_rendered", 0) >= 80;
+        },
+        std::chrono::seconds(60));
     EXPECT_EQ(status.value("state", ""), "live") << status.dump();
     EXPECT_EQ(status.value("child", ""), "ready") << status.dump();
     EXPECT_GE(status.value("frames_rendered", 0), 80) << status.dump();

@@ -19,6 +19,20 @@
 
 namespace lumora2::family::test {
 
+// An address-sanitized server keeps freed memory in quarantine and shadows every byte: its
+// resident memory says nothing about the server's own use, and memory bounds are not checked.
+#if defined(__SANITIZE_ADDRESS__)
+inline constexpr bool kAddressSanitized = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+inline constexpr bool kAddressSanitized = true;
+#else
+inline constexpr bool kAddressSanitized = false;
+#endif
+#else
+inline constexpr bool kAddressSanitized = false;
+#endif
+
 namespace beast = boost::beast;
 namespace http = beast::http;
 namespace websocket = beast::websocket;
