@@ -12,8 +12,8 @@
 //   {"packets_video", "packets_audio", "frames", "seconds", "fps", "connected_ms", "max_gap_ms"}
 // connected_ms runs from the start to the connection; max_gap_ms is the longest time in the counted
 // span without a frame's last packet (from its start to the first one included). Exit status 0; 1
-// when it cannot connect (the reason on standard error); 2 for a bad command line. Every step is
-// bounded in time.
+// when it cannot connect, or the connection ends before the count does (the line is printed, the
+// reason on standard error); 2 for a bad command line. Every step is bounded in time.
 #define GST_USE_UNSTABLE_API
 #include <gst/gst.h>
 #include <gst/sdp/sdp.h>
@@ -373,6 +373,19 @@ void answer(Receiver& r, const std::string& sdpText) {
   gst_webrtc_session_description_free(d);
 }
 
+// Receiver reports every half second rather than every five: the sender takes a viewer that it
+// has not heard from for a few seconds for gone.
+void tuneRtcp(Receiver& r) {
+  GstElement* rtpbin = gst_bin_get_by_name(GST_BIN(r.webrtc), "rtpbin");
+  if (rtpbin == nullptr) throw Failure("webrtcbin has no rtpbin");
+  GObject* session = nullptr;
+  g_signal_emit_by_name(rtpbin, "get-internal-session", 0u, &session);
+  gst_object_unref(rtpbin);
+  if (session == nullptr) throw Failure("webrtcbin has no RTP session");
+  g_object_set(session, "rtcp-min-interval", guint64(500 * GST_MSECOND), nullptr);
+  g_object_unref(session);
+}
+
 double parseSeconds(const char* flag, const char* text, double most) {
   char* end = nullptr;
   const double v = std::strtod(text, &end);
@@ -440,6 +453,7 @@ int run(const Options& o) {
   };
   try {
     answer(r, posted.body);
+    tuneRtcp(r);
     const State state = r.awaitState(connectBy, {GST_WEBRTC_PEER_CONNECTION_STATE_CONNECTED,
                                                  GST_WEBRTC_PEER_CONNECTION_STATE_FAILED,
                                                  GST_WEBRTC_PEER_CONNECTION_STATE_CLOSED});
@@ -461,8 +475,10 @@ int run(const Options& o) {
   r.counts.lastFrame = fromNs;  // a stream that starts late shows as a gap
   r.counts.from = fromNs;
   // A connection that fails while counting ends the count: what was counted stands.
-  r.awaitState(until,
-               {GST_WEBRTC_PEER_CONNECTION_STATE_FAILED, GST_WEBRTC_PEER_CONNECTION_STATE_CLOSED});
+  const State last = r.awaitState(
+      until, {GST_WEBRTC_PEER_CONNECTION_STATE_FAILED, GST_WEBRTC_PEER_CONNECTION_STATE_CLOSED});
+  const bool cut = last == GST_WEBRTC_PEER_CONNECTION_STATE_FAILED ||
+                   last == GST_WEBRTC_PEER_CONNECTION_STATE_CLOSED;
   const auto ended = std::min(Clock::now(), until);
   release();
   const double counted = std::max(0.0, std::chrono::duration<double>(ended - from).count());
@@ -477,6 +493,11 @@ int run(const Options& o) {
       std::chrono::duration<double, std::milli>(connected - start).count(),
       double(r.counts.maxGap.load()) / 1e6);
   std::fflush(stdout);
+  if (cut) {
+    std::fprintf(stderr, "lumora2-whep-receiver: error: the connection %s before the count ended\n",
+                 last == GST_WEBRTC_PEER_CONNECTION_STATE_FAILED ? "failed" : "closed");
+    return 1;
+  }
   return 0;
 }
 
