@@ -4,11 +4,11 @@
 # decoded) rather than browsers, which would take the server's own cores. lumora2-serve runs on
 # 127.0.0.1 with its default shared render processes; for N = 4, 8, 12, ... up to the maximum it
 # adds sessions up to N (ava and bram alternately), gives every one a receiver, keeps each speaking
-# at real-time pace (a 12 s recording posted again while fewer than two are queued), lets it settle
+# at real-time pace (a 6 s recording posted again while fewer than two are queued), lets it settle
 # 10 s and measures 20 s. Per N: every session's frames a second (>= 19.5 holds) and stalls in the
 # measured span (0 holds), the server's and its render processes' processor time (share of a core,
-# and ms per session-frame), the receivers' own, and resident memory of the server and render
-# processes (total, and per session beyond the first step). It stops at the first N that does not
+# and ms per session-frame), the receivers' own, and resident memory of the server and of the
+# render processes (each, both, and each per session beyond the first step). It stops at the first N that does not
 # hold (or that the server refuses) and prints one JSON object with a row per N and
 # `sessions_held`, the largest N where every session held. No browser viewer watches among them.
 #   bench/serve_density.sh [build dir (default build/release)] [max sessions (default 24)]
@@ -49,10 +49,12 @@ build, scratch, most = sys.argv[1], sys.argv[2], int(sys.argv[3])
 SETTLE, MEASURE, HOLD_FPS = 10, 20, 19.5
 signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
 
-# 12 s of speech-like sound: a voiced tone whose pitch wanders, in syllables of about 200 ms.
+# 6 s of speech-like sound: a voiced tone whose pitch wanders, in syllables of about 200 ms.
+# Short, so that what is queued ahead (two at most) holds little: the server keeps every picture
+# rendered ahead of its time, and its memory per session grows with that.
 rate = 16000
 samples = []
-for i in range(12 * rate):
+for i in range(6 * rate):
     t = i / rate
     pitch = 150 + 40 * math.sin(2 * math.pi * 0.7 * t)
     syllable = abs(math.sin(2 * math.pi * 2.5 * t)) ** 0.5
@@ -232,7 +234,9 @@ try:
         render_mib = sum(rss_kib(p) for p in pids if p != server.pid) / 1024
         total = server_mib + render_mib
         if first is None:
-            first = (n, total)
+            first = (n, total, server_mib, render_mib)
+        extra = (lambda now, then: round((now - then) / (n - first[0]), 1)
+                 if n > first[0] else None)
         row.update({
             "holds": not errors and min(fps) >= HOLD_FPS and max(stalls) == 0,
             "fps_min": round(min(fps), 2), "fps_median": round(sorted(fps)[len(fps) // 2], 2),
@@ -249,8 +253,9 @@ try:
             "render_processes": len(pids) - 1,
             "server_mib": round(server_mib, 1), "render_mib": round(render_mib, 1),
             "total_mib": round(total, 1),
-            "mib_per_extra_session":
-                round((total - first[1]) / (n - first[0]), 1) if n > first[0] else None,
+            "mib_per_extra_session": extra(total, first[1]),
+            "server_mib_per_extra_session": extra(server_mib, first[2]),
+            "render_mib_per_extra_session": extra(render_mib, first[3]),
             "capacity_claimed": readyz().get("capacity"),
             "load": round(os.getloadavg()[0], 2)})
         if errors:
