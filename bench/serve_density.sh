@@ -7,10 +7,12 @@
 # at real-time pace (a 6 s recording posted again while fewer than two are queued), lets it settle
 # 10 s and measures 20 s. Per N: every session's frames a second (>= 19.5 holds) and stalls in the
 # measured span (0 holds), the server's and its render processes' processor time (share of a core,
-# and ms per session-frame), the receivers' own, and resident memory of the server and of the
-# render processes (each, both, and each per session beyond the first step). It stops at the first N that does not
-# hold (or that the server refuses) and prints one JSON object with a row per N and
-# `sessions_held`, the largest N where every session held. No browser viewer watches among them.
+# and ms per session-frame), the receivers' own, the whole machine's (others' work shows there: the
+# load average counts this bench's own threads too), and resident memory of the server and of the
+# render processes (each, both, and each per session beyond the first step). It stops at the first
+# N that does not hold (or that the server refuses) and prints one JSON object with a row per N
+# and `sessions_held`, the largest N where every session held. No browser viewer watches among
+# them.
 #   bench/serve_density.sh [build dir (default build/release)] [max sessions (default 24)]
 # Everything is bounded: each step within about a minute, the whole run within 15 minutes; every
 # process it starts is stopped on exit.
@@ -72,6 +74,12 @@ def stat(pid):
         return int(fields[1]), (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
     except (OSError, IndexError, ValueError):
         return None, 0.0
+
+def machine_busy():
+    """Processor seconds every process on the machine has used (all cores)."""
+    with open("/proc/stat") as f:
+        ticks = [int(v) for v in f.readline().split()[1:9]]
+    return (sum(ticks) - ticks[3] - ticks[4]) / os.sysconf("SC_CLK_TCK")
 
 def rss_kib(pid):
     try:
@@ -206,11 +214,12 @@ try:
         time.sleep(SETTLE)
         pids = [server.pid] + descendants(server.pid)
         before, cpu0 = statuses(), {p: stat(p)[1] for p in pids}
-        recv0, t0 = cpu_seconds(r.pid for r in receivers), time.monotonic()
+        recv0, busy0 = cpu_seconds(r.pid for r in receivers), machine_busy()
+        t0 = time.monotonic()
         time.sleep(MEASURE)
         after, t1 = statuses(), time.monotonic()
         cpu1 = {p: stat(p)[1] for p in pids}
-        recv1 = cpu_seconds(r.pid for r in receivers)
+        recv1, busy1 = cpu_seconds(r.pid for r in receivers), machine_busy()
         span = t1 - t0
         fps, gaps, errors = [], [], []
         for r in receivers:
@@ -250,6 +259,8 @@ try:
             "render_core_pct": round(100 * render_cpu / span, 1),
             "ms_per_session_frame": round(1000 * (server_cpu + render_cpu) / (n * 20 * span), 2),
             "receivers_core_pct": round(100 * (recv1 - recv0) / span, 1),
+            # Everything on the machine, this bench included: the rest is others' work.
+            "machine_core_pct": round(100 * (busy1 - busy0) / span, 1),
             "render_processes": len(pids) - 1,
             "server_mib": round(server_mib, 1), "render_mib": round(render_mib, 1),
             "total_mib": round(total, 1),
