@@ -186,9 +186,11 @@ TEST(Conversation, StreamedTextIsSpokenSentenceBySentenceAsItIsWritten) {
 // the socket closes, the session goes on.
 TEST(Conversation, TextAndPcmNeverMixInOneUtterance) {
   Server server({});
-  const std::string id = server.readySession("ava").value("id", "");
   const std::vector<std::int16_t> pcm(1600, 500);
+  std::string id;
   for (const bool textFirst : {false, true}) {
+    // A session each: the first socket's stream ends only once its close reaches the server.
+    id = server.readySession("ava").value("id", "");
     net::io_context io;
     auto ws = server.audioSocket(io, id);
     ws->text(textFirst);
