@@ -75,7 +75,9 @@ struct SessionOptions {
   // Where sessions are rendered (shared processes, or a child each); none: a child each.
   std::shared_ptr<render::RenderPool> renderers;
   std::size_t maxQueuedItems = 8;    // speech items waiting or playing
-  std::size_t maxFramesAhead = 200;  // rendered frames held before the child is made to wait
+  // Rendered frames held before the child is made to wait: five seconds of speech ahead, 45 MB of
+  // 4:2:0 pictures per session (the largest part of a session's memory in the server).
+  std::size_t maxFramesAhead = 100;
   std::size_t maxStreamSamples =
       16000 * 300;                       // an utterance (a stream, a text) lasts at most 5 min
   std::chrono::seconds viewerGrace{30};  // how long a session waits for a viewer to come back
