@@ -347,7 +347,8 @@ void buildPipeline(WebRtcSender::Impl& impl, const OfferedCodecs& codecs) {
 
 // The ICE agent's servers and ports. UPnP stays off: it costs 200 ms of every gathering, sends
 // multicast, and opens sockets outside the port range.
-void configureIce(WebRtcSender::Impl& impl) {
+// Without ICE-TCP (`iceTcp` false) the viewer is offered UDP candidates alone.
+void configureIce(WebRtcSender::Impl& impl, bool iceTcp) {
   const WebRtcSender::Options& o = impl.options;
   GstObject* ice = nullptr;
   g_object_get(impl.webrtc, "ice-agent", &ice, nullptr);
@@ -355,6 +356,7 @@ void configureIce(WebRtcSender::Impl& impl) {
   if (o.minPort != 0) {
     g_object_set(ice, "min-rtp-port", guint(o.minPort), "max-rtp-port", guint(o.maxPort), nullptr);
   }
+  if (!iceTcp) g_object_set(ice, "ice-tcp", FALSE, nullptr);
   GObject* agent = nullptr;
   g_object_get(ice, "agent", &agent, nullptr);
   if (agent != nullptr) {
@@ -461,12 +463,16 @@ void awaitCandidates(WebRtcSender::Impl& impl) {
 
 }  // namespace
 
-std::unique_ptr<WebRtcSender> WebRtcSender::create(const std::string& offerSdp,
-                                                   const Options& options, Events events) {
-  initMedia();
+namespace {
+
+// One try at answering: the pipeline built, the offer answered, the candidates gathered.
+std::unique_ptr<WebRtcSender::Impl> answerOffer(const std::string& offerSdp,
+                                                const WebRtcSender::Options& options,
+                                                WebRtcSender::Events events, bool iceTcp,
+                                                std::string& answerSdp) {
   OfferedCodecs codecs;
   SdpPtr sdp = parseOffer(offerSdp, codecs);
-  auto impl = std::make_unique<Impl>();
+  auto impl = std::make_unique<WebRtcSender::Impl>();
   impl->options = options;
   impl->events = std::move(events);
   impl->soundDelay =
@@ -478,7 +484,7 @@ std::unique_ptr<WebRtcSender> WebRtcSender::create(const std::string& offerSdp,
     impl->audioSsrc = g_random_int();
   } while (impl->audioSsrc == impl->videoSsrc);
   buildPipeline(*impl, codecs);
-  configureIce(*impl);
+  configureIce(*impl, iceTcp);
   if (gst_element_set_state(impl->pipeline, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
     throw MediaError("the media pipeline does not start");
   }
@@ -488,8 +494,28 @@ std::unique_ptr<WebRtcSender> WebRtcSender::create(const std::string& offerSdp,
   GstWebRTCSessionDescription* local = nullptr;
   g_object_get(impl->webrtc, "local-description", &local, nullptr);
   if (local == nullptr) throw MediaError("the answer went missing");
-  std::string answerSdp = answerText(local->sdp, impl->videoSsrc, impl->audioSsrc, cname);
+  answerSdp = answerText(local->sdp, impl->videoSsrc, impl->audioSsrc, cname);
   gst_webrtc_session_description_free(local);
+  return impl;
+}
+
+}  // namespace
+
+std::unique_ptr<WebRtcSender> WebRtcSender::create(const std::string& offerSdp,
+                                                   const Options& options, Events events) {
+  initMedia();
+  std::string answerSdp;
+  std::unique_ptr<Impl> impl;
+  try {
+    impl = answerOffer(offerSdp, options, events, true, answerSdp);
+  } catch (const NoCandidateError&) {
+    // The ICE agent gives the whole gathering up when one transport finds no free port in the
+    // range, and TCP ports run out first: one stays held for a minute (TIME_WAIT) after this
+    // side closed an ICE-TCP connection on it, while its UDP twin is free again at once. Such a
+    // viewer is answered over UDP alone; with no UDP port free either it is refused.
+    if (options.minPort == 0) throw;
+    impl = answerOffer(offerSdp, options, std::move(events), false, answerSdp);
+  }
   impl->watchdog = std::thread([raw = impl.get()] { raw->watch(); });
 
   std::unique_ptr<WebRtcSender> sender(new WebRtcSender(std::move(impl)));

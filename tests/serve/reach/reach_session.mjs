@@ -148,7 +148,10 @@ async function noPath(browser) {
     return s.viewer === 'left' ? s : null;
   }, 25000, 250);
   const reason = await until(() => run.page.evaluate(() => window.reach.left), 3000);
-  check(left && reason, 'no-path: the session says its viewer left, with the reason', `${left && left.viewer}: ${reason}`);
+  // A viewer refused its answer (the WHEP call failed) never leaves: say why.
+  const refused = await run.page.evaluate(() => window.reach.error);
+  check(left && reason, 'no-path: the session says its viewer left, with the reason',
+    `${left && left.viewer}: ${reason}${refused ? `; the page: ${refused}` : ''}`);
   await end(run);
 }
 
@@ -182,7 +185,8 @@ async function ports(browser) {
   }
   const first = answered[0] || {};
   check(answered.length >= 1 && /^\/v1\/sessions\/[0-9a-f]{32}\/whep\/\d+$/.test(first.location),
-    'ports: viewers answered, each with its WHEP resource', `${answered.length} answered, ${first.location}`);
+    'ports: viewers answered, each with its WHEP resource', `${answered.length} answered, ${first.location}` +
+    (answered.length ? '' : `; refused: ${refused.status} ${refused.body}`));
   check(/rel="ice-server"; username="\d+:[0-9a-f]{32}"; credential="[^"]+"/.test(first.links || ''),
     'ports: the answer names the TURN servers with credentials', first.links);
   const sockets = serverSockets();
