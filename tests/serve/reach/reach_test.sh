@@ -135,6 +135,12 @@ if [ ${#public[@]} -gt 0 ]; then
     --ice-server 'turn:10.204.4.2:3478?transport=tcp' --turn-secret-file "$scratch/turn-secret"
   play "${public[*]}"
   stop_server
+  # Every viewer's TURN allocations were released before its ICE agent went (the agent warns of
+  # those still alive): left on the TURN server, they delay the next viewer on the same port.
+  if grep -q 'alive TURN refreshes' "$scratch/public.err"; then
+    echo "FAIL: ICE agents went with their TURN allocations alive"
+    status=1
+  fi
 fi
 if [ ${#stun[@]} -gt 0 ]; then
   # No public address given: a STUN server outside the NAT tells the server its own.
