@@ -104,9 +104,12 @@ async function playOnce(browser, { servers = true, policy = 'all', wait = 20000 
   return { id, page, firstFrame, pair };
 }
 
+// The viewer leaves first, as one closing its page does. Ended by the server first instead, an
+// ICE-TCP connection leaves the server's side in TIME_WAIT for a minute, its TCP port with it:
+// in a range of two ports the next viewer would have no ICE-TCP (docs/SERVE.md).
 async function end(run) {
-  await call(`${server}/v1/sessions/${run.id}`, { method: 'DELETE' }).catch(() => {});
   await run.page.close().catch(() => {});
+  await call(`${server}/v1/sessions/${run.id}`, { method: 'DELETE' }).catch(() => {});
 }
 
 // A case that plays: the pair it must use, checked on every run.
