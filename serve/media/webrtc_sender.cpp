@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "engine/thread_annotations.h"
+#include "media/ice_agent.h"
 
 namespace lumora2::serve {
 namespace {
@@ -128,6 +129,7 @@ struct WebRtcSender::Impl {
     }
     changed.notify_all();
     if (watchdog.joinable()) watchdog.join();
+    if (webrtc != nullptr && !options.turnServers.empty()) releaseTurn(webrtc);
     if (pipeline != nullptr) {
       gst_element_set_state(pipeline, GST_STATE_NULL);
       if (GstBus* bus = gst_element_get_bus(pipeline)) {
@@ -345,32 +347,6 @@ void buildPipeline(WebRtcSender::Impl& impl, const OfferedCodecs& codecs) {
   g_signal_connect(impl.webrtc, "on-ice-candidate", G_CALLBACK(onCandidate), &impl);
 }
 
-// The ICE agent's servers and ports. UPnP stays off: it costs 200 ms of every gathering, sends
-// multicast, and opens sockets outside the port range.
-void configureIce(WebRtcSender::Impl& impl) {
-  const WebRtcSender::Options& o = impl.options;
-  GstObject* ice = nullptr;
-  g_object_get(impl.webrtc, "ice-agent", &ice, nullptr);
-  if (ice == nullptr) throw MediaError("webrtcbin has no ICE agent");
-  if (o.minPort != 0) {
-    g_object_set(ice, "min-rtp-port", guint(o.minPort), "max-rtp-port", guint(o.maxPort), nullptr);
-  }
-  GObject* agent = nullptr;
-  g_object_get(ice, "agent", &agent, nullptr);
-  if (agent != nullptr) {
-    g_object_set(agent, "upnp", FALSE, nullptr);
-    g_object_unref(agent);
-  }
-  gst_object_unref(ice);
-  if (!o.stunServer.empty())
-    g_object_set(impl.webrtc, "stun-server", o.stunServer.c_str(), nullptr);
-  for (const std::string& turn : o.turnServers) {
-    gboolean taken = FALSE;
-    g_signal_emit_by_name(impl.webrtc, "add-turn-server", turn.c_str(), &taken);
-    if (!taken) throw MediaError("the ICE agent does not take a TURN server");
-  }
-}
-
 // The offer set, the answer made and set: gathering starts.
 void negotiate(WebRtcSender::Impl& impl, SdpPtr sdp) {
   GstWebRTCSessionDescription* offer =
@@ -461,12 +437,16 @@ void awaitCandidates(WebRtcSender::Impl& impl) {
 
 }  // namespace
 
-std::unique_ptr<WebRtcSender> WebRtcSender::create(const std::string& offerSdp,
-                                                   const Options& options, Events events) {
-  initMedia();
+namespace {
+
+// One try at answering: the pipeline built, the offer answered, the candidates gathered.
+std::unique_ptr<WebRtcSender::Impl> answerOffer(const std::string& offerSdp,
+                                                const WebRtcSender::Options& options,
+                                                WebRtcSender::Events events, bool iceTcp,
+                                                std::string& answerSdp) {
   OfferedCodecs codecs;
   SdpPtr sdp = parseOffer(offerSdp, codecs);
-  auto impl = std::make_unique<Impl>();
+  auto impl = std::make_unique<WebRtcSender::Impl>();
   impl->options = options;
   impl->events = std::move(events);
   impl->soundDelay =
@@ -478,7 +458,7 @@ std::unique_ptr<WebRtcSender> WebRtcSender::create(const std::string& offerSdp,
     impl->audioSsrc = g_random_int();
   } while (impl->audioSsrc == impl->videoSsrc);
   buildPipeline(*impl, codecs);
-  configureIce(*impl);
+  configureIce(impl->webrtc, options, iceTcp);
   if (gst_element_set_state(impl->pipeline, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
     throw MediaError("the media pipeline does not start");
   }
@@ -488,8 +468,28 @@ std::unique_ptr<WebRtcSender> WebRtcSender::create(const std::string& offerSdp,
   GstWebRTCSessionDescription* local = nullptr;
   g_object_get(impl->webrtc, "local-description", &local, nullptr);
   if (local == nullptr) throw MediaError("the answer went missing");
-  std::string answerSdp = answerText(local->sdp, impl->videoSsrc, impl->audioSsrc, cname);
+  answerSdp = answerText(local->sdp, impl->videoSsrc, impl->audioSsrc, cname);
   gst_webrtc_session_description_free(local);
+  return impl;
+}
+
+}  // namespace
+
+std::unique_ptr<WebRtcSender> WebRtcSender::create(const std::string& offerSdp,
+                                                   const Options& options, Events events) {
+  initMedia();
+  std::string answerSdp;
+  std::unique_ptr<Impl> impl;
+  try {
+    impl = answerOffer(offerSdp, options, events, true, answerSdp);
+  } catch (const NoCandidateError&) {
+    // The ICE agent gives the whole gathering up when one transport finds no free port in the
+    // range, and TCP ports run out first: one stays held for a minute (TIME_WAIT) after this
+    // side closed an ICE-TCP connection on it, while its UDP twin is free again at once. Such a
+    // viewer is answered over UDP alone; with no UDP port free either it is refused.
+    if (options.minPort == 0) throw;
+    impl = answerOffer(offerSdp, options, std::move(events), false, answerSdp);
+  }
   impl->watchdog = std::thread([raw = impl.get()] { raw->watch(); });
 
   std::unique_ptr<WebRtcSender> sender(new WebRtcSender(std::move(impl)));

@@ -87,6 +87,8 @@ class WebRtcSender {
 
   // Answers the offer (it must offer to receive H.264 video and Opus audio). Throws MediaError
   // for an offer that is not SDP or lacks either, NoCandidateError when no candidate was found.
+  // With a port range whose TCP ports are all held but a UDP one is free, the answer offers UDP
+  // alone (no ICE-TCP).
   static std::unique_ptr<WebRtcSender> create(const std::string& offerSdp, const Options& options,
                                               Events events);
   ~WebRtcSender();

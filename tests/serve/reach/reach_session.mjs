@@ -104,9 +104,12 @@ async function playOnce(browser, { servers = true, policy = 'all', wait = 20000 
   return { id, page, firstFrame, pair };
 }
 
+// The viewer leaves first, as one closing its page does. Ended by the server first instead, an
+// ICE-TCP connection leaves the server's side in TIME_WAIT for a minute, its TCP port with it:
+// in a range of two ports the next viewer would have no ICE-TCP (docs/SERVE.md).
 async function end(run) {
-  await call(`${server}/v1/sessions/${run.id}`, { method: 'DELETE' }).catch(() => {});
   await run.page.close().catch(() => {});
+  await call(`${server}/v1/sessions/${run.id}`, { method: 'DELETE' }).catch(() => {});
 }
 
 // A case that plays: the pair it must use, checked on every run.
@@ -148,7 +151,10 @@ async function noPath(browser) {
     return s.viewer === 'left' ? s : null;
   }, 25000, 250);
   const reason = await until(() => run.page.evaluate(() => window.reach.left), 3000);
-  check(left && reason, 'no-path: the session says its viewer left, with the reason', `${left && left.viewer}: ${reason}`);
+  // A viewer refused its answer (the WHEP call failed) never leaves: say why.
+  const refused = await run.page.evaluate(() => window.reach.error);
+  check(left && reason, 'no-path: the session says its viewer left, with the reason',
+    `${left && left.viewer}: ${reason}${refused ? `; the page: ${refused}` : ''}`);
   await end(run);
 }
 
@@ -182,7 +188,8 @@ async function ports(browser) {
   }
   const first = answered[0] || {};
   check(answered.length >= 1 && /^\/v1\/sessions\/[0-9a-f]{32}\/whep\/\d+$/.test(first.location),
-    'ports: viewers answered, each with its WHEP resource', `${answered.length} answered, ${first.location}`);
+    'ports: viewers answered, each with its WHEP resource', `${answered.length} answered, ${first.location}` +
+    (answered.length ? '' : `; refused: ${refused.status} ${refused.body}`));
   check(/rel="ice-server"; username="\d+:[0-9a-f]{32}"; credential="[^"]+"/.test(first.links || ''),
     'ports: the answer names the TURN servers with credentials', first.links);
   const sockets = serverSockets();
