@@ -20,6 +20,7 @@ packages=(
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libgstreamer-plugins-bad1.0-dev
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
   gstreamer1.0-plugins-ugly gstreamer1.0-nice     # WebRTC media: webrtcbin, x264, Opus, ICE
+  libnice-dev                         # the ICE agent's TURN allocations released before it goes
   chromium                            # the browser test (driven by playwright-core from npm)
   prometheus-cpp-dev                  # lumora2-serve's /metrics
   haproxy iproute2 iptables           # the scale-out and NAT tests: routers and viewers in namespaces

@@ -2,8 +2,8 @@
 // released before it goes.
 #include "media/ice_agent.h"
 
-#include <dlfcn.h>
 #include <gio/gio.h>
+#include <nice/agent.h>
 
 namespace lumora2::serve {
 
@@ -37,16 +37,8 @@ void configureIce(GstElement* webrtc, const WebRtcSender::Options& o, bool iceTc
 // agent goes, waited for at most a second. The agent itself does not: its allocations would
 // outlive it on the TURN server for their whole lifetime (ten minutes), and the next viewer
 // whose socket gets the same port (in a port range, soon) would be refused one from it (437,
-// allocation mismatch), gathering two seconds longer and without a relay candidate. libnice is
-// there (webrtcbin's ICE agent loaded it) but its headers are not a build dependency: the one
-// call is found at run time, and skipped where it is missing.
+// allocation mismatch), gathering two seconds longer and without a relay candidate.
 void releaseTurn(GstElement* webrtc) {
-  using CloseAsync = void (*)(GObject*, GAsyncReadyCallback, gpointer);
-  static const CloseAsync closeAsync = [] {
-    void* lib = dlopen("libnice.so.10", RTLD_LAZY | RTLD_NOLOAD);
-    return lib != nullptr ? reinterpret_cast<CloseAsync>(dlsym(lib, "nice_agent_close_async"))
-                          : nullptr;
-  }();
   GstObject* ice = nullptr;
   g_object_get(webrtc, "ice-agent", &ice, nullptr);
   if (ice == nullptr) return;
@@ -54,28 +46,26 @@ void releaseTurn(GstElement* webrtc) {
   g_object_get(ice, "agent", &agent, nullptr);
   gst_object_unref(ice);
   if (agent == nullptr) return;
-  if (closeAsync != nullptr) {
-    // The agent answers on this thread's default context: a private one, run here.
-    GMainContext* context = g_main_context_new();
-    g_main_context_push_thread_default(context);
-    bool over = false;
-    const auto done = [](gpointer flag) {
-      *static_cast<bool*>(flag) = true;
-      return gboolean(G_SOURCE_REMOVE);
-    };
-    closeAsync(
-        agent, [](GObject*, GAsyncResult*, gpointer flag) { *static_cast<bool*>(flag) = true; },
-        &over);
-    GSource* limit = g_timeout_source_new(1000);
-    g_source_set_callback(limit, done, &over, nullptr);
-    g_source_attach(limit, context);
-    while (!over) g_main_context_iteration(context, TRUE);
-    // Whichever did not fire never will: the context is not run again.
-    g_source_destroy(limit);
-    g_source_unref(limit);
-    g_main_context_pop_thread_default(context);
-    g_main_context_unref(context);
-  }
+  // The agent answers on this thread's default context: a private one, run here.
+  GMainContext* context = g_main_context_new();
+  g_main_context_push_thread_default(context);
+  bool over = false;
+  const auto done = [](gpointer flag) {
+    *static_cast<bool*>(flag) = true;
+    return gboolean(G_SOURCE_REMOVE);
+  };
+  nice_agent_close_async(
+      NICE_AGENT(agent),
+      [](GObject*, GAsyncResult*, gpointer flag) { *static_cast<bool*>(flag) = true; }, &over);
+  GSource* limit = g_timeout_source_new(1000);
+  g_source_set_callback(limit, done, &over, nullptr);
+  g_source_attach(limit, context);
+  while (!over) g_main_context_iteration(context, TRUE);
+  // Whichever did not fire never will: the context is not run again.
+  g_source_destroy(limit);
+  g_source_unref(limit);
+  g_main_context_pop_thread_default(context);
+  g_main_context_unref(context);
   g_object_unref(agent);
 }
 
