@@ -65,7 +65,8 @@ std::string formatted(const char* format, Args... args) {
 
 }  // namespace
 
-MultiArray Lumora2Engine::predMA(const GraphModel& model, const FeatureSet& inputs) {
+MultiArray Lumora2Engine::predMA(const GraphModel& model, const FeatureSet& inputs,
+                                 std::int64_t batch) {
   static std::atomic<long> attempts{0};
   auto once = [&] {
     const long attempt = ++attempts;
@@ -73,7 +74,7 @@ MultiArray Lumora2Engine::predMA(const GraphModel& model, const FeatureSet& inpu
       throw PredictionError("LUMORA2_DEBUG_FAIL_PREDICT injected failure (attempt " +
                             std::to_string(attempt) + ")");
     }
-    return model.predictFirst(inputs);
+    return model.predictFirst(inputs, batch);
   };
   try {
     return once();
@@ -200,10 +201,11 @@ std::vector<Lumora2Engine::Unit> Lumora2Engine::decodeChunkDecp2(std::int64_t bl
   auto latentOf = [&](std::int64_t t, std::size_t c) {
     return lat + (c * static_cast<std::size_t>(blk) + static_cast<std::size_t>(t)) * plane;
   };
-  float* x = decp2X_.floats();
-  std::vector<Unit> units;
-  units.reserve(static_cast<std::size_t>(expected + 1));
-  for (std::int64_t t = 0; t < blk; ++t) {
+  // The decoder's input for token t and phase: its latent, the one before it and the phase's
+  // one-hot, written into slot `slot` of the batch.
+  const std::size_t item = 36 * plane;
+  auto fillInput = [&](std::int64_t slot, std::int64_t t, int phase) {
+    float* x = decp2X_.floats() + static_cast<std::size_t>(slot) * item;
     for (std::size_t c = 0; c < static_cast<std::size_t>(C); ++c) {
       std::copy_n(latentOf(t, c), plane, x + c * plane);
       const float* before = t > 0                 ? latentOf(t - 1, c)
@@ -211,32 +213,62 @@ std::vector<Lumora2Engine::Unit> Lumora2Engine::decodeChunkDecp2(std::int64_t bl
                                                   : latentOf(0, c);
       std::copy_n(before, plane, x + (16 + c) * plane);
     }
-    const int firstPhase = (ci == 0 && t == 0) ? 3 : 0;
-    for (int phase = firstPhase; phase <= 3; ++phase) {
-      std::fill(x + 32 * plane, x + 36 * plane, 0.0f);
-      std::fill_n(x + static_cast<std::size_t>(32 + phase) * plane, plane, 1.0f);
-      MultiArray rgb = predMA(avatar_->decoder(), FeatureSet{{"x", decp2X_}});
-      if (rgb.dataType() != ArrayDataType::float16 ||
-          rgb.count() < static_cast<std::int64_t>(kRawValues)) {
-        throw PredictionError("decoder gave " + std::to_string(rgb.count()) + " " +
-                              std::string(dataTypeName(rgb.dataType())) + " values, a frame is " +
-                              std::to_string(kRawValues) + " float16");
-      }
-      // The very first frame of a segment is shown twice, so chunk 0 yields 22 frames. Units
-      // keep the decoder's output itself; the two copies of that first frame share it.
-      const int copies = (ci == 0 && t == 0) ? 2 : 1;
-      for (int k = 0; k < copies; ++k) {
-        Unit unit;
-        const auto j = static_cast<std::int64_t>(units.size());
-        unit.pos = segFrames + j;
-        unit.isSpeech =
-            j < static_cast<std::int64_t>(voiced.size()) && voiced[static_cast<std::size_t>(j)];
-        const std::int64_t at = unit.pos * SPF;
-        const bool inPadding = tailPad && at + SPF / 2 >= tailPad->first && at < tailPad->second;
-        unit.legacySpeech = isSpeech && !inPadding;
-        unit.raw = rgb;
-        units.push_back(std::move(unit));
-      }
+    std::fill(x + 32 * plane, x + 36 * plane, 0.0f);
+    std::fill_n(x + static_cast<std::size_t>(32 + phase) * plane, plane, 1.0f);
+  };
+  std::vector<Unit> units;
+  units.reserve(static_cast<std::size_t>(expected + 1));
+  // Each decoded picture becomes a unit (the very first of a segment two: it is shown twice, so
+  // chunk 0 yields 22 frames). Units keep the decoder's output itself, a view into the batch's.
+  auto emit = [&](const MultiArray& picture, int copies) {
+    for (int k = 0; k < copies; ++k) {
+      Unit unit;
+      const auto j = static_cast<std::int64_t>(units.size());
+      unit.pos = segFrames + j;
+      unit.isSpeech =
+          j < static_cast<std::int64_t>(voiced.size()) && voiced[static_cast<std::size_t>(j)];
+      const std::int64_t at = unit.pos * SPF;
+      const bool inPadding = tailPad && at + SPF / 2 >= tailPad->first && at < tailPad->second;
+      unit.legacySpeech = isSpeech && !inPadding;
+      unit.raw = picture;
+      units.push_back(std::move(unit));
+    }
+  };
+  // The chunk's pictures, in order, `batch` to a decoder run.
+  std::vector<std::pair<std::int64_t, int>> pictures;  // (token, phase)
+  for (std::int64_t t = 0; t < blk; ++t) {
+    for (int phase = (ci == 0 && t == 0) ? 3 : 0; phase <= 3; ++phase)
+      pictures.emplace_back(t, phase);
+  }
+  const std::int64_t batch = decp2X_.shape()[0];
+  for (std::size_t first = 0; first < pictures.size(); first += static_cast<std::size_t>(batch)) {
+    const std::int64_t n =
+        std::min<std::int64_t>(batch, static_cast<std::int64_t>(pictures.size() - first));
+    for (std::int64_t i = 0; i < n; ++i) {
+      const auto& [t, phase] = pictures[first + static_cast<std::size_t>(i)];
+      fillInput(i, t, phase);
+    }
+    const MultiArray x =
+        n == batch ? decp2X_
+                   : MultiArray::wrap(ArrayDataType::float32, {n, 36, H, W}, decp2X_.storage());
+    const MultiArray rgb = predMA(avatar_->decoder(), FeatureSet{{"x", x}}, n);
+    if (rgb.dataType() != ArrayDataType::float16 ||
+        rgb.count() < n * static_cast<std::int64_t>(kRawValues)) {
+      throw PredictionError("decoder gave " + std::to_string(rgb.count()) + " " +
+                            std::string(dataTypeName(rgb.dataType())) + " values for " +
+                            std::to_string(n) + " frames, a frame is " +
+                            std::to_string(kRawValues) + " float16");
+    }
+    const std::size_t bytes = rgb.byteCount() / static_cast<std::size_t>(n);
+    std::vector<std::int64_t> shape = rgb.shape();
+    shape[0] = 1;
+    for (std::int64_t i = 0; i < n; ++i) {
+      const std::int64_t t = pictures[first + static_cast<std::size_t>(i)].first;
+      // A view of item i that keeps the whole batch's output alive.
+      std::shared_ptr<void> view(
+          rgb.storage(), static_cast<char*>(rgb.data()) + static_cast<std::size_t>(i) * bytes);
+      emit(n == 1 ? rgb : MultiArray::wrap(ArrayDataType::float16, shape, std::move(view)),
+           (ci == 0 && t == 0) ? 2 : 1);
     }
   }
   return units;

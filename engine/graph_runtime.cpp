@@ -244,8 +244,21 @@ std::shared_ptr<GraphModel> GraphModel::load(const fs::path& compiled, ComputeUn
 
 namespace {
 
+// The shape a graph described as `described` takes or gives `batch` deep: a leading 1 (the
+// batch dimension of every graph that has one) becomes `batch`.
+std::vector<std::int64_t> batched(std::vector<std::int64_t> described, std::int64_t batch) {
+  if (batch != 1 && !described.empty() && described[0] == 1) described[0] = batch;
+  return described;
+}
+
+bool fitsShape(const std::vector<std::int64_t>& want, const std::vector<std::int64_t>& shape) {
+  bool fits = want.size() == shape.size();
+  for (std::size_t i = 0; fits && i < want.size(); ++i) fits = want[i] <= 0 || want[i] == shape[i];
+  return fits;
+}
+
 at::Tensor inputTensor(const FeatureDescription& feature, const MultiArray& array,
-                       const std::string& label) {
+                       const std::string& label, std::int64_t batch) {
   if (array.isNull()) {
     throw PredictionError("graph " + label + ": input \"" + feature.name + "\" has no storage");
   }
@@ -256,14 +269,10 @@ at::Tensor inputTensor(const FeatureDescription& feature, const MultiArray& arra
                             std::string(dataTypeName(array.dataType())) + ", the graph takes " +
                             std::string(dataTypeName(want.dataType)));
     }
-    bool fits = want.shape.empty() || want.shape.size() == array.shape().size();
-    for (std::size_t i = 0; fits && i < want.shape.size(); ++i) {
-      fits = want.shape[i] <= 0 || want.shape[i] == array.shape()[i];
-    }
-    if (!fits) {
+    const std::vector<std::int64_t> shape = batched(want.shape, batch);
+    if (!want.shape.empty() && !fitsShape(shape, array.shape())) {
       throw PredictionError("graph " + label + ": input \"" + feature.name + "\" has shape " +
-                            shapeText(array.shape()) + ", the graph takes " +
-                            shapeText(want.shape));
+                            shapeText(array.shape()) + ", the graph takes " + shapeText(shape));
     }
   }
   // The tensor reads the caller's elements in place and holds their owner, so that an output
@@ -291,8 +300,8 @@ MultiArray outputArray(at::Tensor t, const std::string& name, const std::string&
 // A result must be what io.json promises before anything downstream reads it: a decoder that
 // returned float32 or a smaller picture would otherwise send the frame path past its buffers.
 // Outputs described without a type and shape are taken as they come.
-void checkOutput(const FeatureDescription& want, const MultiArray& array,
-                 const std::string& label) {
+void checkOutput(const FeatureDescription& want, const MultiArray& array, const std::string& label,
+                 std::int64_t batch) {
   if (!want.multiArray) return;
   const MultiArrayConstraint& c = *want.multiArray;
   if (array.dataType() != c.dataType) {
@@ -301,19 +310,21 @@ void checkOutput(const FeatureDescription& want, const MultiArray& array,
                           std::string(dataTypeName(c.dataType)));
   }
   if (c.shape.empty()) return;  // unspecified shape
-  bool fits = c.shape.size() == array.shape().size();
-  for (std::size_t i = 0; fits && i < c.shape.size(); ++i) {
-    fits = c.shape[i] <= 0 || c.shape[i] == array.shape()[i];
-  }
-  if (!fits) {
+  const std::vector<std::int64_t> shape = batched(c.shape, batch);
+  if (!fitsShape(shape, array.shape())) {
     throw PredictionError("graph " + label + ": output \"" + want.name + "\" has shape " +
-                          shapeText(array.shape()) + ", io.json describes " + shapeText(c.shape));
+                          shapeText(array.shape()) + ", io.json describes " + shapeText(shape));
   }
 }
 
 }  // namespace
 
-FeatureSet GraphModel::predict(const FeatureSet& inputs) const {
+FeatureSet GraphModel::predict(const FeatureSet& inputs) const { return predict(inputs, 1); }
+
+FeatureSet GraphModel::predict(const FeatureSet& inputs, std::int64_t batch) const {
+  if (batch < 1) {
+    throw PredictionError("graph " + impl_->label + ": a batch of " + std::to_string(batch));
+  }
   const PredictTimer timer;
   const Impl& g = *impl_;
   c10::InferenceMode inferenceMode;  // per-prediction tensors live only in this scope
@@ -324,7 +335,7 @@ FeatureSet GraphModel::predict(const FeatureSet& inputs) const {
     if (array == nullptr) {
       throw PredictionError("graph " + g.label + ": missing input \"" + feature.name + "\"");
     }
-    at::Tensor t = inputTensor(feature, *array, g.label);
+    at::Tensor t = inputTensor(feature, *array, g.label, batch);
     args.emplace_back(g.device.is_cpu() ? t : t.to(g.device));
   }
   std::vector<at::Tensor> results;
@@ -363,14 +374,14 @@ FeatureSet GraphModel::predict(const FeatureSet& inputs) const {
     at::Tensor t = std::move(results[i]);
     results[i] = at::Tensor();
     MultiArray array = outputArray(std::move(t), want.name, g.label);
-    checkOutput(want, array, g.label);
+    checkOutput(want, array, g.label, batch);
     named.set(want.name, std::move(array));
   }
   return named;
 }
 
-MultiArray GraphModel::predictFirst(const FeatureSet& inputs) const {
-  FeatureSet all = predict(inputs);
+MultiArray GraphModel::predictFirst(const FeatureSet& inputs, std::int64_t batch) const {
+  FeatureSet all = predict(inputs, batch);
   const FeatureDescription* first = impl_->description.firstOutput();
   return all.at(first->name);  // predict guarantees one result per described output
 }

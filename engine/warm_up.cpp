@@ -1,6 +1,7 @@
 // Warm-up: the engine's state allocated once, the latent context seeded from the canonical frame
 // and primed with a silence pass and a speech pass where rendering reads what they leave. Never
 // throws: every failure is one log line and an early return with isReady() false.
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <stdexcept>
@@ -19,7 +20,12 @@ constexpr std::int64_t kSilenceSamples = 102400;  // 6.4 s: four chunks
 void Lumora2Engine::prepareState() {
   {
     MutexLock hold(processing_);
-    decp2X_ = MultiArray(ArrayDataType::float32, {1, 36, H, W});
+    const std::int64_t chosen = settings_.decoderBatch > 0                 ? settings_.decoderBatch
+                                : avatar_->decoder().deviceName() == "cpu" ? 1
+                                                                           : 8;
+    const std::int64_t batch =
+        avatar_->decoderTakesBatch() ? std::clamp<std::int64_t>(chosen, 1, 32) : 1;
+    decp2X_ = MultiArray(ArrayDataType::float32, {batch, 36, H, W});
     ctxMA_ = MultiArray(ArrayDataType::float32, {1, C, CTX, H, W});
     _window.assign(static_cast<std::size_t>(kWindow), 0.0f);
     _iv = MultiArray(ArrayDataType::float32, {1, kStretched});

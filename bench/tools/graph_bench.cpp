@@ -88,6 +88,11 @@ void batchTable(const std::vector<Graph>& graphs, const std::string& label, int 
       }
       if (!refuses[g]) {
         try {
+          // A graph that gives fewer items than it was given has not made a batch.
+          const torch::jit::IValue out = frozen.forward(inputs);
+          const torch::Tensor first =
+              out.isTuple() ? out.toTupleRef().elements()[0].toTensor() : out.toTensor();
+          if (first.dim() == 0 || first.size(0) != depth) throw std::runtime_error("no batch");
           ms[g] = medianMs(runs, [&] { frozen.forward(inputs); });
         } catch (const std::exception&) {
           refuses[g] = true;

@@ -191,6 +191,39 @@ TEST_F(FamilyEngine, AnEngineStartedFromAnothersPrimingRendersTheSameBytes) {
   EXPECT_FALSE(render(*unprimed) == expected);
 }
 
+// The decoder makes several pictures in one run where it takes a batch (the family's does):
+// every batch size, full and partial batches alike, renders the very bytes of one at a time.
+class DecoderBatches : public FamilyEngine, public ::testing::WithParamInterface<std::int64_t> {};
+
+TEST_P(DecoderBatches, RenderTheBytesOfOnePictureARun) {
+  auto render = [](std::int64_t batch) {
+    EngineSettings settings = *settings_;
+    settings.decoderBatch = batch;
+    StderrCapture quiet;
+    Engine engine = engineFor(*graphs_, generatedFamily().avatar("ava"), settings);
+    std::vector<std::vector<std::uint8_t>> frames;
+    if (!engine) return frames;
+    engine->feed(synthesizeSpeech(3.0));
+    engine->flushTail();
+    for (int round = 0; round < 100 && (engine->hasPendingTail() || engine->queuedFrames() > 0);
+         ++round) {
+      settle(engine);
+      for (auto& item : drain(*engine)) frames.push_back(std::move(item.pixels));
+    }
+    return frames;
+  };
+  {
+    StderrCapture quiet;
+    const auto avatar = AvatarModel::load(generatedFamily().avatar("ava"), *settings_);
+    ASSERT_TRUE(avatar && avatar->decoderTakesBatch());
+  }
+  const auto single = render(1);
+  ASSERT_GE(single.size(), 50u);
+  EXPECT_TRUE(render(GetParam()) == single);
+}
+
+INSTANTIATE_TEST_SUITE_P(FamilyEngine, DecoderBatches, ::testing::Values(2, 3, 8, 32));
+
 // Lip sync: tone bursts at several places relative to the chunk grid (12, 8 and 4 frames before
 // a chunk boundary, on one, 4 after) open the mouth at one constant frame offset from the audio,
 // the same in every chunk and again after a flush restarts the segment at position 0. Openness

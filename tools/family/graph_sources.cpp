@@ -132,12 +132,21 @@ def draw_eyes(self, g, blink):
 )";
 
 std::string decoderSource(bool heavy, DecoderKind kind) {
-  // Phase p (one-hot planes 32..35) puts weight (p + 1) / 4 on the current latent.
+  // Every item of a batch is drawn on its own; the heavy decoder's refinement runs on the whole
+  // batch at once. Phase p (one-hot planes 32..35) puts weight (p + 1) / 4 on the current latent.
   std::string src = R"(
 def forward(self, x):
-    cur = x[0, 0:16].mean(dim=[1, 2])
-    prev = x[0, 16:32].mean(dim=[1, 2])
-    w = (x[0, 32:36].mean(dim=[1, 2]) * self.phase_weight).sum()
+    rgb = torch.stack([self.picture(x[i]) for i in range(x.size(0))])
+)";
+  if (heavy) src += "    rgb = (rgb + 1e-5 * torch.tanh(self.refine(rgb))).half()\n";
+  if (kind == DecoderKind::kZeros) src += "    rgb = rgb * 0.0\n";
+  if (kind == DecoderKind::kNan) src += "    rgb[:, 0:1, 0:1, 0:1] = self.nan_px\n";
+  src += R"(    return rgb
+
+def picture(self, x):
+    cur = x[0:16].mean(dim=[1, 2])
+    prev = x[16:32].mean(dim=[1, 2])
+    w = (x[32:36].mean(dim=[1, 2]) * self.phase_weight).sum()
     lat = prev + w * (cur - prev)
     mouth = self.draw_mouth(torch.clamp(lat[0], 0.0, 1.0))
     eyes = self.draw_eyes(lat[1] * self.gaze_px, torch.clamp(lat[3], 0.0, 1.0))
@@ -146,19 +155,14 @@ def forward(self, x):
     src += R"(    pic = self.base_f.clone()
     pic[:, self.my0:self.my1, self.mx0:self.mx1] = mouth
     pic[:, self.ey0:self.ey1, self.ex0:self.ex1] = eyes
-    rgb = pic.unsqueeze(0)
-    rgb = (rgb + 1e-5 * torch.tanh(self.refine(rgb))).half()
 )";
   } else {
     src += R"(    pic = self.base_h.clone()
     pic[:, self.my0:self.my1, self.mx0:self.mx1] = mouth.half()
     pic[:, self.ey0:self.ey1, self.ex0:self.ex1] = eyes.half()
-    rgb = pic.unsqueeze(0)
 )";
   }
-  if (kind == DecoderKind::kZeros) src += "    rgb = rgb * 0.0\n";
-  if (kind == DecoderKind::kNan) src += "    rgb[0, 0:1, 0:1, 0:1] = self.nan_px\n";
-  src += "    return rgb\n";
+  src += "    return pic\n";
 
   src += kDrawing;
   if (heavy) {

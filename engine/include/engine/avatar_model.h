@@ -31,6 +31,9 @@ class AvatarModel {
   // "<label>/<unit in use>", e.g. "dec_p2_v3/all": the unit the decoder runs on, which is not the
   // declared one when the liveness ladder moved it.
   const std::string& decoderDesc() const { return decoderDesc_; }
+  // Whether the decoder makes several pictures in one run (a batch in the leading dimension),
+  // as tried on two inputs at load; engines run it one picture at a time where it does not.
+  bool decoderTakesBatch() const { return decoderTakesBatch_; }
   const std::vector<float>& canon() const { return canon_; }
   // The idle clip's first picture, 416 × 720, B, G, R; nothing without a usable clip, and then
   // the reason.
@@ -43,6 +46,7 @@ class AvatarModel {
   std::filesystem::path dir_;
   std::shared_ptr<GraphModel> decoder_;
   std::string decoderDesc_;
+  bool decoderTakesBatch_ = false;
   std::vector<float> canon_;
   std::optional<std::vector<std::uint8_t>> idleFrame_;
   std::optional<std::string> idleUnavailable_;

@@ -67,6 +67,10 @@ struct EngineSettings {
   // LUMORA2_SHARPEN is set but not a number); 0.8 when neither gives a number, 0 for a negative
   // one.
   float sharpen = 0.8f;
+  // Pictures the avatar's decoder makes in one run where it takes a batch (1 to 32; a chunk has
+  // up to 32); 0 chooses: 8 where the decoder runs on a GPU, 1 on the CPU, where a batch makes a
+  // chunk no faster (bench/graphs.sh). The frames are the same either way.
+  std::int64_t decoderBatch = 0;
   // LUMORA2_WARMUP=full: both priming passes of warm-up run, whether rendering reads what they
   // leave or not.
   bool fullWarmUp = false;

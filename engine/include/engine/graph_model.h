@@ -73,8 +73,12 @@ class GraphModel {
   // description's outputs in number, type or shape. Safe to call from several threads at once,
   // without taking turns: engines on shared graphs predict side by side.
   FeatureSet predict(const FeatureSet& inputs) const;
-  // The array of the first listed output of predict(inputs).
-  MultiArray predictFirst(const FeatureSet& inputs) const;
+  // The same run `batch` deep: every input and output described with a leading 1 (the batch
+  // dimension) has `batch` there instead, item i of each output answering item i of the inputs.
+  // Only for graphs whose forward takes a batch; one that does not fails as PredictionError.
+  FeatureSet predict(const FeatureSet& inputs, std::int64_t batch) const;
+  // The array of the first listed output of predict(inputs, batch).
+  MultiArray predictFirst(const FeatureSet& inputs, std::int64_t batch = 1) const;
   // Wall time spent in predict by every graph of this process so far, failed calls included.
   static std::chrono::nanoseconds predictTimeTotal();
 

@@ -198,7 +198,7 @@ class Lumora2Engine final : public std::enable_shared_from_this<Lumora2Engine> {
       LUMORA2_REQUIRES(processing_) LUMORA2_EXCLUDES(lock_);
   std::vector<Unit> decodeChunkDecp2(std::int64_t blk, bool isSpeech, std::int64_t ci)
       LUMORA2_REQUIRES(processing_) LUMORA2_EXCLUDES(lock_);
-  MultiArray predMA(const GraphModel& model, const FeatureSet& inputs);
+  MultiArray predMA(const GraphModel& model, const FeatureSet& inputs, std::int64_t batch = 1);
   // frame_queue.cpp
   // Processes every full chunk on the calling thread, emptying the queue after each; the last
   // frame rendered, if any.
@@ -237,7 +237,7 @@ class Lumora2Engine final : public std::enable_shared_from_this<Lumora2Engine> {
   // allocated once by warm-up and reused for every chunk.
   mutable Mutex processing_;
   MultiArray ctxMA_ LUMORA2_GUARDED_BY(processing_);   // float32 [1, 16, 16, 90, 52]
-  MultiArray decp2X_ LUMORA2_GUARDED_BY(processing_);  // float32 [1, 36, 90, 52]
+  MultiArray decp2X_ LUMORA2_GUARDED_BY(processing_);  // float32 [batch, 36, 90, 52]
   std::shared_ptr<const Primed> primed_ LUMORA2_GUARDED_BY(processing_);
   std::vector<float> _window LUMORA2_GUARDED_BY(processing_);  // the chunk's 44,000 samples
   MultiArray _iv LUMORA2_GUARDED_BY(processing_);              // float32 [1, 35200]

@@ -212,9 +212,13 @@ export function offsets({ sent, frames, blocks, outputLatency, stats }, windows)
       if (Number.isFinite(r) && !(r <= best.match)) best = { match: r, sound: lag };
     }
     const sound = best.sound + outputLatency;
-    const when = from + picture;
+    // The browser's playout difference over the window: the pictures' estimate steps a frame at a
+    // time, so one sample is off by up to 50 ms; the mean of those taken while the window played
+    // is not (the nearest sample where none was).
+    const when = from + picture, until = to + picture;
+    const during = stats.filter((x) => x.t >= when && x.t < until && Number.isFinite(x.playout));
     const near = stats.reduce((b, x) => (!b || Math.abs(x.t - when) < Math.abs(b.t - when) ? x : b), null);
-    const playout = near ? near.playout : NaN;
+    const playout = during.length ? during.reduce((a, x) => a + x.playout, 0) / during.length : near ? near.playout : NaN;
     return { at: from, picture, sound, offset: picture - sound, match: best.match, playout, stamped: picture - sound + playout };
   });
 }

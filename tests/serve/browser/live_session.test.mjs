@@ -270,8 +270,9 @@ async function main() {
     // recording's offset, within the same. The planted fault is seen: the offset moves by about
     // 60 ms; more exactly, the offset less the playout difference the browser reports between its
     // two tracks (which takes out what its synchronisation and its sound buffer did meanwhile)
-    // moves by 60 ms, within the 30 ms by which the browser lets sound and pictures differ before
-    // it acts.
+    // moves by 60 ms. Bounds: at least half of it (true stamps measured twice differ by far less),
+    // at most a frame more (on a busy viewer the browser's own estimate of its pictures' playout
+    // lags by up to a frame).
     const seen = await collect(page, idleEnd - 10000);
     const sent = traced(trace, view.session.id);
     const measure = ([from, to], [since, until], level) => {
@@ -300,9 +301,10 @@ async function main() {
       `(the browser made up or dropped ${spoken.reshaped.toFixed(0)} ms of sound since the recording began)`);
     const stamped = (found) => median(found.map((w) => w.stamped));
     const shift = stamped(heard.found) - stamped(late.found);
-    check(late.found.length === bursts && shift >= 60 - 30 && shift <= 60 + 30,
-      'sound stamped 60 ms late is seen 60 ms late, within 30 ms',
-      `${shift.toFixed(0)} ms (pictures after their sound by ${ms(late.found.map((w) => w.offset))} ms, ` +
+    check(late.found.length === bursts && shift >= 60 / 2 && shift <= 60 + FRAME,
+      'sound stamped 60 ms late is seen late: by at least half of it, by at most a frame more',
+      `${shift.toFixed(0)} ms; true stamps measured twice (bursts, then sentences) ${(stamped(heard.found) - stamped(spoken.found.filter((w) => w.match > 0.9))).toFixed(0)} ms apart ` +
+      `(pictures after their sound by ${ms(late.found.map((w) => w.offset))} ms, ` +
       `${(center - median(late.found.map((w) => w.offset))).toFixed(0)} ms less than with true stamps; the browser's own ` +
       `playout difference ${ms(late.found.map((w) => w.playout))} ms, with true stamps ${ms(heard.found.map((w) => w.playout))} ms)`);
     check(view.errors.length === 0, 'the page ran without errors', view.errors.join('; '));

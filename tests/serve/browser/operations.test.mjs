@@ -116,7 +116,20 @@ async function main() {
       await page.goto(base + '/');
       await page.check(`input[name=avatar][value=${avatar}]`);
       await page.click('#start');
-      await page.waitForFunction(() => window.lumora2.pc && window.lumora2.pc.connectionState === 'connected', null, { timeout: 60000 });
+      try {
+        await page.waitForFunction(() => window.lumora2.pc && window.lumora2.pc.connectionState === 'connected', null, { timeout: 60000 });
+      } catch (error) {
+        // What the page and the server knew when the viewer did not connect.
+        const seen = await page.evaluate(() => {
+          const pc = window.lumora2.pc, sdp = (d) => (d ? d.sdp.split('\r\n').filter((l) => /^a=(candidate|setup|ice-)|^m=/.test(l)) : null);
+          return { message: document.getElementById('message').textContent, pc: pc && {
+            connection: pc.connectionState, ice: pc.iceConnectionState, gathering: pc.iceGatheringState,
+            local: sdp(pc.localDescription), remote: sdp(pc.remoteDescription) } };
+        }).catch((e) => ({ page: e.message }));
+        const url = await page.evaluate(() => window.lumora2.session && window.lumora2.session.urls.session).catch(() => null);
+        const session = url ? (await get(url).catch((e) => ({ body: e.message }))).body : 'none';
+        throw new Error(`${error.message}\npage: ${JSON.stringify(seen)}\nsession: ${session}\nserver log:\n${one.log()}`);
+      }
       const url = await page.evaluate(() => window.lumora2.session.urls.session);
       for (let i = 0; i < 600 && (await json(url)).child !== 'ready'; ++i) await sleep(100);
       const frames = () => page.evaluate(async () => {
