@@ -218,7 +218,13 @@ void SessionRegistry::lookAt(LiveSession& session, bool last, Look& look) {
   const LiveSession::Counters c = session.counters();
   const auto [at, first] = seen_.try_emplace(session.id());
   Seen& seen = at->second;
-  if (first || (seen.counters.framesSent == 0 && c.framesSent > 0)) look.settled = false;
+  // A viewer connecting (ICE, DTLS, the encoder's start) costs the server time before its first
+  // frame; a session unwatched for half a minute no longer holds the measurement up.
+  seen.unsentLooks = c.framesSent == 0 ? seen.unsentLooks + 1 : 0;
+  if (first || (seen.counters.framesSent == 0 && c.framesSent > 0) ||
+      (c.framesSent == 0 && seen.unsentLooks <= 30)) {
+    look.settled = false;
+  }
   const LiveSession::Counters& was = seen.counters;
   const std::uint64_t sent = c.framesSent - was.framesSent;
   const std::uint64_t rendered = c.renderedSent - was.renderedSent;
@@ -240,6 +246,12 @@ void SessionRegistry::lookAt(LiveSession& session, bool last, Look& look) {
     if (c.childPid == was.childPid) look.framesRendered += c.framesRendered - was.framesRendered;
     look.childMeasured = true;
   }
+  // A child warming up (or just warmed) spends its process's time on no frame; a session left
+  // without one for half a minute has failed and no longer holds the measurement up.
+  seen.coldLooks = c.childPid < 0 ? seen.coldLooks + 1 : 0;
+  if (!last && (c.childPid != was.childPid || (c.childPid < 0 && seen.coldLooks <= 30))) {
+    look.childSettled = false;
+  }
   seen.counters = c;
   if (last) {
     metrics_.ended(c.cause.empty() ? "closed" : c.cause);
@@ -259,9 +271,10 @@ void SessionRegistry::measureChildren(const Look& look) {
   // Render processes work in bursts (a chunk of streamed speech at a time), so a span goes on
   // over looks with nothing rendered; ten such looks in a row end it: idle time is not a frame's.
   childIdleLooks_ = look.childMeasured && look.framesRendered > 0 ? 0 : childIdleLooks_ + 1;
-  if (childIdleLooks_ > 10) {
+  if (childIdleLooks_ > 10 || !look.childSettled) {
     childCpuSpan_ = 0;
     childFramesSpan_ = 0;
+    if (!look.childSettled) return;  // this look's time and frames both left out
   }
   childFramesSpan_ += look.framesRendered;
   if (childFramesSpan_ >= admission_.options().minFrames) {

@@ -75,6 +75,9 @@ class SessionRegistry {
     // No session appeared, began sending or ended since the last look: the span's server time
     // holds no one-off costs (a viewer's connection, an encoder's start), only frames'.
     bool settled = true;
+    // No session's engine warmed up in a render process since the last look: the span's render
+    // time holds no warm-up (which a shared process spends beside the frames of its others).
+    bool childSettled = true;
     double slowest = 0;  // the slowest render speed, frames a second
   };
   void lookAt(LiveSession& session, bool last, Look& look);
@@ -104,6 +107,8 @@ class SessionRegistry {
   // processor time and frames gathered towards the next measurement.
   struct Seen {
     LiveSession::Counters counters;
+    int coldLooks = 0;    // looks in a row without a warmed-up child
+    int unsentLooks = 0;  // looks in a row before the first frame was sent
   };
   std::map<std::string, Seen> seen_;
   std::map<pid_t, double> childCpu_;  // each render process's processor seconds at the last look
