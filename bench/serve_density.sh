@@ -11,8 +11,8 @@
 # load average counts this bench's own threads too), and resident memory of the server and of the
 # render processes (each, both, and each per session beyond the first step). It stops at the first
 # N that does not hold (or that the server refuses) and prints one JSON object with a row per N
-# and `sessions_held`, the largest N where every session held. No browser viewer watches among
-# them.
+# and `sessions_held`, the largest N where every session held. The first session is watched by
+# Chromium instead (bench/density_viewer.mjs): its frames a second and freezes count too.
 #   bench/serve_density.sh [build dir (default build/release)] [max sessions (default 24)]
 # Everything is bounded: each step within about a minute, the whole run within 15 minutes; every
 # process it starts is stopped on exit.
@@ -111,8 +111,26 @@ server = subprocess.Popen(
 receivers = []
 stop = threading.Event()
 
+viewer = None  # the Chromium viewer (bench/density_viewer.mjs)
+
+def look(v):
+    """One sample of what the Chromium viewer saw."""
+    v.stdin.write("\n")
+    v.stdin.flush()
+    got = json.loads(v.stdout.readline() or "{}")
+    if "decoded" not in got:
+        raise SystemExit("the Chromium viewer failed: " + json.dumps(got))
+    return got
+
 def finish():
     stop.set()
+    if viewer is not None and viewer.poll() is None:
+        viewer.stdin.close()
+        try:
+            viewer.wait(timeout=20)
+        except subprocess.TimeoutExpired:
+            viewer.kill()
+            viewer.wait()
     for r in receivers:
         if r.poll() is None:
             r.kill()
@@ -205,19 +223,28 @@ try:
         if not wait_for(lambda: all(s["child"] == "ready" for s in statuses().values()), 90):
             row["holds"], row["error"] = False, "render processes not ready within 90 s"
             break
+        # The first session is watched by Chromium for the whole run; every other by a receiver.
+        if viewer is None:
+            viewer = subprocess.Popen(
+                ["node", "bench/density_viewer.mjs", base, whep[sessions[0]]],
+                stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+            said = json.loads(viewer.stdout.readline() or "{}")
+            if not said.get("connected"):
+                raise SystemExit("the Chromium viewer did not connect: " + json.dumps(said))
+            result["browser_viewer"] = True
         receivers[:] = [subprocess.Popen(
             [f"{build}/bench/lumora2-whep-receiver", whep[sid],
              "--settle", str(SETTLE), "--seconds", str(MEASURE), "--connect-timeout", "30"],
-            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True) for sid in sessions]
+            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True) for sid in sessions[1:]]
         wait_for(lambda: all(s["viewer"] == "connected" for s in statuses().values()), 30)
         at_connect = statuses()
         time.sleep(SETTLE)
         pids = [server.pid] + descendants(server.pid)
         before, cpu0 = statuses(), {p: stat(p)[1] for p in pids}
         recv0, busy0 = cpu_seconds(r.pid for r in receivers), machine_busy()
-        t0 = time.monotonic()
+        t0, seen0 = time.monotonic(), look(viewer)
         time.sleep(MEASURE)
-        after, t1 = statuses(), time.monotonic()
+        after, t1, seen1 = statuses(), time.monotonic(), look(viewer)
         cpu1 = {p: stat(p)[1] for p in pids}
         recv1, busy1 = cpu_seconds(r.pid for r in receivers), machine_busy()
         span = t1 - t0
@@ -246,8 +273,17 @@ try:
             first = (n, total, server_mib, render_mib)
         extra = (lambda now, then: round((now - then) / (n - first[0]), 1)
                  if n > first[0] else None)
+        # What Chromium showed over the span: frames a second and freezes (a frame shown for
+        # more than three times the usual, or 150 ms more).
+        browser = {"fps": round((seen1["decoded"] - seen0["decoded"]) * 1000 / (seen1["t"] - seen0["t"]), 2),
+                   "freezes": seen1["freezes"] - seen0["freezes"],
+                   "freeze_ms": round(seen1["freeze_ms"] - seen0["freeze_ms"]),
+                   "dropped": seen1["dropped"] - seen0["dropped"], "lost": seen1["lost"] - seen0["lost"]}
+        fps.append(browser["fps"])
         row.update({
-            "holds": not errors and min(fps) >= HOLD_FPS and max(stalls) == 0,
+            "holds": (not errors and min(fps) >= HOLD_FPS and max(stalls) == 0 and
+                      browser["freezes"] == 0),
+            "browser": browser,
             "fps_min": round(min(fps), 2), "fps_median": round(sorted(fps)[len(fps) // 2], 2),
             "max_frame_gap_ms": round(max(gaps), 1) if gaps else None,
             "stalls": sum(stalls), "sessions_with_stalls": sum(1 for s in stalls if s),
