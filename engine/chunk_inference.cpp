@@ -204,8 +204,9 @@ std::vector<Lumora2Engine::Unit> Lumora2Engine::decodeChunkDecp2(std::int64_t bl
   // The decoder's input for token t and phase: its latent, the one before it and the phase's
   // one-hot, written into slot `slot` of the batch.
   const std::size_t item = 36 * plane;
+  float* const inputs = decp2X_.floats();
   auto fillInput = [&](std::int64_t slot, std::int64_t t, int phase) {
-    float* x = decp2X_.floats() + static_cast<std::size_t>(slot) * item;
+    float* x = inputs + static_cast<std::size_t>(slot) * item;
     for (std::size_t c = 0; c < static_cast<std::size_t>(C); ++c) {
       std::copy_n(latentOf(t, c), plane, x + c * plane);
       const float* before = t > 0                 ? latentOf(t - 1, c)
