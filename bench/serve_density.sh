@@ -3,7 +3,9 @@
 # light WebRTC receivers (lumora2-whep-receiver: RTP packets and frames by the marker bit, nothing
 # decoded) rather than browsers, which would take the server's own cores. lumora2-serve runs on
 # 127.0.0.1 with its default shared render processes; for N = 4, 8, 12, ... up to the maximum it
-# adds sessions up to N (ava and bram alternately), gives every one a receiver, keeps each speaking
+# adds sessions up to N (ava and bram alternately), gives each newcomer a receiver (which stays
+# connected for the rest of the run and is asked for its counts at the start and end of each
+# measured span, so that no step reconnects the sessions already there), keeps each speaking
 # at real-time pace (a 6 s recording posted again while fewer than two are queued), lets it settle
 # 10 s and measures 20 s. Per N: every session's frames a second (>= 19.5 holds) and stalls in the
 # measured span (0 holds), the server's and its render processes' processor time (share of a core,
@@ -108,8 +110,19 @@ server = subprocess.Popen(
      "--host", f"{build}/host/lumora2-model"],
     stdout=subprocess.PIPE, stderr=open(f"{scratch}/serve.log", "w"), text=True,
     start_new_session=True)
-receivers = []
+receivers = {}  # session id -> its lumora2-whep-receiver, connected for the whole run
 stop = threading.Event()
+
+def sample(r, first=False):
+    """A receiver's counts so far (its connection line, with `first`); None once it has gone."""
+    try:
+        if not first:
+            r.stdin.write("\n")
+            r.stdin.flush()
+        line = r.stdout.readline()
+        return json.loads(line) if line.strip() else None
+    except (OSError, ValueError):
+        return None
 
 viewer = None  # the Chromium viewer (bench/density_viewer.mjs)
 
@@ -131,10 +144,14 @@ def finish():
         except subprocess.TimeoutExpired:
             viewer.kill()
             viewer.wait()
-    for r in receivers:
+    for r in receivers.values():
         if r.poll() is None:
-            r.kill()
-            r.wait()
+            try:
+                r.stdin.close()  # the receiver deletes its WHEP resource and ends
+                r.wait(timeout=10)
+            except (OSError, subprocess.TimeoutExpired):
+                r.kill()
+                r.wait()
     if server.poll() is None:
         os.killpg(server.pid, signal.SIGINT)  # ends at once, render processes included
         try:
@@ -232,35 +249,40 @@ try:
             if not said.get("connected"):
                 raise SystemExit("the Chromium viewer did not connect: " + json.dumps(said))
             result["browser_viewer"] = True
-        receivers[:] = [subprocess.Popen(
-            [f"{build}/bench/lumora2-whep-receiver", whep[sid],
-             "--settle", str(SETTLE), "--seconds", str(MEASURE), "--connect-timeout", "30"],
-            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True) for sid in sessions[1:]]
+        # Receivers stay connected from step to step: only the newcomers connect now.
+        errors, fresh = [], [sid for sid in sessions[1:] if sid not in receivers]
+        for sid in fresh:
+            receivers[sid] = subprocess.Popen(
+                [f"{build}/bench/lumora2-whep-receiver", whep[sid], "--on-demand",
+                 "--seconds", "900", "--connect-timeout", "30"],
+                stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        for sid in fresh:
+            if not sample(receivers[sid], first=True):
+                why = receivers[sid].stderr.read().strip().splitlines() or ["no line"]
+                errors.append(f"{sid}: {why[-1]}")
         wait_for(lambda: all(s["viewer"] == "connected" for s in statuses().values()), 30)
         at_connect = statuses()
         time.sleep(SETTLE)
         pids = [server.pid] + descendants(server.pid)
         before, cpu0 = statuses(), {p: stat(p)[1] for p in pids}
-        recv0, busy0 = cpu_seconds(r.pid for r in receivers), machine_busy()
+        recv0, busy0 = cpu_seconds(r.pid for r in receivers.values()), machine_busy()
+        got0 = {sid: sample(r) for sid, r in receivers.items()}
         t0, seen0 = time.monotonic(), look(viewer)
         time.sleep(MEASURE)
+        got1 = {sid: sample(r) for sid, r in receivers.items()}
         after, t1, seen1 = statuses(), time.monotonic(), look(viewer)
         cpu1 = {p: stat(p)[1] for p in pids}
-        recv1, busy1 = cpu_seconds(r.pid for r in receivers), machine_busy()
+        recv1, busy1 = cpu_seconds(r.pid for r in receivers.values()), machine_busy()
         span = t1 - t0
-        fps, gaps, errors = [], [], []
-        for r in receivers:
-            try:
-                out, err = r.communicate(timeout=SETTLE + MEASURE + 60)
-            except subprocess.TimeoutExpired:
-                r.kill()
-                out, err = r.communicate()
-            got = json.loads(out.strip().splitlines()[-1]) if out.strip() else {}
-            fps.append(got.get("fps", 0.0))
-            if "max_gap_ms" in got:
-                gaps.append(got["max_gap_ms"])
-            if r.returncode != 0:
-                errors.append(err.strip().splitlines()[-1] if err.strip() else f"exit {r.returncode}")
+        fps, gaps = [], []
+        for sid in receivers:
+            a, b = got0[sid], got1[sid]
+            if not a or not b or not b["connected"]:
+                errors.append(f"{sid}: the receiver lost its connection")
+                fps.append(0.0)
+                continue
+            fps.append((b["frames"] - a["frames"]) * 1000 / max(1.0, b["ms"] - a["ms"]))
+            gaps.append(b["max_gap_ms"])
         stalls = [after[s]["stalls"] - before[s]["stalls"] for s in sessions]
         settle_stalls = [before[s]["stalls"] - at_connect[s]["stalls"] for s in sessions]
         behind = [after[s]["frames_behind"] - before[s]["frames_behind"] for s in sessions]

@@ -3,7 +3,7 @@
 // the same cores: RTP packets per track, and video frames by the RTP marker bit (the last packet
 // of each picture carries it).
 //
-//   lumora2-whep-receiver URL [--seconds S] [--settle S] [--connect-timeout S]
+//   lumora2-whep-receiver URL [--seconds S] [--settle S] [--connect-timeout S] [--on-demand]
 //
 // URL is the session's WHEP URL (http://127.0.0.1:PORT/v1/sessions/ID/whep). It offers one
 // receive-only video (H.264) and one audio (Opus) transceiver, posts the complete offer, applies
@@ -13,12 +13,17 @@
 // connected_ms runs from the start to the connection; max_gap_ms is the longest time in the counted
 // span without a frame's last packet (from its start to the first one included). Exit status 0; 1
 // when it cannot connect, or the connection ends before the count does (the line is printed, the
-// reason on standard error); 2 for a bad command line. Every step is bounded in time.
+// reason on standard error); 2 for a bad command line. Every step is bounded in time. With
+// --on-demand it counts from the connection until stdin closes (at most --seconds), answering
+// each line it reads with the counts so far (see countOnDemand).
 #define GST_USE_UNSTABLE_API
 #include <gst/gst.h>
 #include <gst/sdp/sdp.h>
 #include <gst/webrtc/webrtc.h>
 
+#include <poll.h>
+
+#include <algorithm>
 #include <atomic>
 #include <boost/asio/connect.hpp>
 #include <boost/asio/io_context.hpp>
@@ -30,6 +35,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <initializer_list>
+#include <limits>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -53,6 +59,7 @@ struct Options {
   double seconds = 20;
   double settle = 0;
   double connectTimeout = 15;
+  bool onDemand = false;  // --on-demand: counts until stdin closes, a line per line read
 };
 
 // http://HOST:PORT/PATH, the only form a WHEP URL on this machine takes.
@@ -399,7 +406,9 @@ Options parseArgs(int argc, char** argv) {
   Options o;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
-    if (arg.rfind("--", 0) == 0) {
+    if (arg == "--on-demand") {
+      o.onDemand = true;
+    } else if (arg.rfind("--", 0) == 0) {
       if (i + 1 >= argc) throw std::invalid_argument(arg + " needs a value");
       const char* value = argv[++i];
       if (arg == "--seconds")
@@ -423,6 +432,43 @@ Options parseArgs(int argc, char** argv) {
 
 std::chrono::nanoseconds toNs(double seconds) {
   return std::chrono::nanoseconds(std::int64_t(seconds * 1e9));
+}
+
+// --on-demand: counting starts at the connection; each line read on stdin is answered with one
+// JSON line of what arrived so far, {"ms", "frames", "packets_video", "packets_audio",
+// "max_gap_ms" (since the line before), "connected"}. Ends when stdin closes or after --seconds;
+// 1 when the connection failed or closed by then.
+int countOnDemand(Receiver& r, const Options& o, double connectedMs) {
+  const std::int64_t from = nowNs();
+  r.counts.until = std::numeric_limits<std::int64_t>::max();
+  r.counts.lastFrame = from;
+  r.counts.from = from;
+  std::printf("{\"connected_ms\": %.1f}\n", connectedMs);
+  std::fflush(stdout);
+  const auto deadline = Clock::now() + toNs(o.seconds);
+  bool open = true;
+  while (Clock::now() < deadline) {
+    pollfd in{0, POLLIN, 0};
+    const auto wait =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    if (poll(&in, 1, int(std::clamp<std::int64_t>(wait, 0, 1000))) <= 0) continue;
+    char line[256];
+    if (std::fgets(line, sizeof line, stdin) == nullptr) break;
+    {
+      lumora2::MutexLock hold(r.lock);
+      open = r.state != GST_WEBRTC_PEER_CONNECTION_STATE_FAILED &&
+             r.state != GST_WEBRTC_PEER_CONNECTION_STATE_CLOSED;
+    }
+    std::printf(
+        "{\"ms\": %.1f, \"frames\": %llu, \"packets_video\": %llu, \"packets_audio\": %llu, "
+        "\"max_gap_ms\": %.1f, \"connected\": %s}\n",
+        double(nowNs() - from) / 1e6, static_cast<unsigned long long>(r.counts.frames.load()),
+        static_cast<unsigned long long>(r.counts.videoPackets.load()),
+        static_cast<unsigned long long>(r.counts.audioPackets.load()),
+        double(r.counts.maxGap.exchange(0)) / 1e6, open ? "true" : "false");
+    std::fflush(stdout);
+  }
+  return open ? 0 : 1;
 }
 
 int run(const Options& o) {
@@ -466,6 +512,12 @@ int run(const Options& o) {
     throw;
   }
   const auto connected = Clock::now();
+  if (o.onDemand) {
+    const int status =
+        countOnDemand(r, o, std::chrono::duration<double, std::milli>(connected - start).count());
+    release();
+    return status;
+  }
   const auto from = connected + toNs(o.settle);
   const auto until = from + toNs(o.seconds);
   r.counts.until =
@@ -510,7 +562,7 @@ int main(int argc, char** argv) {
   } catch (const std::invalid_argument& e) {
     std::fprintf(stderr,
                  "lumora2-whep-receiver: %s\nusage: lumora2-whep-receiver URL [--seconds S] "
-                 "[--settle S] [--connect-timeout S]\n",
+                 "[--settle S] [--connect-timeout S] [--on-demand]\n",
                  e.what());
     return 2;
   }
