@@ -66,6 +66,13 @@ void LiveSession::paceViewer(const std::shared_ptr<WebRtcSender>& sender) {
   bool stalled = false;
   LiveFrame frame;
   std::uint64_t clock = 0;  // the frame's index on the session's sample clock
+  if (options_.trace) {
+    // How this viewer's RTP times follow from the frames' time stamps (see traceFrame).
+    const RtpClock rtp = sender->rtpClock();
+    options_.trace->write("#rtp " + id_ + " " + std::to_string(double(rtp.base.count()) / 1e6) +
+                          " " + std::to_string(rtp.videoOffset) + " " +
+                          std::to_string(rtp.audioOffset) + "\n");
+  }
   for (;;) {
     const auto due = start + paused + sent * kFramePeriod;
     {

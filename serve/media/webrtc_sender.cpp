@@ -103,6 +103,9 @@ struct WebRtcSender::Impl {
   Options options;
   Events events;
   std::uint32_t videoSsrc = 0, audioSsrc = 0;
+  // The payloaders' first RTP time stamps (chosen here rather than by them, so that the trace can
+  // name them; as unpredictable either way).
+  std::uint32_t videoRtpOffset = 0, audioRtpOffset = 0;
   // Diagnostics (Options::soundDelay): how much later sound stamped from `soundDelayFrom` on is.
   GstClockTime soundDelay = 0;
   std::chrono::nanoseconds soundDelayFrom{0};
@@ -277,7 +280,7 @@ SdpPtr parseOffer(const std::string& offerSdp, OfferedCodecs& codecs) {
 // path whose pictures take longer than that anyway. The streams' sources are fixed in the
 // payloaders' caps, so that the answer can name them.
 std::string pipelineDescription(const WebRtcSender::Options& options, const OfferedCodecs& codecs,
-                                std::uint32_t videoSsrc, std::uint32_t audioSsrc) {
+                                const WebRtcSender::Impl& impl) {
   return "webrtcbin name=webrtc bundle-policy=max-bundle latency=0 "
          "appsrc name=video is-live=true format=time do-timestamp=false max-bytes=20000000 "
          "caps=video/x-raw,format=I420,width=" +
@@ -288,19 +291,19 @@ std::string pipelineDescription(const WebRtcSender::Options& options, const Offe
          std::to_string(options.fps * 2) +
          " pass=qual quantizer=23 bitrate=1500 threads=1 trellis=false ! "
          "video/x-h264,profile=constrained-baseline ! "
-         "rtph264pay config-interval=-1 aggregate-mode=zero-latency pt=" +
-         std::to_string(codecs.h264) +
+         "rtph264pay config-interval=-1 aggregate-mode=zero-latency timestamp-offset=" +
+         std::to_string(impl.videoRtpOffset) + " pt=" + std::to_string(codecs.h264) +
          " ! application/x-rtp,media=video,encoding-name=H264,payload=" +
-         std::to_string(codecs.h264) + ",clock-rate=90000,ssrc=(uint)" + std::to_string(videoSsrc) +
-         " ! webrtc. " +
+         std::to_string(codecs.h264) + ",clock-rate=90000,ssrc=(uint)" +
+         std::to_string(impl.videoSsrc) + " ! webrtc. " +
          "appsrc name=audio is-live=true format=time do-timestamp=false "
          "caps=audio/x-raw,format=F32LE,layout=interleaved,channels=1,rate=" +
          std::to_string(options.sampleRate) +
-         " ! queue ! audioconvert ! opusenc frame-size=40 ! rtpopuspay pt=" +
-         std::to_string(codecs.opus) +
+         " ! queue ! audioconvert ! opusenc frame-size=40 ! rtpopuspay timestamp-offset=" +
+         std::to_string(impl.audioRtpOffset) + " pt=" + std::to_string(codecs.opus) +
          " ! application/x-rtp,media=audio,encoding-name=OPUS,payload=" +
-         std::to_string(codecs.opus) + ",clock-rate=48000,ssrc=(uint)" + std::to_string(audioSsrc) +
-         " ! webrtc. ";
+         std::to_string(codecs.opus) + ",clock-rate=48000,ssrc=(uint)" +
+         std::to_string(impl.audioSsrc) + " ! webrtc. ";
 }
 
 void onCandidate(GstElement*, guint, gchar*, gpointer data) {
@@ -311,8 +314,7 @@ void onCandidate(GstElement*, guint, gchar*, gpointer data) {
 }
 
 void buildPipeline(WebRtcSender::Impl& impl, const OfferedCodecs& codecs) {
-  const std::string description =
-      pipelineDescription(impl.options, codecs, impl.videoSsrc, impl.audioSsrc);
+  const std::string description = pipelineDescription(impl.options, codecs, impl);
   GError* error = nullptr;
   impl.pipeline = gst_parse_launch(description.c_str(), &error);
   if (impl.pipeline == nullptr || error != nullptr) {
@@ -457,6 +459,9 @@ std::unique_ptr<WebRtcSender::Impl> answerOffer(const std::string& offerSdp,
   do {
     impl->audioSsrc = g_random_int();
   } while (impl->audioSsrc == impl->videoSsrc);
+  // Kept below 2^31, well inside the payloaders' property (whose -1 means "choose at random").
+  impl->videoRtpOffset = g_random_int() >> 1;
+  impl->audioRtpOffset = g_random_int() >> 1;
   buildPipeline(*impl, codecs);
   configureIce(impl->webrtc, options, iceTcp);
   if (gst_element_set_state(impl->pipeline, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
@@ -561,6 +566,13 @@ void WebRtcSender::push(std::chrono::nanoseconds pts, std::vector<std::uint8_t>&
         gst_util_uint64_scale(count, GST_SECOND, guint64(impl_->options.sampleRate));
     gst_app_src_push_buffer(GST_APP_SRC(impl_->audio), sound);
   }
+}
+
+RtpClock WebRtcSender::rtpClock() const {
+  MutexLock hold(impl_->lock);
+  const bool known = impl_->base != GST_CLOCK_TIME_NONE;
+  return RtpClock{impl_->videoRtpOffset, impl_->audioRtpOffset,
+                  std::chrono::nanoseconds(known ? std::int64_t(impl_->base) : 0)};
 }
 
 SenderStats WebRtcSender::stats() const {

@@ -54,6 +54,15 @@ struct SenderStats {
   bool connected = false;
 };
 
+// How a stream's RTP time stamps follow from its buffers' time stamps: RTP time = offset +
+// (base + pts) * clock rate, modulo 2^32, for `pts` as pushed (90 kHz for pictures, 48 kHz for
+// sound). A diagnostic: with it, a viewer's RTP times name the moments of the session's stream
+// they were stamped for, whatever the browser did with them.
+struct RtpClock {
+  std::uint32_t videoOffset = 0, audioOffset = 0;
+  std::chrono::nanoseconds base{0};  // the pipeline's running time when the viewer connected
+};
+
 class WebRtcSender {
  public:
   struct Options {
@@ -104,6 +113,8 @@ class WebRtcSender {
   void push(std::chrono::nanoseconds pts, std::vector<std::uint8_t>&& i420,
             std::vector<float>&& samples);
   SenderStats stats() const;
+  // Once connected; before, base is 0.
+  RtpClock rtpClock() const;
   // The viewer's late candidates (trickle ICE): an SDP fragment's a=candidate lines, under the
   // m= line (or a=mid) they belong to. Returns how many were taken; throws MediaError for a
   // fragment with none and no a=end-of-candidates.

@@ -11,6 +11,12 @@
 //             frame by frame; the output's own latency (as the browser reports it, its
 //             media-playout statistics) is added, so it is the sound as heard
 // An offset above 0 is a picture shown after its sound is heard, below 0 one shown before.
+//
+// The offset is what the viewer gets; whether the server stamped its sound truly is a separate
+// question, which the offset cannot answer (the browser plays the sound where its stamps say,
+// and a constant error in them looks like a browser's own delay). The trace's RTP clock answers
+// it: the sound's RTP times as the browser delivers them (getSynchronizationSources) name the
+// moments the server stamped, and the energy says which moments they hold.
 
 // In the page: records what the offsets need. `where` names the page's {video, stream, pc}.
 export function installProbes(where) {
@@ -50,6 +56,19 @@ export function installProbes(where) {
       value.close();
     }
   })();
+  // The sound's RTP time as the browser delivers it: each packet's time stamp, first seen, with
+  // when the browser says it delivered it (getSynchronizationSources; packets are 40 ms, sampled
+  // every 4 ms).
+  probe.rtp = [];
+  const audioReceiver = pc.getReceivers().find((r) => r.track && r.track.kind === 'audio');
+  let lastRtp = null;
+  setInterval(() => {
+    for (const s of audioReceiver ? audioReceiver.getSynchronizationSources() : []) {
+      if (s.rtpTimestamp === lastRtp) continue;
+      lastRtp = s.rtpTimestamp;
+      probe.rtp.push({ t: performance.now(), at: s.timestamp, rtp: s.rtpTimestamp });
+    }
+  }, 4);
   probe.inbound = async () => {
     const out = { t: performance.now() };
     (await pc.getStats()).forEach((r) => {
@@ -88,6 +107,8 @@ export function collect(page, since) {
       frames: window.avProbe.frames.filter((f) => f.t >= t),
       blocks: window.avProbe.blocks.filter((b) => b[0] >= t),
       stats: window.avProbe.stats.filter((s) => s.t >= t),
+      rtp: window.avProbe.rtp.filter((s) => s.t >= t),
+      origin: performance.timeOrigin,
       outputLatency: playout && playout.totalSamplesCount ? playout.totalPlayoutDelay / playout.totalSamplesCount * 1000 : NaN,
     };
   }, since);
@@ -123,11 +144,27 @@ export async function settle(page, { calm = 6000, most = 20000 } = {}) {
 // then the mean luma of a 4 x 8 grid of the picture, row by row. Kept: the session, the time
 // stamp, the RMS and the lower face (row 4, columns 1 and 2).
 export function parseTrace(text) {
-  return text.trim().split('\n').map((line) => {
+  return text.trim().split('\n').filter((line) => !line.startsWith('#')).map((line) => {
     const f = line.split(' ');
     return { id: f[0], pts: Number(f[2]), rms: Number(f[3]), luma: (Number(f[4 + 4 * 4 + 1]) + Number(f[4 + 4 * 4 + 2])) / 2 };
   });
 }
+
+// The trace's "#rtp SESSION BASE VIDEO AUDIO" lines: how each viewer's RTP times follow from the
+// frames' time stamps (RTP = offset + (base + pts) * rate, modulo 2^32). The last one of `id`.
+export function rtpClock(text, id) {
+  const lines = text.split('\n').filter((line) => line.startsWith(`#rtp ${id} `));
+  if (!lines.length) return null;
+  const f = lines.at(-1).split(' ');
+  return { base: Number(f[2]), video: Number(f[3]), audio: Number(f[4]) };
+}
+
+// The time stamp (ms) an RTP time names, at `rate` kHz with `offset`.
+const stampOf = (rtp, offset, rate, base) => ((rtp - offset) >>> 0) / rate - base;
+
+// When (page clock) the browser delivered a sampled packet: its own time for it, given since the
+// epoch (Chromium) or on the page's clock; when it is neither, when it was sampled.
+const delivered = (r, origin) => (Math.abs(r.at - (origin + r.t)) < 1000 ? r.at - origin : Math.abs(r.at - r.t) < 1000 ? r.at : r.t);
 
 // Windows (sent time stamps, ms) to measure in: one per sound that starts after 250 ms below
 // `level`, from `before` ms ahead of it for `span` ms.
@@ -157,16 +194,19 @@ function correlation(pairs) {
   return n > 2 && d > 0 ? (sxy - sx * sy / n) / d : NaN;
 }
 
-// The offsets, one per window: {at, picture, sound, offset, match, playout, stamped} where
+// The offsets, one per window: {at, picture, sound, offset, match, playout, stamped, stampError}
+// where
 // picture and sound are the latencies (ms, the page's clock less the sent time stamps), match how
 // well the sound's energy matched (correlation, 1 at best), playout the difference the browser
 // itself reports between the two tracks' playout (estimatedPlayoutTimestamp, pictures less sound,
 // in the sender's time) and stamped the offset with that added: where the browser's
 // synchronisation had got to cancels out of it, and what remains is what the time stamps put
 // between sound and pictures (less a constant of the browser's own: its pictures' way from
-// playout to screen against its sound's from playout to ear). Throws when the frames cannot be
-// matched to the trace.
-export function offsets({ sent, frames, blocks, outputLatency, stats }, windows) {
+// playout to screen against its sound's from playout to ear). stampError needs `clock` (the
+// trace's rtpClock) and the page's sampled RTP times: how much later than the moment of the stream
+// it holds the sound was stamped, as the browser received it (0 for true stamps, less the
+// encoder's few ms). Throws when the frames cannot be matched to the trace.
+export function offsets({ sent, frames, blocks, outputLatency, stats, rtp = [], origin = 0, clock = null }, windows) {
   // Frames by RTP time (90 kHz) relative to the middle one; the sent time stamp of that one is
   // the shift that makes the lower face's luma match the trace's best.
   const middle = frames[frames.length >> 1].rtp;
@@ -219,7 +259,15 @@ export function offsets({ sent, frames, blocks, outputLatency, stats }, windows)
     const during = stats.filter((x) => x.t >= when && x.t < until && Number.isFinite(x.playout));
     const near = stats.reduce((b, x) => (!b || Math.abs(x.t - when) < Math.abs(b.t - when) ? x : b), null);
     const playout = during.length ? during.reduce((a, x) => a + x.playout, 0) / during.length : near ? near.playout : NaN;
-    return { at: from, picture, sound, offset: picture - sound, match: best.match, playout, stamped: picture - sound + playout };
+    // The sound's stamps against what it holds: for each packet the browser delivered in the
+    // window, the time stamp its RTP time names less the moment of the stream it holds (its
+    // delivery less the sound's latency, where the energy matched).
+    let stampError = NaN;
+    if (clock && Number.isFinite(best.sound)) {
+      const inside = rtp.map((r) => ({ rtp: r.rtp, t: delivered(r, origin) })).filter((r) => r.t >= from + best.sound && r.t < to + best.sound);
+      stampError = median(inside.map((r) => stampOf(r.rtp, clock.audio, 48, clock.base) - (r.t - best.sound)));
+    }
+    return { at: from, picture, sound, offset: picture - sound, match: best.match, playout, stamped: picture - sound + playout, stampError };
   });
 }
 

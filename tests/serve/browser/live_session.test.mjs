@@ -6,8 +6,9 @@
 // seen, against what the server sent together (av_sync.mjs): for a recording and for a paragraph
 // typed into the page, which is also heard and moves the mouth during its words (resting in the
 // pauses between its sentences), its first frame leaving the server soon after it was sent. From
-// 65 s into the stream the server stamps every sound 60 ms late (LUMORA2_SERVE_SOUND_DELAY_MS),
-// and the measurement must see it. A viewer whose page closes, or whose browser is killed, is
+// 65 s into the stream the server stamps every sound 60 ms late (LUMORA2_SERVE_SOUND_DELAY_MS):
+// the sound's stamps as received, set against what it holds, are true before and 60 ms late
+// after, so a sender that stamps its sound wrongly from the start fails too. A viewer whose page closes, or whose browser is killed, is
 // noticed within seconds.
 //
 // node live_session.test.mjs --serve BIN --family BIN --host BIN
@@ -17,7 +18,7 @@ import { spawn, spawnSync } from 'node:child_process';
 import { existsSync, mkdtempSync, readFileSync, rmSync } from 'node:fs';
 import { availableParallelism, tmpdir } from 'node:os';
 import { join } from 'node:path';
-import { collect, installProbes, offsets, onsetWindows, parseTrace, settle, soundAfter } from './av_sync.mjs';
+import { collect, installProbes, offsets, onsetWindows, parseTrace, rtpClock, settle, soundAfter } from './av_sync.mjs';
 import { CHROMIUM, call, launchBrowser, playwright, sleep, until } from './viewer.mjs';
 
 const args = Object.fromEntries(
@@ -67,6 +68,9 @@ const ms = (values) => values.map((v) => v.toFixed(0)).join(', ');
 // Bounds on sound against pictures as heard and seen: sound may lead a picture by up to 45 ms
 // and trail it by up to 125 ms before viewers notice.
 const LEADS = 45, TRAILS = 125, FRAME = 50;
+// How far from what it holds the sound's stamps may be: the encoder's look-ahead (Opus, 6.5 ms)
+// and the browser's sampling of its RTP times, with room; well short of the planted 60 ms.
+const STAMPS = 20;
 // When (ms into the stream) the server starts stamping its sound 60 ms late.
 const FAULT_FROM = 65000;
 
@@ -265,21 +269,16 @@ async function main() {
     // 6. Sound against pictures, as heard and seen. With the viewer's processor busy every burst
     // keeps one offset, within one frame (and whatever sound the browser made up or dropped
     // meanwhile, concealing late packets or adapting its buffer's depth: that moves the sound and
-    // not the pictures), and
-    // the offset lies within the bounds; every sentence of the typed text is heard at the
-    // recording's offset, within the same. The planted fault is seen: the offset moves by about
-    // 60 ms; more exactly, the offset less the playout difference the browser reports between its
-    // two tracks (which takes out what its synchronisation and its sound buffer did meanwhile)
-    // moves by 60 ms. Bounds: at least half of it (true stamps measured twice differ by far less),
-    // at most a frame more (on a busy viewer the browser's own estimate of its pictures' playout
-    // lags by up to a frame).
+    // not the pictures), and the offset lies within the bounds; every sentence of the typed text
+    // is heard at the recording's offset, within the same. The sound's stamps, as the browser
+    // received them, name what it holds; the planted fault is seen in them.
     const seen = await collect(page, idleEnd - 10000);
     const sent = traced(trace, view.session.id);
     const measure = ([from, to], [since, until], level) => {
       const windows = onsetWindows(sent.slice(from, to), { level });
       const stats = seen.stats.filter((x) => x.t >= since && x.t < until);
       const reshaped = stats.length ? (stats.at(-1).reshaped - stats[0].reshaped) / 48 : 0;
-      return { windows, reshaped, found: offsets({ sent, ...seen }, windows) };
+      return { windows, reshaped, found: offsets({ sent, ...seen, clock: rtpClock(readFileSync(trace, 'utf8'), view.session.id) }, windows) };
     };
     const heard = measure([sentBefore, traceBefore], [idleEnd, typedAt], 0.05);
     const spoken = measure([traceBefore, sentFaulty], [idleEnd, faultyAt], 0.02);
@@ -299,14 +298,19 @@ async function main() {
       'typed text: every sentence is heard at the recording\'s offset, within one frame and what the browser reshaped',
       `pictures after their sound by ${ms(sentences)} ms, of ${spoken.windows.length} sentence starts ` +
       `(the browser made up or dropped ${spoken.reshaped.toFixed(0)} ms of sound since the recording began)`);
-    const stamped = (found) => median(found.map((w) => w.stamped));
-    const shift = stamped(heard.found) - stamped(late.found);
-    check(late.found.length === bursts && shift >= 60 / 2 && shift <= 60 + FRAME,
-      'sound stamped 60 ms late is seen late: by at least half of it, by at most a frame more',
-      `${shift.toFixed(0)} ms; true stamps measured twice (bursts, then sentences) ${(stamped(heard.found) - stamped(spoken.found.filter((w) => w.match > 0.9))).toFixed(0)} ms apart ` +
-      `(pictures after their sound by ${ms(late.found.map((w) => w.offset))} ms, ` +
-      `${(center - median(late.found.map((w) => w.offset))).toFixed(0)} ms less than with true stamps; the browser's own ` +
-      `playout difference ${ms(late.found.map((w) => w.playout))} ms, with true stamps ${ms(heard.found.map((w) => w.playout))} ms)`);
+    // The sound's stamps as received, against what the sound holds: true (the encoder's look-ahead
+    // of a few ms aside) for the recording and every sentence, and 60 ms late once the fault is
+    // planted, within 10 ms.
+    const stampErrors = (found) => found.filter((w) => w.match > 0.9).map((w) => w.stampError);
+    const trueStamps = [...stampErrors(heard.found), ...stampErrors(spoken.found)];
+    check(trueStamps.length >= bursts + 4 && trueStamps.every((e) => Math.abs(e) <= STAMPS),
+      `the sound as received is stamped for what it holds, within ${STAMPS} ms`,
+      `stamped later than what it holds by ${ms(stampErrors(heard.found))} ms (bursts), ${ms(stampErrors(spoken.found))} ms (sentences)`);
+    const planted = median(stampErrors(late.found)) - median(trueStamps);
+    check(late.found.length === bursts && Math.abs(planted - 60) <= 10,
+      'sound stamped 60 ms late is seen 60 ms late, within 10 ms',
+      `${planted.toFixed(0)} ms (${ms(stampErrors(late.found))} ms per burst; at the viewer, pictures after their sound by ` +
+      `${ms(late.found.map((w) => w.offset))} ms against ${center.toFixed(0)} with true stamps)`);
     check(view.errors.length === 0, 'the page ran without errors', view.errors.join('; '));
 
     // 7. The viewer closes the page: the server notices within seconds that it left.
