@@ -35,7 +35,7 @@ import { mkdtempSync, readFileSync, readdirSync, rmSync } from 'node:fs';
 import { createRequire } from 'node:module';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
-import { collect, installProbes, offsets, onsetWindows, parseTrace, settle, soundSpans } from '../tests/serve/browser/av_sync.mjs';
+import { collect, installProbes, offsets, onsetWindows, parseTrace, rtpClock, settle, soundSpans, stampOf } from '../tests/serve/browser/av_sync.mjs';
 
 const { chromium } = createRequire(import.meta.url)('playwright-core');
 const [build = 'build/release', mode = 'latency', countArg] = process.argv.slice(2);
@@ -69,7 +69,7 @@ const serveCommand = [process.env.LUMORA2_BENCH_SERVE || bin('host/lumora2-serve
   '--avatars', family, '--listen', '127.0.0.1:0', '--max-sessions', '8', '--host', bin('host/lumora2-model')];
 // sync: the server on processor 0, this process and its browser on processor 1.
 if (mode === 'sync') spawnSync('taskset', ['-a', '-p', '-c', '1', String(process.pid)]);
-const server = mode === 'sync'
+const server = mode === 'sync' || mode === 'talk'
   ? spawn('taskset', ['-c', '0', ...serveCommand], { stdio: ['ignore', 'pipe', 'inherit'], env: { ...process.env, LUMORA2_SERVE_TRACE: trace } })
   : spawn(serveCommand[0], serveCommand.slice(1), { stdio: ['ignore', 'pipe', 'inherit'] });
 const port = await new Promise((resolve) => {
@@ -294,7 +294,7 @@ try {
       // A long text interrupted a second into its sound.
       await sleep(2500);
       const long = await post('say', { json: { text: LONG } });
-      await event('utterance_started', long.body.utterance);
+      const longStarted = (await event('utterance_started', long.body.utterance)).media_time * 1000;
       await sleep(1000);
       const t0 = await now();
       const cut = await post('interrupt');
@@ -304,8 +304,16 @@ try {
       const after = seen.frames.filter((f) => f.t >= t0);
       let rest = after.length;
       while (rest > 0 && after[rest - 1].luma >= restLow && after[rest - 1].luma <= restHigh) --rest;
+      // Where the time went, from the frames' RTP times (the trace's clock): the first cut frame
+      // (the one whose sound fades) shown, and how many frames after it the mouth was at rest.
+      const clock = rtpClock(readFileSync(trace, 'utf8'), await page.evaluate(() => window.lumora2.session.id));
+      const ptsOf = (f) => stampOf(f.rtp, clock.video, 90, clock.base);
+      const cutPts = longStarted + cut.body.samples_played / 16 - 50;
+      const firstCut = after.find((f) => ptsOf(f) >= cutPts - 1);
+      if (process.env.LUMORA2_BENCH_DEBUG) console.error('cut', restLow.toFixed(2), restHigh.toFixed(2), after.filter((f) => firstCut && f.t >= firstCut.t).slice(0, 10).map((f) => `${((ptsOf(f) - cutPts) / 50).toFixed(0)}:${f.luma.toFixed(2)}`).join(' '));
       cuts.push({ silent: heard.at(-1)[1] - t0, rest: rest < after.length ? after[rest].t - t0 : NaN,
-        heard_s: cut.body.samples_played / 16000, output_ms: seen.outputLatency });
+        heard_s: cut.body.samples_played / 16000, output_ms: seen.outputLatency,
+        cut_shown: firstCut ? firstCut.t - t0 : NaN, frames_to_rest: rest < after.length ? (ptsOf(after[rest]) - cutPts) / 50 : NaN });
       // A short text with "interrupt", a second into a long text and into a recording.
       for (const [into, list] of [['say', afterSay], ['speech', afterRecording]]) {
         await sleep(2500);
@@ -357,10 +365,15 @@ try {
     const s = await v.status();
     const m = (xs, f) => Math.round(median(xs.map(f)));
     const chunk = Math.round(s.say_child_first_frame_ms);
+    // The browser's jitter buffers over the whole run (mean ms a packet waited): the pictures wait
+    // at least as long as the sound, to play with it.
+    const inbound = await page.evaluate(() => window.avProbe.inbound());
+    const waited = (k) => Math.round(inbound[k].jitterBufferDelay / inbound[k].jitterBufferEmittedCount * 1000);
     result.talk = {
       interrupt_to_silent_ms: cuts.map((c) => Math.round(c.silent)), silent_median_ms: m(cuts, (c) => c.silent), silent_target_ms: 150,
       interrupt_to_rest_ms: cuts.map((c) => Math.round(c.rest)), rest_median_ms: m(cuts, (c) => c.rest), rest_target_ms: 400,
       output_latency_ms: m(cuts, (c) => c.output_ms),
+      interrupt_to_first_cut_frame_shown_ms: cuts.map((c) => Math.round(c.cut_shown)), cut_frames_to_rest: cuts.map((c) => c.frames_to_rest), jitter_buffer_ms: { audio: waited('audio'), video: waited('video') },
       // Post -> its first sample at the viewer (and -> its first frame sent, the server's figure).
       quiet_say_ms: m(quiet, atViewer), quiet_say_sent_ms: m(quiet, (x) => x.frame),
       into_say_ms: m(afterSay, atViewer), into_say_sent_ms: m(afterSay, (x) => x.frame),

@@ -21,7 +21,7 @@ void initMedia() {
         Needed{"x264enc", "gstreamer1.0-plugins-ugly"},
         Needed{"rtph264pay", "gstreamer1.0-plugins-good"},
         Needed{"opusenc", "gstreamer1.0-plugins-base"},
-        Needed{"rtpopuspay", "gstreamer1.0-plugins-good"},
+        Needed{"rtpopuspay", "gstreamer1.0-plugins-good"}, Needed{"clocksync", "libgstreamer1.0-0"},
         Needed{"appsrc", "gstreamer1.0-plugins-base"},
         Needed{"audioresample", "gstreamer1.0-plugins-base"}}) {
     GstElementFactory* factory = gst_element_factory_find(n.element);

@@ -276,8 +276,14 @@ SdpPtr parseOffer(const std::string& offerSdp, OfferedCodecs& codecs) {
 // The encoders are the server's largest cost per frame, so both are set for it. Video: constant
 // quality (quantizer 23, with 1500 kb/s as the ceiling) rather than a constant 1500 kb/s: a
 // talking head needs about 400 kb/s for the same quality, and a third of the packets to encrypt
-// and send. Sound: 40 ms Opus packets, half as many as the usual 20 ms, for 20 ms more delay on a
-// path whose pictures take longer than that anyway. The streams' sources are fixed in the
+// and send. Sound: 20 ms Opus packets, each sent when its time comes rather than when its samples
+// arrive. A frame brings 50 ms of sound at once, so packets made as soon as they can be leave in
+// bursts, up to 40 ms early (with 40 ms packets, as before), and the browser's jitter buffer
+// deepens to cover that spread; the pictures then wait as long, to play with the sound. Paced
+// (clocksync, 10 ms after each packet's time stamp, when the next frame's samples that the third
+// packet of every five needs are surely there), the packets arrive evenly: measured at the viewer,
+// interrupt -> silent 75-92 ms against 107-119, for 0.1-0.25 ms of the server's processor a frame
+// (10 ms packets, with no offset needed, cost 0.5). The streams' sources are fixed in the
 // payloaders' caps, so that the answer can name them.
 std::string pipelineDescription(const WebRtcSender::Options& options, const OfferedCodecs& codecs,
                                 const WebRtcSender::Impl& impl) {
@@ -299,7 +305,8 @@ std::string pipelineDescription(const WebRtcSender::Options& options, const Offe
          "appsrc name=audio is-live=true format=time do-timestamp=false "
          "caps=audio/x-raw,format=F32LE,layout=interleaved,channels=1,rate=" +
          std::to_string(options.sampleRate) +
-         " ! queue ! audioconvert ! opusenc frame-size=40 ! rtpopuspay timestamp-offset=" +
+         " ! queue ! audioconvert ! opusenc frame-size=20 ! clocksync ts-offset=10000000 ! "
+         "rtpopuspay timestamp-offset=" +
          std::to_string(impl.audioRtpOffset) + " pt=" + std::to_string(codecs.opus) +
          " ! application/x-rtp,media=audio,encoding-name=OPUS,payload=" +
          std::to_string(codecs.opus) + ",clock-rate=48000,ssrc=(uint)" +

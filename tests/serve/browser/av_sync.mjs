@@ -160,7 +160,7 @@ export function rtpClock(text, id) {
 }
 
 // The time stamp (ms) an RTP time names, at `rate` kHz with `offset`.
-const stampOf = (rtp, offset, rate, base) => ((rtp - offset) >>> 0) / rate - base;
+export const stampOf = (rtp, offset, rate, base) => ((rtp - offset) >>> 0) / rate - base;
 
 // When (page clock) the browser delivered a sampled packet: its own time for it, given since the
 // epoch (Chromium) or on the page's clock; when it is neither, when it was sampled.
