@@ -16,7 +16,8 @@
 //   talk      a conversation, where the viewer is (on the page's clock, the sound as handed to
 //             the browser's output, the lower face as shown): a second into a text, an interrupt
 //             -> its sound silent (target <= 150 ms) and the mouth at rest (<= 400 ms), N times
-//             (default 5); a short text said with "interrupt" a second into a long text, and into
+//             (default 5), with where that went (the first cut frame shown, and how many frames
+//             after it the mouth was at rest, by the frames' RTP times and the trace's clock); a short text said with "interrupt" a second into a long text, and into
 //             a recording -> its first sample at the viewer, against the same text on a quiet
 //             session (no slower); 20 tone recordings: their utterance_started/finished positions
 //             against the sound received (within one frame, 50 ms), which also places the texts'
@@ -310,7 +311,6 @@ try {
       const ptsOf = (f) => stampOf(f.rtp, clock.video, 90, clock.base);
       const cutPts = longStarted + cut.body.samples_played / 16 - 50;
       const firstCut = after.find((f) => ptsOf(f) >= cutPts - 1);
-      if (process.env.LUMORA2_BENCH_DEBUG) console.error('cut', restLow.toFixed(2), restHigh.toFixed(2), after.filter((f) => firstCut && f.t >= firstCut.t).slice(0, 10).map((f) => `${((ptsOf(f) - cutPts) / 50).toFixed(0)}:${f.luma.toFixed(2)}`).join(' '));
       cuts.push({ silent: heard.at(-1)[1] - t0, rest: rest < after.length ? after[rest].t - t0 : NaN,
         heard_s: cut.body.samples_played / 16000, output_ms: seen.outputLatency,
         cut_shown: firstCut ? firstCut.t - t0 : NaN, frames_to_rest: rest < after.length ? (ptsOf(after[rest]) - cutPts) / 50 : NaN });
