@@ -4,6 +4,10 @@
 # 1.6 s chunk, and each graph with batches of 1, 2, 4 and 8 chunks' inputs. Usage:
 # bench/graphs.sh [build-dir] (default build/release). Timings are medians; run on an otherwise
 # idle machine.
+#
+# On a GPU machine that has LibTorch with CUDA and none of the media libraries, build the bench
+# alone (bench/tools/standalone/CMakeLists.txt says how), copy the two generated families over and
+# run it with --device cuda: the same tables, the batches going on to 32.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build/release}

@@ -1,10 +1,14 @@
 // lumora2-graph-bench --family DIR [--avatar CODE] [--runs N] [--chunks N] [--label TEXT]
+//                     [--batch] [--device cpu|cuda]
 //
 // Median prediction time of each graph of a generated family (DIR/staging/{engine,CODE}) on one
 // thread, frozen as the engine's compiled-model cache holds them, with and without LibTorch's
 // optimize_for_inference; then the whole chain per 1.6 s chunk (1 front end + 1 tokenizer + 8
-// student steps + 32 decoder calls) and its real-time factor.
+// student steps + 32 decoder calls) and its real-time factor. With --device cuda the graphs run
+// on the first GPU (LibTorch built with CUDA), each timing waits for the GPU to finish, and the
+// batch table goes on to 16 and 32.
 #include <ATen/Parallel.h>
+#include <torch/cuda.h>
 #include <torch/script.h>
 
 #include <algorithm>
@@ -25,12 +29,23 @@ namespace {
 namespace fs = std::filesystem;
 using lumora2::family::Chain;
 
+// Where the graphs run; a GPU's work is asynchronous, so every timing waits for it.
+torch::Device gDevice = torch::kCPU;
+
+void settle() {
+  if (gDevice.is_cuda()) torch::cuda::synchronize();
+}
+
 double medianMs(int runs, const std::function<void()>& predict) {
-  predict();  // the first prediction pays one-time costs (profiling executor, allocations)
+  // The first predictions pay one-time costs (profiling executor, allocations, on a GPU the
+  // kernels' selection).
+  for (int i = 0; i < (gDevice.is_cuda() ? 3 : 1); ++i) predict();
+  settle();
   std::vector<double> ms;
   for (int i = 0; i < runs; ++i) {
     const auto start = std::chrono::steady_clock::now();
     predict();
+    settle();
     ms.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
                      .count());
   }
@@ -42,7 +57,7 @@ torch::Tensor speechWindow() {
   torch::Tensor t = torch::arange(lumora2::family::kWindowSamples, torch::kFloat64) / 16000.0;
   torch::Tensor v = torch::sin(2 * lumora2::family::kPi * 150.0 * t) *
                     (torch::sin(2 * lumora2::family::kPi * 4.0 * t) > 0).to(torch::kFloat64);
-  return (0.9 * v).to(torch::kFloat32).reshape({1, lumora2::family::kWindowSamples});
+  return (0.9 * v).to(torch::kFloat32).reshape({1, lumora2::family::kWindowSamples}).to(gDevice);
 }
 
 struct Graph {
@@ -58,6 +73,7 @@ struct BenchOptions {
   int runs = 20;
   int chunks = 5;
   bool batch = false;  // also the table of batched runs
+  std::string device = "cpu";
 };
 
 fs::path package(const fs::path& dir, std::string_view name) {
@@ -74,11 +90,13 @@ void batchTable(const std::vector<Graph>& graphs, const std::string& label, int 
   double single = 0;
   double one[4] = {0, 0, 0, 0};
   std::vector<bool> refuses(graphs.size(), false);
-  for (const std::int64_t depth : {1, 2, 4, 8}) {
+  std::vector<std::int64_t> depths{1, 2, 4, 8};
+  if (gDevice.is_cuda()) depths.insert(depths.end(), {16, 32});
+  for (const std::int64_t depth : depths) {
     double ms[4] = {0, 0, 0, 0};
     std::string cells[4];
     for (std::size_t g = 0; g < graphs.size() && g < 4; ++g) {
-      torch::jit::Module frozen = Chain::loadFrozen(graphs[g].package);
+      torch::jit::Module frozen = Chain::loadFrozen(graphs[g].package, gDevice);
       std::vector<torch::jit::IValue> inputs;
       for (const torch::jit::IValue& in : graphs[g].inputs) {
         const torch::Tensor t = in.toTensor();
@@ -117,17 +135,19 @@ void batchTable(const std::vector<Graph>& graphs, const std::string& label, int 
 // Each graph alone, frozen and optimised for inference, on inputs of its real shapes.
 void compareGraphs(const BenchOptions& o, const fs::path& engine, const fs::path& avatarDir,
                    const torch::Tensor& iv) {
-  const torch::Tensor feats = Chain::loadFrozen(package(engine, lumora2::family::kFrontEndPackage))
-                                  .forward({iv})
-                                  .toTensor();
+  const torch::Tensor feats =
+      Chain::loadFrozen(package(engine, lumora2::family::kFrontEndPackage), gDevice)
+          .forward({iv})
+          .toTensor();
   const torch::Tensor tokens =
-      Chain::loadFrozen(package(engine, lumora2::family::kTokenizerPackage))
+      Chain::loadFrozen(package(engine, lumora2::family::kTokenizerPackage), gDevice)
           .forward({feats})
           .toTensor();
-  const torch::Tensor context = torch::rand({1, 16, 16, 90, 52});
+  const torch::Tensor context = torch::rand({1, 16, 16, 90, 52}).to(gDevice);
   torch::Tensor x = torch::rand({1, 36, 90, 52});
   x.index_put_({0, torch::indexing::Slice(32, 36)}, 0.0f);
   x.index_put_({0, 33}, 1.0f);
+  x = x.to(gDevice);
 
   const std::vector<Graph> graphs{
       {"w2v_frontend", package(engine, lumora2::family::kFrontEndPackage), {iv}},
@@ -142,12 +162,20 @@ void compareGraphs(const BenchOptions& o, const fs::path& engine, const fs::path
   std::printf("%-10s %-32s %12s %16s %6s\n", "family", "graph", "frozen ms", "optimized ms",
               "runs");
   for (const Graph& g : graphs) {
-    torch::jit::Module frozen = Chain::loadFrozen(g.package);
-    torch::jit::Module copy = frozen.clone();
-    torch::jit::Module optimized = torch::jit::optimize_for_inference(copy);
+    torch::jit::Module frozen = Chain::loadFrozen(g.package, gDevice);
     const double a = medianMs(o.runs, [&] { frozen.forward(g.inputs); });
-    const double b = medianMs(o.runs, [&] { optimized.forward(g.inputs); });
-    std::printf("%-10s %-32s %12.3f %16.3f %6d\n", o.label.c_str(), g.name.c_str(), a, b, o.runs);
+    double b = -1;
+    try {
+      torch::jit::Module copy = frozen.clone();
+      torch::jit::Module optimized = torch::jit::optimize_for_inference(copy);
+      b = medianMs(o.runs, [&] { optimized.forward(g.inputs); });
+    } catch (const std::exception&) {
+      // Some LibTorch builds cannot optimise every graph for every device; the column says so.
+    }
+    char optimizedCell[32] = "-";
+    if (b >= 0) std::snprintf(optimizedCell, sizeof optimizedCell, "%.3f", b);
+    std::printf("%-10s %-32s %12.3f %16s %6d\n", o.label.c_str(), g.name.c_str(), a, optimizedCell,
+                o.runs);
     std::fflush(stdout);
   }
   if (o.batch) batchTable(graphs, o.label, o.runs);
@@ -156,13 +184,15 @@ void compareGraphs(const BenchOptions& o, const fs::path& engine, const fs::path
 // The whole chain as the engine runs a chunk, timed per stage.
 void timeChain(const BenchOptions& o, const fs::path& engine, const fs::path& avatarDir,
                const torch::Tensor& iv) {
-  Chain chain = Chain::load(engine, avatarDir);
-  torch::Tensor ctx = Chain::seedContext(std::vector<float>(lumora2::family::kLatentSize, 0.0f));
+  Chain chain = Chain::load(engine, avatarDir, gDevice);
+  torch::Tensor ctx =
+      Chain::seedContext(std::vector<float>(lumora2::family::kLatentSize, 0.0f)).to(gDevice);
   torch::Tensor previous;
   double stageMs[4] = {0, 0, 0, 0};
   auto timed = [&](int stage, const std::function<torch::Tensor()>& f) {
     const auto start = std::chrono::steady_clock::now();
     torch::Tensor t = f();
+    settle();
     stageMs[stage] +=
         std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
     return t;
@@ -207,11 +237,23 @@ int main(int argc, char** argv) {
     if (key == "--runs") o.runs = std::max(1, std::atoi(argv[i + 1]));
     if (key == "--chunks") o.chunks = std::max(1, std::atoi(argv[i + 1]));
     if (key == "--label") o.label = argv[i + 1];
+    if (key == "--device") o.device = argv[i + 1];
   }
   if (o.family.empty()) {
     std::fprintf(stderr,
                  "usage: lumora2-graph-bench --family DIR [--avatar CODE] [--runs N] "
-                 "[--chunks N] [--label TEXT] [--batch]\n");
+                 "[--chunks N] [--label TEXT] [--batch] [--device cpu|cuda]\n");
+    return 1;
+  }
+  if (o.device == "cuda") {
+    if (!torch::cuda::is_available()) {
+      std::fprintf(stderr, "lumora2-graph-bench: --device cuda: this LibTorch sees no GPU\n");
+      return 1;
+    }
+    gDevice = torch::Device(torch::kCUDA, 0);
+  } else if (o.device != "cpu") {
+    std::fprintf(stderr, "lumora2-graph-bench: --device is cpu or cuda, not %s\n",
+                 o.device.c_str());
     return 1;
   }
   if (o.label.empty()) o.label = o.family.filename().string();

@@ -19,20 +19,21 @@ Chain::Chain(torch::jit::Module frontEnd, torch::jit::Module tokenizer, torch::j
       student_(std::move(student)),
       decoder_(std::move(decoder)) {}
 
-torch::jit::Module Chain::loadFrozen(const fs::path& packageDir) {
-  torch::jit::Module m = torch::jit::load((packageDir / "model.pt").string());
+torch::jit::Module Chain::loadFrozen(const fs::path& packageDir, const torch::Device& device) {
+  torch::jit::Module m = torch::jit::load((packageDir / "model.pt").string(), device);
   m.eval();
   return torch::jit::freeze(m);
 }
 
-Chain Chain::load(const fs::path& engineDir, const fs::path& avatarDir) {
+Chain Chain::load(const fs::path& engineDir, const fs::path& avatarDir,
+                  const torch::Device& device) {
   auto package = [](const fs::path& dir, std::string_view name) {
     return dir / (std::string(name) + ".mlpackage");
   };
-  return Chain(loadFrozen(package(engineDir, kFrontEndPackage)),
-               loadFrozen(package(engineDir, kTokenizerPackage)),
-               loadFrozen(package(engineDir, kStudentPackage)),
-               loadFrozen(package(avatarDir, kDecoderPackage)));
+  return Chain(loadFrozen(package(engineDir, kFrontEndPackage), device),
+               loadFrozen(package(engineDir, kTokenizerPackage), device),
+               loadFrozen(package(engineDir, kStudentPackage), device),
+               loadFrozen(package(avatarDir, kDecoderPackage), device));
 }
 
 torch::Tensor Chain::seedContext(const std::vector<float>& canon) {
@@ -62,7 +63,8 @@ torch::Tensor Chain::step(torch::Tensor& context, const torch::Tensor& tokens, i
 
 torch::Tensor Chain::picture(const torch::Tensor& current, const torch::Tensor& previous,
                              int phase) {
-  torch::Tensor onehot = torch::zeros({1, 4, kLatentHeight, kLatentWidth});
+  torch::Tensor onehot =
+      torch::zeros({1, 4, kLatentHeight, kLatentWidth}, torch::device(current.device()));
   onehot.select(1, phase).fill_(1.0f);
   const torch::Tensor x = torch::cat({current, previous, onehot}, 1);
   return decoder_.forward({x}).toTensor();

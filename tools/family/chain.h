@@ -20,9 +20,13 @@ class Chain {
 
   // Loads the packages from an engine and an avatar directory, in eval mode and frozen, as the
   // engine's compiled-model cache holds them.
-  static Chain load(const std::filesystem::path& engineDir, const std::filesystem::path& avatarDir);
+  // On a GPU the graphs are loaded onto it: a frozen graph holds its weights as constants, which
+  // a later .to() would leave behind.
+  static Chain load(const std::filesystem::path& engineDir, const std::filesystem::path& avatarDir,
+                    const torch::Device& device = torch::kCPU);
   // model.pt of one package, in eval mode and frozen.
-  static torch::jit::Module loadFrozen(const std::filesystem::path& packageDir);
+  static torch::jit::Module loadFrozen(const std::filesystem::path& packageDir,
+                                       const torch::Device& device = torch::kCPU);
 
   // Every context slot holds the canonical latent (16 x 4,680 floats): [1, 16, 16, 90, 52].
   static torch::Tensor seedContext(const std::vector<float>& canon);
