@@ -6,24 +6,6 @@
 
 namespace lumora2::render {
 
-std::vector<double> Composer::tileSteps(const Picture& a, const Picture& b) {
-  const int across = a.width / kTile, down = a.height / kTile;
-  std::vector<double> steps(std::size_t(across) * std::size_t(down));
-  for (int ty = 0; ty < down; ++ty) {
-    for (int tx = 0; tx < across; ++tx) {
-      int sum = 0;
-      for (int y = ty * kTile; y < (ty + 1) * kTile; ++y) {
-        const std::size_t row = std::size_t(y) * std::size_t(a.width) + std::size_t(tx * kTile);
-        for (int x = 0; x < kTile; ++x)
-          sum += std::abs(int(a.bytes[row + x]) - int(b.bytes[row + x]));
-      }
-      steps[std::size_t(ty) * std::size_t(across) + std::size_t(tx)] =
-          double(sum) / double(kTile * kTile);
-    }
-  }
-  return steps;
-}
-
 std::vector<double> Composer::regional(const std::vector<double>& steps, const Picture& picture) {
   const int across = picture.width / kTile, down = picture.height / kTile;
   std::vector<double> out(steps.size());
@@ -45,7 +27,7 @@ std::vector<double> Composer::regional(const std::vector<double>& steps, const P
 
 double Composer::ratioToReference(const Picture& a, const Picture& b) const {
   double ratio = pictureStep(a, b) / reference();
-  const std::vector<double> steps = tileSteps(a, b);
+  const std::vector<double> steps = tileSteps(a, b, kTile);
   for (std::size_t t = 0; t < steps.size(); ++t) {
     const double local = t < tileReference_.size() ? tileReference_[t] : 0.0;
     ratio = std::max(ratio, steps[t] / std::max(local, kQuietTileStep));
@@ -87,7 +69,8 @@ void Composer::rendered(const Picture& picture) {
   ++renderedCount_;
   if (previousRendered_) {
     largestRendered_ = std::max(largestRendered_, pictureStep(*previousRendered_, picture));
-    const std::vector<double> steps = regional(tileSteps(*previousRendered_, picture), picture);
+    const std::vector<double> steps =
+        regional(tileSteps(*previousRendered_, picture, kTile), picture);
     tileReference_.resize(steps.size(), 0.0);
     for (std::size_t t = 0; t < steps.size(); ++t) {
       tileReference_[t] = std::max(tileReference_[t], steps[t]);
@@ -123,17 +106,36 @@ void Composer::cutUtterance() {
   if (!shown) return;
   const std::size_t held = idle_.nearest(idle_.likeness(*shown));
   largestGap_ = std::max(largestGap_, pictureStep(*shown, idle_.frame(held)));
-  const std::size_t tiles = std::size_t(shown->width / kTile) * std::size_t(shown->height / kTile);
-  cut_ = CutExit{*shown, held, std::vector<double>(tiles, 0.0), 0};
+  // The tiles the clip animates, and their neighbours (weights are spread between tile
+  // centres), take the long dissolve; the rest arrive sooner.
+  const int across = shown->width / kTile, down = shown->height / kTile;
+  const std::size_t tiles = std::size_t(across) * std::size_t(down);
+  const std::vector<double>& motion = idle_.tileMotion();
+  std::vector<std::size_t> length(tiles, kCutBlendStill + 1);
+  for (int ty = 0; ty < down; ++ty) {
+    for (int tx = 0; tx < across; ++tx) {
+      const std::size_t t = std::size_t(ty) * std::size_t(across) + std::size_t(tx);
+      if (t >= motion.size() || motion[t] < kIdleMovingStep) continue;
+      for (int y = std::max(ty - 1, 0); y <= std::min(ty + 1, down - 1); ++y) {
+        for (int x = std::max(tx - 1, 0); x <= std::min(tx + 1, across - 1); ++x) {
+          length[std::size_t(y) * std::size_t(across) + std::size_t(x)] = kCutBlend + 1;
+        }
+      }
+    }
+  }
+  cut_ = CutExit{*shown, held, std::vector<double>(tiles, 0.0), std::move(length), 0};
 }
 
 void Composer::stepCut() {
-  // No tile takes longer than kCutBlend frames: every weight is at least where an even
-  // dissolve of that many steps would be.
-
+  // No tile takes longer than its length: every weight is at least where an even dissolve of
+  // that many steps would be.
   const Picture& held = idle_.frame(cut_->held);
-  const double floor = double(++cut_->steps) / double(kCutBlend + 1);
-  if (stepTiles(cut_->from, held, cut_->alpha, floor)) {
+  const double steps = double(++cut_->steps);
+  std::vector<double> floors(cut_->length.size());
+  for (std::size_t t = 0; t < floors.size(); ++t) {
+    floors[t] = std::min(1.0, steps / double(cut_->length[t]));
+  }
+  if (stepTiles(cut_->from, held, cut_->alpha, floors)) {
     put(held, Kind::seam);
     lastIdleIndex_ = std::ptrdiff_t(cut_->held);
     idle_.seek(cut_->held + 1);
@@ -251,7 +253,7 @@ void Composer::settleEntry() {
   dissolveFrom_ = last_;
   dissolving_ = true;
   largestGap_ = std::max(largestGap_, pictureStep(last_, entry_.front()));
-  tileAlpha_.assign(tileSteps(last_, entry_.front()).size(), 0.0);
+  tileAlpha_.assign(tileSteps(last_, entry_.front(), kTile).size(), 0.0);
   for (const Picture& r : entry_) dissolveInto(r);
   entry_.clear();
 }
@@ -271,8 +273,8 @@ void Composer::dissolveInto(const Picture& r) {
 }
 
 bool Composer::stepTiles(const Picture& from, const Picture& to, std::vector<double>& weights,
-                         double floor) {
-  const std::vector<double> gaps = tileSteps(from, to);
+                         const std::vector<double>& floors) {
+  const std::vector<double> gaps = tileSteps(from, to, kTile);
   std::vector<double> reach(gaps.size());
   bool arrives = true;
   for (std::size_t t = 0; t < gaps.size(); ++t) {
@@ -318,9 +320,12 @@ bool Composer::stepTiles(const Picture& from, const Picture& to, std::vector<dou
     arrives = false;
     fits(lo);
   }
-  if (floor > 0 && !arrives) {
-    arrives = floor >= 1;
-    for (double& a : alpha) a = std::max(a, floor);
+  if (!floors.empty() && !arrives) {
+    arrives = true;
+    for (std::size_t t = 0; t < alpha.size(); ++t) {
+      alpha[t] = std::max(alpha[t], t < floors.size() ? floors[t] : 0.0);
+      arrives = arrives && alpha[t] >= 1.0;
+    }
     mixPicturesByTile(from, to, alpha, kTile, scratch_);
   }
   if (!arrives) weights = std::move(alpha);

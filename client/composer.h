@@ -36,12 +36,19 @@ class Composer {
  public:
   static constexpr std::size_t kMaxBlend = 20;  // one second
   // The longest dissolve out of a cut utterance: an interrupted avatar is at rest within a
-  // third of a second.
+  // third of a second. Where the idle clip holds the picture still (a closed mouth), every
+  // part of the picture arrives within kCutBlendStill frames: the mouth closes as fast as it
+  // does while speaking; where the clip moves it (eyes, lids) the dissolve takes kCutBlend, so
+  // that two gazes never show at once.
   static constexpr std::size_t kCutBlend = 6;
+  static constexpr std::size_t kCutBlendStill = 4;
+  // A tile whose largest step between neighbouring clip frames reaches this is one the clip
+  // animates (a blink's tiles step by tens of levels; a still one by compression noise, about 1).
+  static constexpr double kIdleMovingStep = 4.0;
   // The reference never falls below this: a jump this small is not seen.
   static constexpr double kQuietStep = 0.05;
   // A tile's reference (mean absolute luma difference) never falls below this.
-  static constexpr int kTile = 16;
+  static constexpr int kTile = IdleSource::kTile;
   static constexpr double kQuietTileStep = 0.5;
   // The share of the references an entry dissolve's step may take.
   static constexpr double kEntryShare = 0.75;
@@ -86,8 +93,6 @@ class Composer {
 
  private:
   double reference() const { return std::max(largestRendered_, kQuietStep); }
-  // Mean absolute luma difference of each kTile x kTile tile.
-  static std::vector<double> tileSteps(const Picture& a, const Picture& b);
   // Each tile's step averaged with its neighbours' (3 x 3 tiles): what a region around it moved.
   // The tiles' references are these, so that a region (the eyes) that a few busy tiles border
   // is held to what the region as a whole does.
@@ -106,9 +111,10 @@ class Composer {
   void settleEntry();
   // One step of a dissolve from `from` to `to`, each tile's weight (`alpha`, grown in place)
   // growing at its own pace and the whole picture's step within bounds; the frame is left in
-  // scratch_. True when every tile has arrived at `to`. No weight stays below `floor`.
+  // scratch_. True when every tile has arrived at `to`. No weight stays below its `floors`
+  // (none when empty).
   bool stepTiles(const Picture& from, const Picture& to, std::vector<double>& alpha,
-                 double floor = 0);
+                 const std::vector<double>& floors = {});
   // Hands out the next frame of a cut utterance's exit dissolve (the clip frame itself once it
   // has arrived).
   void stepCut();
@@ -136,7 +142,9 @@ class Composer {
     Picture from;               // what was shown when the utterance was cut
     std::size_t held = 0;       // the clip frame it fades into
     std::vector<double> alpha;  // per tile, the clip frame's weight so far
-    std::size_t steps = 0;      // frames of it handed out
+    // Per tile, the frames within which it arrives (kCutBlend + 1 or kCutBlendStill + 1).
+    std::vector<std::size_t> length;
+    std::size_t steps = 0;  // frames of it handed out
   };
   std::optional<CutExit> cut_;  // a cut utterance's exit dissolve, while it lasts
   double largestSeam_ = 0;

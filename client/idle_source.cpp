@@ -80,8 +80,6 @@ IdleSource::Likeness likenessOf(const std::vector<std::size_t>& moving, const Pi
 
 std::shared_ptr<const IdleSource::Clip> IdleSource::read(const std::filesystem::path& avatar,
                                                          int width, int height) {
-  auto shared = std::make_shared<Clip>();
-  Clip& out = *shared;
   // The clip is read whole here, so its extracted copy lives only as long as this call.
   ScratchDir scratch("lumora2-render-idle-");
   signal_cleanup::setIdleClip(scratch.path() / kClipName, scratch.path());
@@ -94,14 +92,28 @@ std::shared_ptr<const IdleSource::Clip> IdleSource::read(const std::filesystem::
   if (!clip) throw ClientError("the idle clip of " + avatar.string() + ": " + why.value_or("?"));
 
   PictureConverter converter(width, height, PictureConverter::Layout::bgra);
-  while (out.frames.size() < kMaxFrames) {
+  std::vector<Picture> frames;
+  while (frames.size() < kMaxFrames) {
     std::optional<PixelBuffer> bgra = clip->next();
     if (clip->wraps() > 0) break;
     if (!bgra || !bgra->bytes) continue;  // an unusable picture is left out
-    converter.convert(bgra->bytes->data(), out.frames.emplace_back(width, height), bgra->stride);
+    converter.convert(bgra->bytes->data(), frames.emplace_back(width, height), bgra->stride);
   }
-  if (out.frames.empty())
-    throw ClientError("the idle clip of " + avatar.string() + " has no frame");
+  if (frames.empty()) throw ClientError("the idle clip of " + avatar.string() + " has no frame");
+  return fromFrames(std::move(frames));
+}
+
+std::shared_ptr<const IdleSource::Clip> IdleSource::fromFrames(std::vector<Picture> frames) {
+  if (frames.empty()) throw ClientError("an idle clip without frames");
+  for (const Picture& f : frames) {
+    if (f.width != frames.front().width || f.height != frames.front().height ||
+        f.bytes.size() != Picture::pictureBytes(f.width, f.height)) {
+      throw ClientError("an idle clip whose frames differ in size");
+    }
+  }
+  auto shared = std::make_shared<Clip>();
+  Clip& out = *shared;
+  out.frames = std::move(frames);
 
   // The moving parts: thumbnail cells whose level changes by kMovingLevels or more across the
   // clip. A clip that hardly moves is compared everywhere.
@@ -129,6 +141,13 @@ std::shared_ptr<const IdleSource::Clip> IdleSource::read(const std::filesystem::
     for (std::size_t b = a + 1; b < n; ++b) {
       out.distances[a * n + b] = out.distances[b * n + a] =
           thumbnailDistance(out.likenesses[a], out.likenesses[b]);
+    }
+  }
+  for (std::size_t a = 0; a < n; ++a) {
+    const std::vector<double> steps = tileSteps(out.frames[a], out.frames[(a + 1) % n], kTile);
+    out.tileMotion.resize(steps.size(), 0.0);
+    for (std::size_t t = 0; t < steps.size(); ++t) {
+      out.tileMotion[t] = std::max(out.tileMotion[t], steps[t]);
     }
   }
   for (std::size_t a = 0; a < n; ++a) {

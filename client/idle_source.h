@@ -28,12 +28,19 @@ class IdleSource {
     std::vector<std::size_t> moving;  // thumbnail cells that change within the clip
     std::vector<double> distances;    // frames x frames
     double largestNaturalStep = 0;
+    // Per kTile x kTile tile (row by row), the largest step (mean absolute luma difference)
+    // between neighbouring clip frames: where the clip itself animates the picture (the eyes,
+    // the lids) and where it holds still (a closed mouth).
+    std::vector<double> tileMotion;
   };
+  static constexpr int kTile = 16;
   // Reads the avatar's clip. Throws ClientError when the avatar holds no usable idle clip, or
   // (with width and height given) one of another size. Width and height 0 take the clip's own
   // size.
   static std::shared_ptr<const Clip> read(const std::filesystem::path& avatar, int width = 0,
                                           int height = 0);
+  // A clip of decoded frames (one size), with what is known of it worked out.
+  static std::shared_ptr<const Clip> fromFrames(std::vector<Picture> frames);
   explicit IdleSource(const std::filesystem::path& avatar, int width = 0, int height = 0);
   // A cursor of its own over a clip read before.
   explicit IdleSource(std::shared_ptr<const Clip> clip);
@@ -70,6 +77,7 @@ class IdleSource {
   }
   // The clip frame most like a picture.
   std::size_t nearest(const Likeness& picture) const;
+  const std::vector<double>& tileMotion() const { return clip_->tileMotion; }
   // The largest distance between neighbouring clip frames (the authored seam included): a jump
   // no larger than this looks like the clip's own motion.
   double largestNaturalStep() const { return clip_->largestNaturalStep; }

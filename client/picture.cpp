@@ -72,6 +72,24 @@ void mixPictures(const Picture& a, const Picture& b, double alpha, Picture& out)
   }
 }
 
+std::vector<double> tileSteps(const Picture& a, const Picture& b, int tile) {
+  const int across = a.width / tile, down = a.height / tile;
+  std::vector<double> steps(std::size_t(across) * std::size_t(down));
+  for (int ty = 0; ty < down; ++ty) {
+    for (int tx = 0; tx < across; ++tx) {
+      int sum = 0;
+      for (int y = ty * tile; y < (ty + 1) * tile; ++y) {
+        const std::size_t row = std::size_t(y) * std::size_t(a.width) + std::size_t(tx * tile);
+        for (int x = 0; x < tile; ++x)
+          sum += std::abs(int(a.bytes[row + x]) - int(b.bytes[row + x]));
+      }
+      steps[std::size_t(ty) * std::size_t(across) + std::size_t(tx)] =
+          double(sum) / double(tile * tile);
+    }
+  }
+  return steps;
+}
+
 void mixPicturesByTile(const Picture& a, const Picture& b, const std::vector<double>& alpha,
                        int tile, Picture& out) {
   if (out.width != a.width || out.height != a.height) out = Picture(a.width, a.height);

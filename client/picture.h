@@ -51,6 +51,9 @@ double pictureStep(const Picture& a, const Picture& b);
 // evenly spread moments instead of all at once at alpha = 1/2.
 void mixPictures(const Picture& a, const Picture& b, double alpha, Picture& out);
 
+// The mean absolute luma difference of each `tile` x `tile` block (row-major, width / tile
+// across; a partial block at the right or bottom edge is left out).
+std::vector<double> tileSteps(const Picture& a, const Picture& b, int tile);
 // The same with a weight per `tile` x `tile` block of luma (row-major, width / tile across),
 // spread smoothly between block centres so that no block edge shows.
 void mixPicturesByTile(const Picture& a, const Picture& b, const std::vector<double>& alpha,
