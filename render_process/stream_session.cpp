@@ -3,7 +3,9 @@
 #include <malloc.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <span>
 #include <thread>
@@ -21,6 +23,16 @@ constexpr int kBackPressureFrames = 32;
 constexpr auto kPaceWait = std::chrono::duration<double>(5.0);
 constexpr auto kFlushBudget = std::chrono::duration<double>(8.0);
 constexpr int kRespawnAfterFailures = 2;
+
+// malloc_trim(0) once a minute at most, whichever session's segment ends.
+void trimHeap() {
+  static std::atomic<std::int64_t> last{0};
+  const std::int64_t now =
+      std::chrono::duration_cast<std::chrono::seconds>(Clock::now().time_since_epoch()).count();
+  std::int64_t before = last.load();
+  if (before != 0 && now - before < 60) return;
+  if (last.compare_exchange_strong(before, now)) ::malloc_trim(0);
+}
 
 }  // namespace
 
@@ -147,9 +159,11 @@ bool StreamSession::flush() {
     }
   });
   // Frames and the graphs' buffers are made and freed on several threads; glibc keeps the
-  // freed pieces in its heaps, scattered, and a live session's child crept up by a fifth in ten
-  // minutes. Between segments the free pages go back.
-  ::malloc_trim(0);
+  // freed pieces in its heap, scattered, and a live session's child crept up by a fifth in ten
+  // minutes. Between segments the free pages go back, at most once a minute: in a process that
+  // serves many sessions a segment ends every second or so, and pages handed back are faulted in
+  // again by the next frame.
+  trimHeap();
   if (failures_ >= kRespawnAfterFailures) {
     log("engine failed 2 consecutive segments — exiting for a fresh respawn");
     return true;
