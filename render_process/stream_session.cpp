@@ -24,13 +24,17 @@ constexpr auto kPaceWait = std::chrono::duration<double>(5.0);
 constexpr auto kFlushBudget = std::chrono::duration<double>(8.0);
 constexpr int kRespawnAfterFailures = 2;
 
-// malloc_trim(0) once a minute at most, whichever session's segment ends.
+// The sessions this process serves now.
+std::atomic<int> liveSessions{0};
+
+// Hands the heap's free pages back: after every segment of a process that serves one session (it
+// renders nothing until the next), at most once a minute in one that serves several.
 void trimHeap() {
   static std::atomic<std::int64_t> last{0};
   const std::int64_t now =
       std::chrono::duration_cast<std::chrono::seconds>(Clock::now().time_since_epoch()).count();
   std::int64_t before = last.load();
-  if (before != 0 && now - before < 60) return;
+  if (liveSessions.load() > 1 && before != 0 && now - before < 60) return;
   if (last.compare_exchange_strong(before, now)) ::malloc_trim(0);
 }
 
@@ -48,9 +52,11 @@ StreamSession::StreamSession(std::shared_ptr<Lumora2Engine> engine,
       record_(lead_ + (i420 ? wire::i420Bytes(Lumora2Engine::kWidth, Lumora2Engine::kHeight)
                             : Lumora2Engine::kFrameBytes)),
       rgb_(i420 ? Lumora2Engine::kFrameBytes : 0),
-      out_("lumora2.render-stream.out") {}
+      out_("lumora2.render-stream.out") {
+  ++liveSessions;
+}
 
-StreamSession::~StreamSession() = default;
+StreamSession::~StreamSession() { --liveSessions; }
 
 void StreamSession::log(const std::string& text) const {
   const std::string line = label_ + " " + text + "\n";
@@ -160,9 +166,9 @@ bool StreamSession::flush() {
   });
   // Frames and the graphs' buffers are made and freed on several threads; glibc keeps the
   // freed pieces in its heap, scattered, and a live session's child crept up by a fifth in ten
-  // minutes. Between segments the free pages go back, at most once a minute: in a process that
-  // serves many sessions a segment ends every second or so, and pages handed back are faulted in
-  // again by the next frame.
+  // minutes. Between segments the free pages go back; in a process that serves many sessions, a
+  // segment ends every second or so and pages handed back are faulted in again by the next
+  // frame, so there at most once a minute.
   trimHeap();
   if (failures_ >= kRespawnAfterFailures) {
     log("engine failed 2 consecutive segments — exiting for a fresh respawn");
