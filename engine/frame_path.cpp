@@ -29,6 +29,7 @@
 #include <stdexcept>
 
 #include "engine/multi_array.h"
+#include "protocol/i420.h"
 
 namespace lumora2 {
 
@@ -276,22 +277,51 @@ void FramePath::frameInto(const std::uint16_t* raw, float sharpenAmount,
   if (out.size() != frameBytes) {
     throw std::invalid_argument("frameInto: the output buffer must hold 898,560 bytes");
   }
+  const FrameRowKernels& k = *_kernels;
+  const bool bgr = order == PixelOrder::bgr;
+  convertRows(raw, sharpenAmount, [&](int y, const std::uint8_t* const* rgb) {
+    k.interleave(bgr ? rgb[2] : rgb[0], rgb[1], bgr ? rgb[0] : rgb[2], out.data() + y * rowBytes);
+  });
+}
+
+void FramePath::frameIntoI420(const std::uint16_t* raw, float sharpenAmount,
+                              std::span<std::uint8_t> out) {
+  if (out.size() != i420Bytes) {
+    throw std::invalid_argument("frameIntoI420: the output buffer must hold 449,280 bytes");
+  }
+  std::uint8_t* const luma = out.data();
+  std::uint8_t* const u = luma + planeSize;
+  std::uint8_t* const v = u + planeSize / 4;
+  // Row y's planes are in scratch row y % 2, so the even row above is still there when its odd
+  // partner is done.
+  convertRows(raw, sharpenAmount, [&](int y, const std::uint8_t* const* rgb) {
+    if (y % 2 == 0) return;
+    const wire::PlanarRow bottom{rgb[0], rgb[1], rgb[2]};
+    const wire::PlanarRow top{rgb[0] - kWidth, rgb[1] - kWidth, rgb[2] - kWidth};
+    const std::size_t chroma = std::size_t(y / 2) * (kWidth / 2);
+    wire::planarRowsToI420(top, bottom, kWidth, luma + (y - 1) * kWidth, luma + y * kWidth,
+                           u + chroma, v + chroma);
+  });
+}
+
+template <class Emit>
+void FramePath::convertRows(const std::uint16_t* raw, float sharpenAmount, Emit emit) {
   ensureRGBScratch();
   const FrameRowKernels& k = *_kernels;
   const std::uint16_t* const half[3] = {raw, raw + planeSize, raw + 2 * planeSize};  // R, G, B
-  std::uint8_t* const u8[3] = {_u8r.data(), _u8g.data(), _u8b.data()};
   auto row = [](auto* plane, int r) { return plane + static_cast<std::ptrdiff_t>(r) * kWidth; };
-  // Rows go out as soon as they are done, all three planes together: each plane's 8-bit row is
-  // made in the first row of `_u8r`, `_u8g`, `_u8b` and interleaved from there while still in
-  // the first-level cache. Nothing of the frame but its output bytes travels to memory.
-  const bool bgr = order == PixelOrder::bgr;
-  const std::uint8_t* first = bgr ? u8[2] : u8[0];
-  const std::uint8_t* last = bgr ? u8[0] : u8[2];
-  auto emit = [&](int y) { k.interleave(first, u8[1], last, out.data() + y * rowBytes); };
+  // Rows go out as soon as they are done, all three planes together: each plane's 8-bit row y is
+  // made in row y % 2 of `_u8r`, `_u8g`, `_u8b` and handed to `emit` while still in the
+  // first-level cache. Nothing of the frame but its output bytes travels to memory.
+  auto u8 = [&](int y) {
+    const std::ptrdiff_t at = static_cast<std::ptrdiff_t>(y % 2) * kWidth;
+    return std::array<std::uint8_t*, 3>{_u8r.data() + at, _u8g.data() + at, _u8b.data() + at};
+  };
   if (!(sharpenAmount > 0.0f)) {
     for (int y = 0; y < kHeight; ++y) {
-      for (int p = 0; p < 3; ++p) k.halfToU8(row(half[p], y), u8[p]);
-      emit(y);
+      const auto rgb = u8(y);
+      for (int p = 0; p < 3; ++p) k.halfToU8(row(half[p], y), rgb[p]);
+      emit(y, rgb.data());
     }
     return;
   }
@@ -318,14 +348,15 @@ void FramePath::frameInto(const std::uint16_t* raw, float sharpenAmount,
   const float w[4] = {_usmTaps[0] * take, _usmTaps[1] * take, _usmTaps[2] * take,
                       (1.0f + sharpenAmount) * 255.0f};
   for (int y = 0; y < kHeight; ++y) {
+    const auto rgb = u8(y);
     for (int p = 0; p < 3; ++p) {
       if (y + 2 < kHeight) readRow(p, y + 2);
       if (y + 4 < kHeight) prefetchRow(half[p], y + 4);
       const float* rows[5];
       for (int i = 0; i < 5; ++i) rows[i] = ring(_blur, p, std::clamp(y + i - 2, 0, kHeight - 1));
-      k.sharpenRow(rows, ring(_pf, p, y), w, u8[p]);
+      k.sharpenRow(rows, ring(_pf, p, y), w, rgb[p]);
     }
-    emit(y);
+    emit(y, rgb.data());
   }
 }
 

@@ -28,6 +28,7 @@ class FramePath {
   static constexpr std::size_t planeSize = 299520;   // width × height
   static constexpr std::size_t rowBytes = 1248;      // width × 3
   static constexpr std::size_t frameBytes = 898560;  // planeSize × 3
+  static constexpr std::size_t i420Bytes = 449280;   // planeSize × 3 / 2
 
   explicit FramePath(FrameKernels kernels = FrameKernels::automatic);
 
@@ -49,14 +50,24 @@ class FramePath {
   void frameInto(const std::uint16_t* raw, float sharpenAmount, std::span<std::uint8_t> out,
                  PixelOrder order = PixelOrder::bgr);
 
+  // The same frame as 4:2:0 planes (protocol/i420.h) into a buffer of exactly i420Bytes
+  // (std::invalid_argument otherwise): the bytes wire::toI420 makes of frameInto's, converted
+  // from each pair of rows as they are made, with no packed picture in between.
+  void frameIntoI420(const std::uint16_t* raw, float sharpenAmount, std::span<std::uint8_t> out);
+
   // The kernels in use: "AVX2/F16C" or "portable".
   const char* kernelName() const;
 
  private:
+  // Makes the frame's 8-bit rows in order and hands each to `emit(y, rgb)`, `rgb` its R, G and B
+  // rows, valid until row y + 2 is made.
+  template <class Emit>
+  void convertRows(const std::uint16_t* raw, float sharpenAmount, Emit emit);
+
   const FrameRowKernels* _kernels;  // chosen at construction
   // Scratch of one plane's size each, allocated once. Rows stream through them (see
   // frame_path.cpp): `_pf` holds each plane's last rows as floats and `_blur` their row pass, in
-  // rings of five rows per plane; `_u8r`, `_u8g`, `_u8b` hold the 8-bit row being interleaved.
+  // rings of five rows per plane; `_u8r`, `_u8g`, `_u8b` hold the last two 8-bit rows.
   std::vector<float> _pf;
   std::vector<float> _blur;
   std::vector<std::uint8_t> _u8r, _u8g, _u8b;

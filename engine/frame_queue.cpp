@@ -11,6 +11,8 @@
 #include "engine/serial_queue.h"
 #include "frame_path.h"
 
+static_assert(lumora2::Lumora2Engine::kI420Bytes == lumora2::FramePath::i420Bytes);
+
 namespace lumora2 {
 
 std::optional<Lumora2Engine::FrameInfo> Lumora2Engine::pullInto(std::span<std::uint8_t> frame,
@@ -18,6 +20,23 @@ std::optional<Lumora2Engine::FrameInfo> Lumora2Engine::pullInto(std::span<std::u
   if (frame.size() != kFrameBytes) {
     throw std::invalid_argument("pullInto: a frame takes 898,560 bytes");
   }
+  return pullWith([&](const Unit& unit) {
+    framePath_->frameInto(unit.raw.halves(), settings_.sharpen, frame, order);
+  });
+}
+
+std::optional<Lumora2Engine::FrameInfo> Lumora2Engine::pullI420Into(
+    std::span<std::uint8_t> planes) {
+  if (planes.size() != kI420Bytes) {
+    throw std::invalid_argument("pullI420Into: a 4:2:0 frame takes 449,280 bytes");
+  }
+  return pullWith([&](const Unit& unit) {
+    framePath_->frameIntoI420(unit.raw.halves(), settings_.sharpen, planes);
+  });
+}
+
+template <class Convert>
+std::optional<Lumora2Engine::FrameInfo> Lumora2Engine::pullWith(Convert convert) {
   Unit unit;
   std::size_t remaining = 0;
   {
@@ -31,7 +50,7 @@ std::optional<Lumora2Engine::FrameInfo> Lumora2Engine::pullInto(std::span<std::u
   if (remaining >= static_cast<std::size_t>(maxQueuedFrames - 1)) scheduleProcessing();
   {
     MutexLock hold(pulling_);
-    framePath_->frameInto(unit.raw.halves(), settings_.sharpen, frame, order);
+    convert(unit);
   }
   return FrameInfo{unit.legacySpeech, unit.isSpeech, unit.pos};
 }

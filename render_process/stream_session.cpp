@@ -11,7 +11,6 @@
 #include <thread>
 
 #include "host/command.h"
-#include "protocol/i420.h"
 #include "protocol/session_wire.h"
 #include "protocol/stream_wire.h"
 
@@ -49,9 +48,8 @@ StreamSession::StreamSession(std::shared_ptr<Lumora2Engine> engine,
       parentGone_(std::move(parentGone)),
       label_(std::move(label)),
       lead_(session ? 8 : 4),
-      record_(lead_ + (i420 ? wire::i420Bytes(Lumora2Engine::kWidth, Lumora2Engine::kHeight)
-                            : Lumora2Engine::kFrameBytes)),
-      rgb_(i420 ? Lumora2Engine::kFrameBytes : 0),
+      i420_(i420),
+      record_(lead_ + (i420 ? Lumora2Engine::kI420Bytes : Lumora2Engine::kFrameBytes)),
       out_("lumora2.render-stream.out") {
   ++liveSessions;
 }
@@ -69,18 +67,15 @@ void StreamSession::write(const std::uint8_t* bytes, std::size_t size) {
   std::_Exit(kExitOk);  // parentGone_ does not return; this is its backstop
 }
 
-// Every ready frame, lead + pixels in one write each. The engine writes R, G, B pixels straight
-// into the record, in the wire's order, or into rgb_ for the record's 4:2:0 planes; the record is
-// the one buffer every frame uses.
+// Every ready frame, lead + pixels in one write each. The engine writes the pixels straight into
+// the record, R, G, B in the wire's order or the 4:2:0 planes; the record is the one buffer every
+// frame uses.
 void StreamSession::drain() {
-  const std::span<std::uint8_t> pixels =
-      rgb_.empty() ? std::span(record_.data() + lead_, Lumora2Engine::kFrameBytes)
-                   : std::span(rgb_);
-  while (auto frame = engine_->pullInto(pixels, PixelOrder::rgb)) {
-    if (!rgb_.empty()) {
-      wire::toI420(rgb_.data(), Lumora2Engine::kWidth, Lumora2Engine::kHeight, 0,
-                   wire::PackedLayout::rgb24, record_.data() + lead_);
-    }
+  const std::span<std::uint8_t> pixels(record_.data() + lead_, record_.size() - lead_);
+  for (;;) {
+    const auto frame =
+        i420_ ? engine_->pullI420Into(pixels) : engine_->pullInto(pixels, PixelOrder::rgb);
+    if (!frame) return;
     const auto position = static_cast<std::uint32_t>(frame->pos);
     if (session_) {
       wire::sessions::putFrameLead(record_.data(), *session_, position);

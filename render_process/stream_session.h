@@ -62,8 +62,8 @@ class StreamSession {
   const std::function<void()> parentGone_;
   const std::string label_;
   const std::size_t lead_;  // bytes before a record's pixels
+  const bool i420_;         // records carry 4:2:0 planes, not R, G, B
   std::vector<std::uint8_t> record_;
-  std::vector<std::uint8_t> rgb_;  // with i420: the engine's picture before conversion
   std::mutex kickLock_;
   bool kickScheduled_ = false;  // guarded by kickLock_
   int failures_ = 0;            // consecutive failed segments

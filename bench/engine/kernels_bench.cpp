@@ -2,6 +2,8 @@
 //  - FramePath::frameInto with sharpening on: at most 1 ms per frame, shown next to copying the
 //    same bytes (the 1,797,120 input bytes and the 898,560 output bytes) and next to the same
 //    pipeline built from OpenCV core + imgproc, the evidence for the engine's own kernels;
+//  - FramePath::frameIntoI420 (4:2:0 planes made row by row, the render process's frames for the
+//    live server) next to frameInto followed by wire::toI420 on the packed frame, its two steps;
 //  - WsolaTempo::apply on one 44,000-sample speech-like window: at most 2 ms.
 // Medians over many runs; the inputs rotate over several frames so that they come from the
 // last-level cache, as a freshly decoded frame does. Exit status 1 when a budget is missed.
@@ -24,6 +26,7 @@
 
 #include "engine/multi_array.h"
 #include "frame_path.h"
+#include "protocol/i420.h"
 #include "time_stretch.h"
 
 using lumora2::FrameKernels;
@@ -149,6 +152,19 @@ int main(int argc, char** argv) {
               cv::getNumThreads(), cvMs, cvMs / copy);
 #endif
   ok = ok && ownMs <= 1.0;
+
+  std::vector<std::uint8_t> planes(FramePath::i420Bytes);
+  const double twoSteps = timeMs(frames, [&](int i) {
+    own.frameInto(input[i % kRotation].data(), kAmount, out, lumora2::PixelOrder::rgb);
+    lumora2::wire::toI420(out.data(), FramePath::width, FramePath::height, 0,
+                          lumora2::wire::PackedLayout::rgb24, planes.data());
+  });
+  const double rowByRow = timeMs(
+      frames, [&](int i) { own.frameIntoI420(input[i % kRotation].data(), kAmount, planes); });
+  std::printf("4:2:0 frames, the same bytes either way:\n");
+  std::printf("  frameInto, then toI420              %7.3f ms\n", twoSteps);
+  std::printf("  frameIntoI420, row by row           %7.3f ms = %4.2fx\n", rowByRow,
+              rowByRow / twoSteps);
 
   const std::vector<float> window = speech(44000);
   const double wsola =

@@ -1,6 +1,6 @@
 // Decoded half-precision planes to output pixels: the clipped 8-bit conversion, the B, G, R and
 // R, G, B layouts, the unsharp mask against a direct 5 × 5 convolution, and the two kernel sets
-// agreeing.
+// agreeing; 4:2:0 frames made from the rows as they come against the packed frame converted.
 #include "frame_path.h"
 
 #include <gtest/gtest.h>
@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "engine/multi_array.h"
+#include "protocol/i420.h"
 
 namespace lumora2 {
 namespace {
@@ -126,6 +127,29 @@ TEST(FramePath, VectorAndPortableKernelsGiveTheSameBytes) {
     }
   }
 }
+
+// The render process sends 4:2:0 frames made row by row (frameIntoI420); its parents compare and
+// mix them with pictures converted from packed R, G, B (wire::toI420). Both must be the same
+// bytes, with sharpening and without, from either kernel set.
+class I420Test : public ::testing::TestWithParam<float> {};
+
+TEST_P(I420Test, RowByRowIsThePackedFrameConverted) {
+  const float amount = GetParam();
+  const Raw raw = makeFrame(busy);
+  for (FrameKernels kernels : kBothKernels) {
+    FramePath path(kernels);
+    Bytes rgb(FramePath::frameBytes), expected(FramePath::i420Bytes), planes(FramePath::i420Bytes);
+    path.frameInto(raw.data(), amount, rgb, PixelOrder::rgb);
+    wire::toI420(rgb.data(), W, H, 0, wire::PackedLayout::rgb24, expected.data());
+    path.frameIntoI420(raw.data(), amount, planes);
+    ASSERT_EQ(planes, expected) << path.kernelName();
+  }
+  FramePath path;
+  Bytes wrong(FramePath::i420Bytes + 1);
+  EXPECT_THROW(path.frameIntoI420(raw.data(), amount, wrong), std::invalid_argument);
+}
+
+INSTANTIATE_TEST_SUITE_P(Amounts, I420Test, ::testing::Values(0.0f, 0.7f));
 
 }  // namespace
 }  // namespace lumora2

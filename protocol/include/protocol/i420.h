@@ -22,4 +22,18 @@ inline std::size_t i420Bytes(int width, int height) {
 void toI420(const std::uint8_t* packed, int width, int height, std::size_t stride,
             PackedLayout layout, std::uint8_t* out);
 
+// One row of a picture held as three 8-bit planes.
+struct PlanarRow {
+  const std::uint8_t* r;
+  const std::uint8_t* g;
+  const std::uint8_t* b;
+};
+
+// Two neighbouring rows (`top` above `bottom`, `width` even) to their two luma rows and one row of
+// each chroma plane: the same bytes toI420 gives for the same pixels packed. For a producer that
+// has its pictures as planes row by row (the engine's frame path), so that no packed picture is
+// made just to be converted. Takes AVX2 where the processor has it.
+void planarRowsToI420(PlanarRow top, PlanarRow bottom, int width, std::uint8_t* y0,
+                      std::uint8_t* y1, std::uint8_t* u, std::uint8_t* v);
+
 }  // namespace lumora2::wire
