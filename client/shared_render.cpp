@@ -19,6 +19,7 @@
 
 #include "child_process.h"
 #include "client_error.h"
+#include "frame_buffers.h"
 
 namespace lumora2::render {
 
@@ -41,7 +42,6 @@ struct SharedRenderProcess::Inbox {
   std::string why LUMORA2_GUARDED_BY(lock);
   std::deque<std::pair<RenderChannel::Event, std::vector<std::uint8_t>>> items
       LUMORA2_GUARDED_BY(lock);
-  std::vector<std::vector<std::uint8_t>> spare LUMORA2_GUARDED_BY(lock);
   // Messages not yet let through, with their samples (kResetMark: a reset), and the samples let
   // through that no frame has accounted for yet.
   std::deque<std::pair<std::string, std::size_t>> held LUMORA2_GUARDED_BY(lock);
@@ -215,14 +215,13 @@ void SharedRenderProcess::deliver(const sw::RecordReader::Item& item) {
         break;
       case Kind::frame: {
         inbox->ahead -= std::min(inbox->ahead, wire::kSamplesPerFrame);
-        std::vector<std::uint8_t> pixels;
-        if (!inbox->spare.empty()) {
-          pixels = std::move(inbox->spare.back());
-          inbox->spare.pop_back();
-        }
-        // The reader's buffer itself becomes the frame; the spare takes its place there.
+        const std::size_t bytes =
+            sw::framePixelBytes(geometry_.width, geometry_.height, inbox->flags);
+        // The reader's buffer itself becomes the frame; a kept one, already of a frame's size,
+        // takes its place there.
+        std::vector<std::uint8_t> pixels = takeFrameBuffer(bytes);
         std::swap(pixels, *item.buffer);
-        pixels.resize(sw::framePixelBytes(geometry_.width, geometry_.height, inbox->flags));
+        pixels.resize(bytes);
         RenderChannel::Event event{RenderChannel::Event::Kind::frame, item.position};
         inbox->items.emplace_back(event, std::move(pixels));
         inbox->pump(*this);
@@ -356,11 +355,8 @@ RenderChannel::Event SharedSession::next(Clock::time_point deadline) {
   }
   auto [event, pixels] = std::move(inbox_->items.front());
   inbox_->items.pop_front();
-  // At most two kept for the reader: frames the session drops (a segment it abandoned) would
-  // otherwise pile up here until the next frame comes.
-  if (!handedOut_.empty() && inbox_->spare.size() < 2) {
-    inbox_->spare.push_back(std::move(handedOut_));
-  }
+  // A frame the session did not take goes back for the reader.
+  if (!handedOut_.empty()) keepFrameBuffer(std::move(handedOut_));
   handedOut_ = std::move(pixels);
   if (event.kind == Event::Kind::frame) event.rgb = handedOut_.data();
   return event;

@@ -5,6 +5,7 @@
 
 #include <utility>
 
+#include "client/frame_buffers.h"
 #include "client/speech_text.h"
 #include "client/utterances.h"
 #include "media/webrtc_sender.h"
@@ -130,6 +131,7 @@ LiveSession::Answer LiveSession::connect(const std::string& offer) {
   events.ended = [this, generation](const std::string& why) { viewerLeft(generation, why); };
   WebRtcSender::Options media;
   media.soundDelay = options_.soundDelay;
+  media.recyclePicture = render::keepFrameBuffer;
   // A viewer not connected by the time its place would be given to another has no path.
   media.connectTimeout = options_.viewerSetup;
   const IceConfig& ice = *options_.ice;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "client/frame_buffers.h"
 #include "protocol/stream_wire.h"
 
 namespace lumora2::serve {
@@ -328,7 +329,10 @@ void LiveTimeline::onComposed(const Picture& picture) {
     finished_.pop_front();
   }
   LiveFrame frame;
-  frame.picture = picture;
+  frame.picture.width = picture.width;
+  frame.picture.height = picture.height;
+  frame.picture.bytes = render::takeFrameBuffer(picture.bytes.size());
+  std::copy(picture.bytes.begin(), picture.bytes.end(), frame.picture.bytes.begin());
   frame.samples.assign(kFrameSamples, 0.0f);
   const Item* owner = nullptr;
   for (const auto& item : finished_)
@@ -421,6 +425,7 @@ bool LiveTimeline::decide(TimePoint now) {
       }
       composer_.rendered(frame->second);
       ++renderedOut_;
+      render::keepFrameBuffer(std::move(frame->second.bytes));  // composed, it goes on as a copy
       segment->frames.erase(frame);
       segment->played = p + 1;
       --framesAhead_;

@@ -543,6 +543,23 @@ GstBuffer* wrapped(std::vector<T>&& data) {
                                      [](gpointer p) { delete static_cast<std::vector<T>*>(p); });
 }
 
+// The same for a picture whose buffer goes to `recycle` when GStreamer lets go of it.
+using Recycle = void (*)(std::vector<std::uint8_t>&&);
+GstBuffer* recycled(std::vector<std::uint8_t>&& data, Recycle recycle) {
+  struct Owned {
+    std::vector<std::uint8_t> bytes;
+    Recycle recycle;
+  };
+  auto* owned = new Owned{std::move(data), recycle};
+  const gsize bytes = owned->bytes.size();
+  return gst_buffer_new_wrapped_full(GstMemoryFlags(0), owned->bytes.data(), bytes, 0, bytes, owned,
+                                     [](gpointer p) {
+                                       auto* o = static_cast<Owned*>(p);
+                                       o->recycle(std::move(o->bytes));
+                                       delete o;
+                                     });
+}
+
 }  // namespace
 
 void WebRtcSender::push(std::chrono::nanoseconds pts, std::vector<std::uint8_t>&& i420,
@@ -561,7 +578,9 @@ void WebRtcSender::push(std::chrono::nanoseconds pts, std::vector<std::uint8_t>&
   const GstClockTime frame = GST_SECOND / GstClockTime(impl_->options.fps);
   const gsize pictureBytes = gsize(impl_->options.width) * gsize(impl_->options.height) * 3 / 2;
   if (i420.size() != pictureBytes) return;  // not a picture of this stream
-  GstBuffer* picture = wrapped(std::move(i420));
+  GstBuffer* picture = impl_->options.recyclePicture != nullptr
+                           ? recycled(std::move(i420), impl_->options.recyclePicture)
+                           : wrapped(std::move(i420));
   GST_BUFFER_PTS(picture) = at;
   GST_BUFFER_DURATION(picture) = frame;
   gst_app_src_push_buffer(GST_APP_SRC(impl_->video), picture);

@@ -86,6 +86,9 @@ class WebRtcSender {
     // Diagnostics: a known fault, for proving that a lip-sync measurement at the viewer sees one
     // (the delay is at most 1000 ms).
     SoundDelay soundDelay;
+    // Where each picture's buffer goes once the encoder is done with it (any thread; it may
+    // outlive the sender): null frees it.
+    void (*recyclePicture)(std::vector<std::uint8_t>&&) = nullptr;
   };
   struct Events {
     std::function<void()> connected;  // media can flow: the clock starts
