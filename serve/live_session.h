@@ -74,7 +74,7 @@ struct SessionOptions {
   render::StreamChild::Command command;  // avatar and engine filled in per session
   // Where sessions are rendered (shared processes, or a child each); none: a child each.
   std::shared_ptr<render::RenderPool> renderers;
-  std::size_t maxQueuedItems = 8;    // speech items waiting or playing
+  std::size_t maxQueuedItems = 8;  // speech items waiting or playing
   // Rendered frames held before the child is made to wait: five seconds of speech ahead, 45 MB of
   // 4:2:0 pictures per session (the largest part of a session's memory in the server).
   std::size_t maxFramesAhead = 100;
@@ -266,6 +266,9 @@ class LiveSession {
   std::string childState_ LUMORA2_GUARDED_BY(lock_) = "warming";
   pid_t childPid_ LUMORA2_GUARDED_BY(lock_) = -1;
   std::uint64_t stalls_ LUMORA2_GUARDED_BY(lock_) = 0;
+  // The pacer is stalled, waiting for a rendered frame: the render loop wakes it with each one.
+  // Otherwise frames wait for their time, and their arrival wakes nobody.
+  bool pacerStarved_ LUMORA2_GUARDED_BY(lock_) = false;
   double stalledSeconds_ LUMORA2_GUARDED_BY(lock_) = 0;
   // The latest stall: what it waited for, and when (seconds of the session's clock).
   std::optional<std::pair<LiveTimeline::Wait, double>> lastStall_ LUMORA2_GUARDED_BY(lock_);

@@ -93,7 +93,9 @@ void LiveSession::paceViewer(const std::shared_ptr<WebRtcSender>& sender) {
                                     {"after_connect_s", at}});
         }
         stalled = true;
+        pacerStarved_ = true;
         changed_.wait_for(lock_, std::chrono::milliseconds(5));
+        pacerStarved_ = false;
         const auto late = Clock::now() - due;
         if (late > Clock::duration::zero()) {
           paused += late;
