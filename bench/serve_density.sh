@@ -232,6 +232,8 @@ try:
                     refused = time.monotonic()
                 elif time.monotonic() - refused > 20:
                     row["refused"] = json.loads(e.read() or b"{}")
+                    row["render_fps_at_refusal"] = sorted(
+                        round(st["render_fps"], 1) for st in statuses().values())
                     break
                 time.sleep(1)
         if "refused" in row:
@@ -325,6 +327,10 @@ try:
             "mib_per_extra_session": extra(total, first[1]),
             "server_mib_per_extra_session": extra(server_mib, first[2]),
             "render_mib_per_extra_session": extra(render_mib, first[3]),
+            # Each render process's speed over each session's last segment, as the server measured
+            # it: its admission refuses newcomers while the slowest is below 20 frames a second.
+            "render_fps_slowest": round(min(after[s]["render_fps"] for s in sessions), 1),
+            "render_fps_median": round(sorted(after[s]["render_fps"] for s in sessions)[n // 2], 1),
             "capacity_claimed": readyz().get("capacity"),
             "load": round(os.getloadavg()[0], 2)})
         if errors:
