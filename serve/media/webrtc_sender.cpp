@@ -534,28 +534,20 @@ std::size_t WebRtcSender::addCandidates(const std::string& fragment) {
 
 namespace {
 
-// A GStreamer buffer over `data`'s storage, which it owns from here on.
+// A GStreamer buffer over `data`'s storage, which it owns from here on; when GStreamer lets go
+// of it the storage goes to `recycle`, or is freed without one.
 template <typename T>
-GstBuffer* wrapped(std::vector<T>&& data) {
-  auto* owned = new std::vector<T>(std::move(data));
-  const gsize bytes = owned->size() * sizeof(T);
-  return gst_buffer_new_wrapped_full(GstMemoryFlags(0), owned->data(), bytes, 0, bytes, owned,
-                                     [](gpointer p) { delete static_cast<std::vector<T>*>(p); });
-}
-
-// The same for a picture whose buffer goes to `recycle` when GStreamer lets go of it.
-using Recycle = void (*)(std::vector<std::uint8_t>&&);
-GstBuffer* recycled(std::vector<std::uint8_t>&& data, Recycle recycle) {
+GstBuffer* wrapped(std::vector<T>&& data, void (*recycle)(std::vector<T>&&) = nullptr) {
   struct Owned {
-    std::vector<std::uint8_t> bytes;
-    Recycle recycle;
+    std::vector<T> data;
+    void (*recycle)(std::vector<T>&&);
   };
   auto* owned = new Owned{std::move(data), recycle};
-  const gsize bytes = owned->bytes.size();
-  return gst_buffer_new_wrapped_full(GstMemoryFlags(0), owned->bytes.data(), bytes, 0, bytes, owned,
+  const gsize bytes = owned->data.size() * sizeof(T);
+  return gst_buffer_new_wrapped_full(GstMemoryFlags(0), owned->data.data(), bytes, 0, bytes, owned,
                                      [](gpointer p) {
                                        auto* o = static_cast<Owned*>(p);
-                                       o->recycle(std::move(o->bytes));
+                                       if (o->recycle != nullptr) o->recycle(std::move(o->data));
                                        delete o;
                                      });
 }
@@ -578,9 +570,7 @@ void WebRtcSender::push(std::chrono::nanoseconds pts, std::vector<std::uint8_t>&
   const GstClockTime frame = GST_SECOND / GstClockTime(impl_->options.fps);
   const gsize pictureBytes = gsize(impl_->options.width) * gsize(impl_->options.height) * 3 / 2;
   if (i420.size() != pictureBytes) return;  // not a picture of this stream
-  GstBuffer* picture = impl_->options.recyclePicture != nullptr
-                           ? recycled(std::move(i420), impl_->options.recyclePicture)
-                           : wrapped(std::move(i420));
+  GstBuffer* picture = wrapped(std::move(i420), impl_->options.recyclePicture);
   GST_BUFFER_PTS(picture) = at;
   GST_BUFFER_DURATION(picture) = frame;
   gst_app_src_push_buffer(GST_APP_SRC(impl_->video), picture);
