@@ -20,8 +20,8 @@ std::optional<Lumora2Engine::FrameInfo> Lumora2Engine::pullInto(std::span<std::u
   if (frame.size() != kFrameBytes) {
     throw std::invalid_argument("pullInto: a frame takes 898,560 bytes");
   }
-  return pullWith([&](const Unit& unit) {
-    framePath_->frameInto(unit.raw.halves(), settings_.sharpen, frame, order);
+  return pullWith([&](FramePath& path, const Unit& unit) {
+    path.frameInto(unit.raw.halves(), settings_.sharpen, frame, order);
   });
 }
 
@@ -30,8 +30,8 @@ std::optional<Lumora2Engine::FrameInfo> Lumora2Engine::pullI420Into(
   if (planes.size() != kI420Bytes) {
     throw std::invalid_argument("pullI420Into: a 4:2:0 frame takes 449,280 bytes");
   }
-  return pullWith([&](const Unit& unit) {
-    framePath_->frameIntoI420(unit.raw.halves(), settings_.sharpen, planes);
+  return pullWith([&](FramePath& path, const Unit& unit) {
+    path.frameIntoI420(unit.raw.halves(), settings_.sharpen, planes);
   });
 }
 
@@ -50,7 +50,7 @@ std::optional<Lumora2Engine::FrameInfo> Lumora2Engine::pullWith(Convert convert)
   if (remaining >= static_cast<std::size_t>(maxQueuedFrames - 1)) scheduleProcessing();
   {
     MutexLock hold(pulling_);
-    convert(unit);
+    convert(*framePath_, unit);
   }
   return FrameInfo{unit.legacySpeech, unit.isSpeech, unit.pos};
 }

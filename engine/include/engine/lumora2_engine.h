@@ -178,7 +178,8 @@ class Lumora2Engine final : public std::enable_shared_from_this<Lumora2Engine> {
     bool speech = false;  // some sample above 0.001, padding included
   };
 
-  // frame_queue.cpp: takes the next frame off the queue and has `convert` write it out.
+  // frame_queue.cpp: takes the next frame off the queue and has `convert(framePath, unit)` write
+  // it out.
   template <class Convert>
   std::optional<FrameInfo> pullWith(Convert convert) LUMORA2_EXCLUDES(lock_, pulling_);
   // warm_up.cpp
