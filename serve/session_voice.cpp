@@ -122,16 +122,19 @@ void LiveSession::voiceLoop() {
               return false;
             }
             job->made += count;
-            MutexLock hold(lock_);
-            if (ended_) return false;
-            if (sayTimes_ && sayTimes_->item == job->item && !sayTimes_->fed) {
-              sayTimes_->fed = Clock::now();
+            {
+              MutexLock hold(lock_);
+              if (ended_) return false;
+              if (sayTimes_ && sayTimes_->item == job->item && !sayTimes_->fed) {
+                sayTimes_->fed = Clock::now();
+              }
+              timeline_.appendStream(job->item, samples, count);
+              auto& spoken = spoken_[job->item];
+              spoken.push_back(SpokenSentence{sentence.text, before, job->made, words});
+              for (auto& w : spoken.back().words) w.sample += before;
+              lastActivity_ = Clock::now();
             }
-            timeline_.appendStream(job->item, samples, count);
-            auto& spoken = spoken_[job->item];
-            spoken.push_back(SpokenSentence{sentence.text, before, job->made, words});
-            for (auto& w : spoken.back().words) w.sample += before;
-            lastActivity_ = Clock::now();
+            changed_.notify_all();  // the render loop sends the new sound on at once
             return true;
           },
           [&](const std::vector<render::Voice::WordMark>& marks) { words = marks; });
